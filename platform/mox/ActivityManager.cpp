@@ -1,0 +1,77 @@
+#define MOX_SOURCE_NAME "ActivityManager"
+#include <mox/ActivityManager.h>
+
+#include <mox/RealClock.h>
+#include <mox/TurnLoop.h>
+#include <mox/Type.h>
+
+namespace Mox {
+
+namespace {
+
+// A plain pointer beside the owner: it can be read while and after the thread's locals are destroyed.
+constinit thread_local ActivityManager* current = nullptr;
+
+/// The thread's own reference.
+struct Holder {
+    Ptr<ActivityManager> manager;
+};
+thread_local Holder holder;
+
+} // namespace
+
+ActivityManager::Config::Config() : clock_(RealClock::RealClockIs()) {}
+
+void ActivityManager::Config::clockIs(Ptr<Clock> const& clock) {
+    clock_ = clock ? clock : Ptr<Clock>(RealClock::RealClockIs());
+}
+
+ActivityManager::ActivityManager() : config_(new Config), turnLoop_(std::make_unique<TurnLoop>()) {}
+
+ActivityManager::~ActivityManager() {
+    if (current == this)
+        current = nullptr;
+}
+
+void ActivityManager::run() {
+    Ptr<ActivityManager> const self = this;
+    turnLoop_->run(false);
+}
+
+void ActivityManager::runUntil(Seconds time) {
+    Ptr<ActivityManager> const self = this;
+    turnLoop_->runUntil(time, false);
+}
+
+U64 ActivityManager::runOnce() {
+    Ptr<ActivityManager> const self = this;
+    return turnLoop_->runOnce();
+}
+
+void ActivityManager::stop() { turnLoop_->stop(); }
+
+Seconds ActivityManager::nextDue() const { return turnLoop_->nextDue(); }
+
+MOX_DEFINE_TYPE(ActivityManager, "Mox::ActivityManager", &PtrInterface::type())
+
+Ptr<ActivityManager> activityManager() {
+    if (!current) {
+        Ptr<ActivityManager> made = new ActivityManager;
+        current = made.ptr();
+        static thread_local bool first = true;
+        if (std::exchange(first, false))
+            holder.manager = made; // once: later in the thread's end, users alone keep it
+        return made;
+    }
+    return current;
+}
+
+Clock const& threadClock() {
+    if (!current) [[unlikely]]
+        activityManager();
+    return *current->config()->clock();
+}
+
+Seconds now() { return threadClock().now(); }
+
+} // namespace Mox

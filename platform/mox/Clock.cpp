@@ -1,0 +1,62 @@
+#define MOX_SOURCE_NAME "Clock"
+#include <mox/Clock.h>
+
+#include <mox/ActivityManager.h>
+#include <mox/Assert.h>
+#include <mox/TurnLoop.h>
+#include <mox/Type.h>
+#include <mox/Wakeup.h>
+
+#include <cmath>
+
+namespace Mox {
+
+MOX_DEFINE_TYPE(Clock, "Mox::Clock", &PtrInterface::type())
+
+bool Clock::idleUntil(Seconds) const { return false; }
+
+class Clock::NotifieeConst::Alarm : public Wakeup {
+  public:
+    Alarm(NotifieeConst& reactor, Ptr<ActivityManager> manager)
+        : Wakeup(manager->turnLoop(), reactor.notifier()), reactor_(reactor), manager_(std::move(manager)) {}
+
+  private:
+    void onWakeup() override {
+        reactor_.timeMin_ = endOfTime;
+        if (reactor_.isTold())
+            ReactorList<NotifieeConst>::notifyOne<0>(&reactor_);
+    }
+
+    NotifieeConst& reactor_;
+    Ptr<ActivityManager> const manager_;
+};
+
+Clock::NotifieeConst::NotifieeConst() = default;
+Clock::NotifieeConst::~NotifieeConst() = default;
+
+void Clock::NotifieeConst::timeMinIs(Seconds time) {
+    MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
+    timeMin_ = time;
+    if (time == endOfTime) {
+        if (alarm_)
+            alarm_->cancel();
+        return;
+    }
+    if (!alarm_) {
+        MOX_ASSERT_AS("notifier()", rawNotifier());
+        alarm_ = std::make_unique<Alarm>(*this, activityManager());
+    }
+    alarm_->at(time);
+}
+
+void Clock::NotifieeConst::handleNotifier() {
+    timeMin_ = endOfTime;
+    alarm_.reset(); // it belongs to the former clock
+}
+
+void Clock::NotifieeConst::handleNotification(U32 notification) {
+    if (notification == 0)
+        onTime();
+}
+
+} // namespace Mox

@@ -1,0 +1,260 @@
+#pragma once
+
+#include <mox/Assert.h>
+#include <mox/Integers.h>
+#include <mox/String.h>
+
+#include <algorithm>
+#include <bit>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace Mox {
+
+/// A key's hash: its own `hash()` where it has one, the address of a pointer, the bytes of a string.
+template <class K> U32 hash(K const& key) {
+    if constexpr (requires { key.hash(); })
+        return static_cast<U32>(key.hash());
+    else if constexpr (std::is_pointer_v<K>)
+        return static_cast<U32>(reinterpret_cast<std::uintptr_t>(key));
+    else
+        return static_cast<U32>(std::hash<std::string_view>{}(key));
+}
+
+/// A key's place in map order: its hash bit-reversed, then spread, since addresses are multiples of 16 and
+/// would leave most buckets unused. The spread is the 32-bit finalizer of MurmurHash3 (Austin Appleby), a
+/// bijection: keys of different hash keep different codes.
+template <class K> U32 hashOrder(K const& key) {
+    U32 code = hash(key);
+    code = (code >> 1 & 0x55555555u) | (code & 0x55555555u) << 1;
+    code = (code >> 2 & 0x33333333u) | (code & 0x33333333u) << 2;
+    code = (code >> 4 & 0x0f0f0f0fu) | (code & 0x0f0f0f0fu) << 4;
+    code = __builtin_bswap32(code);
+    code = (code ^ code >> 16) * 0x85ebca6bu;
+    code = (code ^ code >> 13) * 0xc2b2ae35u;
+    return code ^ code >> 16;
+}
+
+/// A hash table over nodes that hold their own link, so that it allocates only its buckets.
+///
+/// The bucket of a node is the top bits of its order code, chains are sorted by (code, key): the order of a
+/// walk is that of (code, key) whatever the number of buckets, and survives growth. A walk across foreign
+/// code holds a key and resumes with `from(key)`, never a node.
+///
+/// Traits names `Key` and `Node` and gives `key(node)`, `code(node)` and a reference `next(node)`.
+template <class Traits> class HashTable {
+  public:
+    using Key = typename Traits::Key;
+    using Node = typename Traits::Node;
+
+    HashTable() = default;
+    HashTable(HashTable const&) = delete;
+    HashTable& operator=(HashTable const&) = delete;
+
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+
+    Node* find(Key const& key) const {
+        Node* const node = lowerBound(key);
+        return node && Traits::key(*node) == key ? node : nullptr;
+    }
+
+    /// Requires: no node of that key is there.
+    void insert(Node* node) {
+        if (size_ == buckets_.size())
+            grow();
+        Node** const place = placeOf(Traits::code(*node), Traits::key(*node));
+        MOX_ASSERT_IN("HashMap", "no node of that key is there",
+                      !*place || !(Traits::key(**place) == Traits::key(*node)));
+        Traits::next(*node) = *place;
+        *place = node;
+        ++size_;
+    }
+
+    /// The node of that key, taken out; null when there is none.
+    Node* remove(Key const& key) {
+        if (buckets_.empty())
+            return nullptr;
+        Node** const place = placeOf(hashOrder(key), key);
+        Node* const node = *place;
+        if (!node || !(Traits::key(*node) == key))
+            return nullptr;
+        *place = Traits::next(*node);
+        Traits::next(*node) = nullptr;
+        --size_;
+        return node;
+    }
+
+    Node* first() const { return firstFrom(0); }
+    Node* after(Node const* node) const {
+        Node* const next = Traits::next(*const_cast<Node*>(node));
+        return next ? next : firstFrom(bucketOf(Traits::code(*node)) + 1);
+    }
+    /// The first node not before that key, whether or not the key is there.
+    Node* from(Key const& key) const {
+        if (buckets_.empty())
+            return nullptr;
+        Node* const node = lowerBound(key);
+        return node ? node : firstFrom(bucketOf(hashOrder(key)) + 1);
+    }
+
+  private:
+    static constexpr std::size_t fewestBuckets = 8;
+
+    std::size_t bucketOf(U32 code) const { return static_cast<std::size_t>(code) >> shift_; }
+
+    Node* firstFrom(std::size_t bucket) const {
+        if (size_ == 0)
+            return nullptr;
+        for (; bucket < buckets_.size(); ++bucket)
+            if (buckets_[bucket])
+                return buckets_[bucket];
+        return nullptr;
+    }
+
+    /// Within the key's bucket only.
+    Node* lowerBound(Key const& key) const {
+        return buckets_.empty() ? nullptr : *placeOf(hashOrder(key), key);
+    }
+
+    /// The link that points, or would point, at the first node of the bucket not before (code, key).
+    Node** placeOf(U32 code, Key const& key) const {
+        Node** place = const_cast<Node**>(&buckets_[bucketOf(code)]);
+        while (*place && before(**place, code, key))
+            place = &Traits::next(**place);
+        return place;
+    }
+    static bool before(Node& node, U32 code, Key const& key) {
+        U32 const own = Traits::code(node);
+        return own != code ? own < code : Traits::key(node) < key;
+    }
+
+    /// Doubles the buckets; each chain is dealt out in order, so that the new ones are in order too.
+    void grow() {
+        std::vector<Node*> old(std::max(fewestBuckets, 2 * buckets_.size()));
+        old.swap(buckets_);
+        shift_ = 32 - static_cast<U32>(std::countr_zero(buckets_.size()));
+        for (Node* chain : old) {
+            Node** tail[2] = {nullptr, nullptr};
+            while (chain) {
+                std::size_t const bucket = bucketOf(Traits::code(*chain));
+                Node**& end = tail[bucket & 1];
+                if (!end)
+                    end = &buckets_[bucket];
+                *end = chain;
+                end = &Traits::next(*chain);
+                chain = std::exchange(Traits::next(*chain), nullptr);
+            }
+        }
+    }
+
+    std::vector<Node*> buckets_; // none until the first insertion, then a power of two
+    std::size_t size_ = 0;
+    U32 shift_ = 0; // from a code to its bucket
+};
+
+/// A hash map that owns its entries, in the order that HashTable states. Pointers and references to an entry
+/// stay good until that entry is erased.
+template <class K, class V> class HashMap {
+    struct Node {
+        Node(K const& key, V value) : code(hashOrder(key)), entry(key, std::move(value)) {}
+        Node* next = nullptr;
+        U32 code;
+        std::pair<K const, V> entry;
+    };
+    struct Traits {
+        using Key = K;
+        using Node = HashMap::Node;
+        static K const& key(Node const& node) { return node.entry.first; }
+        static U32 code(Node const& node) { return node.code; }
+        static Node*& next(Node& node) { return node.next; }
+    };
+    using Table = HashTable<Traits>;
+
+  public:
+    class IteratorConst {
+      public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = std::pair<K const, V>;
+        using difference_type = std::ptrdiff_t;
+        using pointer = value_type const*;
+        using reference = value_type const&;
+
+        IteratorConst() = default;
+        reference operator*() const { return node_->entry; }
+        pointer operator->() const { return &node_->entry; }
+        IteratorConst& operator++() {
+            node_ = table_->after(node_);
+            return *this;
+        }
+        IteratorConst operator++(int) {
+            IteratorConst const old = *this;
+            ++*this;
+            return old;
+        }
+        friend bool operator==(IteratorConst const& a, IteratorConst const& b) { return a.node_ == b.node_; }
+
+      private:
+        friend class HashMap;
+        IteratorConst(Table const* table, Node* node) : table_(table), node_(node) {}
+        Table const* table_ = nullptr;
+        Node* node_ = nullptr;
+    };
+
+    HashMap() = default;
+    HashMap(HashMap const& other) { *this = other; }
+    HashMap(HashMap&&) = delete;
+    HashMap& operator=(HashMap const& other) {
+        if (this != &other) {
+            clear();
+            for (auto const& [key, value] : other)
+                valueIs(key, value);
+        }
+        return *this;
+    }
+    ~HashMap() { clear(); }
+
+    std::size_t size() const { return table_.size(); }
+    bool empty() const { return table_.empty(); }
+
+    IteratorConst begin() const { return {&table_, table_.first()}; }
+    IteratorConst end() const { return {&table_, nullptr}; }
+    /// The first entry not before that key, whether or not the key is there.
+    IteratorConst iteratorFrom(K const& key) const { return {&table_, table_.from(key)}; }
+
+    V const* find(K const& key) const { return const_cast<HashMap*>(this)->find(key); }
+    V* find(K const& key) {
+        Node* const node = table_.find(key);
+        return node ? &node->entry.second : nullptr;
+    }
+
+    /// Inserts the value or replaces the one that is there; returns where it stands.
+    V& valueIs(K const& key, V value) {
+        if (V* const there = find(key))
+            return *there = std::move(value);
+        auto node = std::make_unique<Node>(key, std::move(value));
+        table_.insert(node.get());
+        return node.release()->entry.second;
+    }
+
+    bool erase(K const& key) { return std::unique_ptr<Node>(table_.remove(key)) != nullptr; }
+
+    void clear() {
+        // Bucket by bucket from the front: an erased entry's successor is the next first one.
+        for (IteratorConst at = begin(); at != end();) {
+            Node* const node = at.node_;
+            ++at;
+            table_.remove(node->entry.first);
+            delete node;
+        }
+    }
+
+  private:
+    Table table_;
+};
+
+} // namespace Mox

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <mox/Reactor.h>
+
+#include <type_traits>
+
+namespace Mox {
+
+/// One notification under way: a frame on the stack of the thread. Leaving a list repairs every frame of the
+/// thread, so that no reactor that left is called; whoever joins stands behind `last_`.
+class MOX_EXPORT Walk {
+  public:
+    Walk(Reactor* first, Reactor* last) : next_(first), last_(last), outer_(innermost_) { innermost_ = this; }
+    ~Walk() { innermost_ = outer_; }
+    Walk(Walk const&) = delete;
+    Walk& operator=(Walk const&) = delete;
+
+    /// The next reactor to call; null at the end.
+    Reactor* step() {
+        current_ = next_;
+        if (current_)
+            next_ = current_ == last_ ? nullptr : current_->next_;
+        return current_;
+    }
+    /// Calls one reactor that is in no list (alarms are told one by one).
+    void calling(Reactor* reactor) { current_ = reactor; }
+
+    /// Hands what the current reactor threw to its handler, or to the trace when it is gone by now.
+    void failed(std::exception_ptr thrown) noexcept;
+
+    static void left(Reactor const* reactor) {
+        if (innermost_) [[unlikely]]
+            repairAll(reactor);
+    }
+    static void destroyed(Reactor const* reactor) {
+        for (Walk* walk = innermost_; walk; walk = walk->outer_)
+            if (walk->current_ == reactor)
+                walk->current_ = nullptr;
+    }
+
+  private:
+    static void repairAll(Reactor const* reactor);
+    void repair(Reactor const* reactor);
+
+    Reactor* next_;
+    Reactor* last_;
+    Reactor* current_ = nullptr;
+    Walk* outer_;
+
+    static constinit thread_local Walk* innermost_ MOX_FAST_TLS;
+};
+
+/// The reactors of one notifier: one pointer, to a ring that the reactors' own links form.
+class MOX_EXPORT ReactorChain {
+  public:
+    ReactorChain() = default;
+    ReactorChain(ReactorChain const&) = delete;
+    ReactorChain& operator=(ReactorChain const&) = delete;
+    ~ReactorChain();
+
+    bool empty() const { return !head_; }
+
+  protected:
+    Reactor* first() const { return head_; }
+    Reactor* last() const { return head_->previous_; }
+
+  private:
+    friend class Reactor;
+    void append(Reactor* reactor);
+    void remove(Reactor* reactor);
+
+    Reactor* head_ = nullptr;
+};
+
+/// The list that a notifying type keeps, with R its NotifieeConst. R numbers its notifications and names
+/// their callbacks by a static constexpr function `callback(number)`.
+///
+/// A walk tells a snapshot: a reactor that was removed, destroyed, muted or made a zombie meanwhile is not
+/// called any more; one that joined or came back is not called yet. Walks nest. The notifier itself may be
+/// destroyed in a callback: callers touch nothing of it after `notify`.
+template <class R> class ReactorList : public ReactorChain {
+  public:
+    /// Calls `callback(notification)` on every reactor, in the order in which they came.
+    template <U32 notification, class Derived = R> void notify() const {
+        if (empty())
+            return;
+        Walk walk(first(), last());
+        while (Reactor* reactor = walk.step())
+            tell<notification, Derived>(walk, reactor);
+    }
+
+    /// Calls one reactor that the notifier keeps track of in its own way.
+    template <U32 notification> static void notifyOne(R* reactor) {
+        Walk walk(nullptr, nullptr);
+        walk.calling(reactor);
+        tell<notification, R>(walk, reactor);
+    }
+
+  private:
+    template <U32 notification, class Derived> static void tell(Walk& walk, Reactor* reactor) {
+        if (!reactor->notificationActive(notification))
+            return;
+        constexpr auto callback = Derived::callback(notification);
+        try {
+            if constexpr (std::is_same_v<Derived, R>)
+                (static_cast<R*>(reactor)->*callback)();
+            else if (Derived* derived = dynamic_cast<Derived*>(reactor))
+                (derived->*callback)();
+        } catch (...) {
+            walk.failed(std::current_exception());
+        }
+    }
+};
+
+} // namespace Mox

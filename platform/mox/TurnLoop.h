@@ -1,0 +1,117 @@
+#pragma once
+
+#include <mox/Export.h>
+#include <mox/Seconds.h>
+#include <mox/SteadyClock.h>
+#include <mox/Wakeup.h>
+
+#include <boost/intrusive/list.hpp>
+
+#include <memory>
+#include <vector>
+
+namespace boost::asio {
+class io_context;
+}
+
+namespace Mox {
+
+/// The loop under the activity manager and under Kel::EventLoop: immediate calls, timers, and an Asio
+/// io_context for descriptors and for waiting.
+///
+/// One turn calls what was asked for before it began; what re-arms itself in its callback runs on the next
+/// turn. While immediate calls are pending, turns follow each other without a system call until a budget
+/// ends: 10 microseconds of steady time by the readings that others took, or when that clock went back, or
+/// 256 turns. Then timers and descriptors are looked at, so that both are served however busy the loop is.
+/// Timers on a clock that is not real are looked at on every turn, so that the order of a run under virtual
+/// time does not depend on how fast the machine is.
+///
+/// An attached loop lives in the application's io_context: a posted handler runs turns for one budget, then
+/// posts itself again.
+///
+/// One thread; other threads may post to the io_context. `fork()` in that thread gives the child a descriptor
+/// set of its own (an application that brought its io_context tells it of the fork itself). Callers of the
+/// run functions keep the loop alive meanwhile.
+class MOX_EXPORT TurnLoop {
+  public:
+    TurnLoop();
+    /// Attaches to the application's io_context; the posted handler keeps the owner alive while it runs.
+    TurnLoop(boost::asio::io_context& ioContext, PtrInterface const& owner);
+    ~TurnLoop();
+    TurnLoop(TurnLoop const&) = delete;
+    TurnLoop& operator=(TurnLoop const&) = delete;
+
+    boost::asio::io_context& ioContext() const;
+
+    /// Turns until `stop()`, or until nothing is pending (or, waiting when idle, for ever).
+    void run(bool waitsWhenIdle);
+    /// Turns until the thread's clock has reached the time and what is due then was called; under a clock
+    /// that is not real, also until no immediate call is left. Earlier after `stop()`, or when nothing can
+    /// happen any more. Requires: not a NaN.
+    void runUntil(Seconds time, bool waitsWhenIdle);
+    /// One turn without waiting, timers and descriptors included; returns the number of callbacks made.
+    U64 runOnce();
+    /// Ends the run under way (and those it is nested in) after the present callback.
+    void stop() { stopped_ = true; }
+
+    /// Seconds until something is due: 0 when something is, endOfTime when nothing is pending. Descriptors do
+    /// not count.
+    Seconds nextDue() const;
+
+  private:
+    friend class Wakeup;
+    struct Io;
+    class Fork;
+    class Driving;
+    using WakeupList =
+        boost::intrusive::list<Wakeup,
+                               boost::intrusive::member_hook<Wakeup, Wakeup::TurnHook, &Wakeup::turnHook_>,
+                               boost::intrusive::constant_time_size<false>>;
+
+    explicit TurnLoop(std::unique_ptr<Io> io);
+
+    void nextTurn(Wakeup& wakeup) {
+        immediate_.push_back(wakeup);
+        pendingChanged();
+    }
+    /// An attached loop that is not running leaves the io_context something to go on with.
+    void pendingChanged() {
+        if (isAttached_ && driven_ == 0)
+            requestPump();
+    }
+    TimerQueue& queueOf(Ptr<Clock const> const& clock);
+
+    U64 turn();
+    void runBudget();
+    void runTurns();
+    bool budgetSpent() const;
+    void serveTimers();
+    bool serveVirtualTimers();
+    void serve(TimerQueue& queue);
+    U64 pollDescriptors();
+
+    bool wait(Seconds limit, bool waitsWhenIdle);
+    bool clocksJump(Seconds limit) const;
+    Seconds sleepTime(Seconds limit) const;
+    bool waitForDescriptors(bool waitsWhenIdle);
+
+    void requestPump();
+    void pump();
+    void armWait();
+
+    WakeupList immediate_; // the next turn
+    WakeupList batch_;     // the turn under way, shared with turns nested in it
+    bool stopped_ = false;
+    bool const isAttached_;
+    U32 driven_ = 0; // run functions under way
+
+    // The budget under way.
+    SteadyClock::TimePoint budgetStart_{};
+    U32 budgetTurns_ = 0;
+
+    std::vector<std::unique_ptr<TimerQueue>> queues_; // the thread's clock first
+    std::unique_ptr<Io> io_;
+    TurnLoop* nextOfThread_ = nullptr; // the loops that a fork has to tell
+};
+
+} // namespace Mox

@@ -1,0 +1,66 @@
+#define MOX_SOURCE_NAME "Wakeup"
+#include <mox/Wakeup.h>
+
+#include <mox/Assert.h>
+#include <mox/TimerQueue.h>
+#include <mox/TurnLoop.h>
+
+#include <cmath>
+
+namespace Mox {
+
+Wakeup::Wakeup(TurnLoop& loop, Ptr<Clock const> clock) : loop_(loop), clock_(std::move(clock)) {}
+
+Wakeup::~Wakeup() { cancel(); }
+
+TimerQueue& Wakeup::queue() {
+    if (!queue_)
+        queue_ = &loop_.queueOf(clock_);
+    return *queue_;
+}
+
+void Wakeup::atNextTurn() {
+    if (turnHook_.is_linked())
+        return;
+    cancel();
+    loop_.nextTurn(*this);
+}
+
+void Wakeup::at(Seconds time) {
+    MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
+    // Clocks start at 0, so that asking for that time, as run requests do, needs no reading.
+    if (time <= 0.0 || (time != endOfTime && time <= queue().clock().now()))
+        return atNextTurn();
+    cancel();
+    if (time == endOfTime)
+        return;
+    due_ = time;
+    queue().insert(*this);
+    loop_.pendingChanged();
+}
+
+void Wakeup::in(Seconds delay) {
+    MOX_ASSERT_AS("!std::isnan( delay )", !std::isnan(delay));
+    if (delay <= 0.0)
+        return atNextTurn();
+    cancel();
+    if (delay == endOfTime)
+        return;
+    due_ = queue().clock().now() + delay;
+    queue().insert(*this);
+    loop_.pendingChanged();
+}
+
+void Wakeup::cancel() {
+    turnHook_.unlink();
+    if (timerHook_.is_linked()) {
+        timerHook_.unlink();
+        loop_.pendingChanged();
+    }
+}
+
+Clock const& Wakeup::clock() { return queue().clock(); }
+
+bool Wakeup::pending() const { return turnHook_.is_linked() || timerHook_.is_linked(); }
+
+} // namespace Mox

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <mox/Clock.h>
+
+#include <boost/intrusive/list_hook.hpp>
+#include <boost/intrusive/set_hook.hpp>
+
+namespace Mox {
+
+class TurnLoop;
+class TimerQueue;
+
+/// One pending call of a turn loop: at the next turn, or at the first turn at which a clock shows a time.
+/// TimerEvent, clock alarms and timer wheels are made of it; applications use those.
+///
+/// Arming and cancelling allocate nothing (a loop keeps one queue a clock, made at its first use); cancelling
+/// takes constant time, arming for a time logarithmic time. A wakeup that is destroyed is cancelled. The loop
+/// outlives its wakeups.
+class MOX_EXPORT Wakeup {
+  public:
+    /// A null clock is the thread's, whichever that is at the time.
+    explicit Wakeup(TurnLoop& loop, Ptr<Clock const> clock = nullptr);
+    Wakeup(Wakeup const&) = delete;
+    Wakeup& operator=(Wakeup const&) = delete;
+    virtual ~Wakeup();
+
+    /// Asks for a call at the next turn, in place of what was asked before.
+    void atNextTurn();
+    /// Asks for a call once the clock shows the time; endOfTime cancels. Requires: not a NaN.
+    void at(Seconds time);
+    /// The same, the given seconds after now; as short as can be when that is not positive.
+    void in(Seconds delay);
+    void cancel();
+
+    bool pending() const;
+
+    /// The clock that `at` and `in` go by.
+    Clock const& clock();
+
+  private:
+    friend class TurnLoop;
+    friend class TimerQueue;
+    using AutoUnlink = boost::intrusive::link_mode<boost::intrusive::auto_unlink>;
+    using TurnHook = boost::intrusive::list_member_hook<AutoUnlink>;
+    using TimerHook = boost::intrusive::set_member_hook<AutoUnlink>;
+
+    virtual void onWakeup() = 0;
+
+    TimerQueue& queue();
+
+    TurnLoop& loop_;
+    Ptr<Clock const> const clock_;
+    TimerQueue* queue_ = nullptr;
+    TurnHook turnHook_;
+    TimerHook timerHook_;
+    Seconds due_ = endOfTime;
+};
+
+} // namespace Mox
