@@ -1,0 +1,173 @@
+#define MOX_SOURCE_NAME "TimerWheel"
+#include <kel/TimerWheel.h>
+
+#include <mox/ActivityManager.h>
+#include <mox/Assert.h>
+#include <mox/Type.h>
+
+#include <cmath>
+
+namespace Kel {
+
+using Mox::S64;
+using Mox::Seconds;
+
+namespace {
+
+// Ticks from here on are one far future that never comes: 2^62 is exact as a double, leaves room for counting
+// on, and lies 1.4 thousand million years ahead at 10 milliseconds a tick.
+constexpr S64 farTick = S64{1} << 62;
+
+// How many entries one poll takes out, so that a million lazily moved timers in one tick cannot hold the
+// thread; the rest is taken on the next turn.
+constexpr Mox::U32 takenPerPoll = 16384;
+
+} // namespace
+
+MOX_DEFINE_TYPE(TimerWheel, "Kel::TimerWheel", &Mox::PtrInterface::type())
+
+Mox::Ptr<TimerWheel> TimerWheel::TimerWheelIs(Mox::Ptr<Mox::Activity> const& activity,
+                                              Mox::Ptr<Mox::Clock const> const& clock, Mox::U32 tickMsec,
+                                              Mox::U32 ticks, bool movesLazily, Mox::U32 buckets) {
+    Mox::Ptr<Mox::ActivityManager> const manager = Mox::activityManager();
+    Mox::Ptr<TimerWheel> wheel =
+        new TimerWheel(manager->turnLoop(), manager, activity, clock, tickMsec, ticks, movesLazily, buckets);
+    wheel->hasNotificationActiveIs(true);
+    return wheel;
+}
+
+TimerWheel::TimerWheel(Mox::TurnLoop& loop, Mox::Ptr<Mox::PtrInterface> loopOwner,
+                       Mox::Ptr<Mox::Activity> const& activity, Mox::Ptr<Mox::Clock const> const& clock,
+                       Mox::U32 tickMsec, Mox::U32 ticks, bool movesLazily, Mox::U32 buckets)
+    : loopOwner_(std::move(loopOwner)), activity_(activity), clock_(clock), tickMsec_(tickMsec),
+      ticks_(ticks), movesLazily_(movesLazily), tickSeconds_(tickMsec / 1000.0),
+      ticksPerSecond_(1000.0 / tickMsec), buckets_(buckets), wake_(loop, clock, *this) {
+    MOX_ASSERT(tickMsec > 0);
+    MOX_ASSERT(ticks > 0);
+}
+
+TimerWheel::~TimerWheel() = default;
+
+// Ticks and seconds: a tick's time is timeOf(tick), rounding included, and both searches below are exact
+// against it; so a wake-up asked for at a tick's time finds that tick reached.
+
+S64 TimerWheel::tickNotBefore(Seconds time) const {
+    S64 const tick = tickNotAfter(time);
+    return timeOf(tick) < time && tick < farTick ? tick + 1 : tick;
+}
+
+S64 TimerWheel::tickNotAfter(Seconds time) const {
+    constexpr auto far = static_cast<Seconds>(farTick);
+    S64 tick = static_cast<S64>(std::clamp(time * ticksPerSecond_, -far, far));
+    while (timeOf(tick) > time && tick > -farTick)
+        --tick;
+    while (tick < farTick && timeOf(tick + 1) <= time)
+        ++tick;
+    return tick;
+}
+
+void TimerWheel::file(NotifieeConst& timer) {
+    S64 const tick = tickNotBefore(timer.timeMin_);
+    if (timer.isLinked()) {
+        if (movesLazily_ && tick >= timer.tick())
+            return;
+        buckets_.remove(timer);
+    }
+    buckets_.insert(timer, tick);
+    if (tick < wakeTick_ && polls_ == 0)
+        requestWake();
+}
+
+void TimerWheel::unfile(NotifieeConst& timer) {
+    if (!timer.isLinked())
+        return;
+    buckets_.remove(timer);
+    if (buckets_.size() == 0) {
+        wakeTick_ = WheelBuckets::never;
+        wake_.cancel();
+    }
+}
+
+void TimerWheel::requestWake() {
+    S64 const next = buckets_.size() == 0 ? WheelBuckets::never : buckets_.next();
+    wakeTick_ = next;
+    if (next >= farTick)
+        wake_.cancel();
+    else
+        wake_.at(timeOf(next));
+}
+
+void TimerWheel::poll() {
+    Mox::Ptr<TimerWheel> const self = this; // an expiry may let the last timer, and so the wheel, go
+    ++wakeups_;
+    ++polls_;
+    bool const all = collect(wake_.clock().now());
+    fire();
+    --polls_;
+    if (polls_ > 0)
+        return;
+    requestWake();
+    if (!all)
+        wake_.atNextTurn();
+}
+
+/// Moves what is due to the due list, and on to their new ticks what was moved later. False when it stopped
+/// before it was through.
+bool TimerWheel::collect(Seconds now) {
+    WheelBuckets::Entries taken;
+    Mox::U32 count = 0;
+    while (buckets_.size() > 0 && buckets_.next() < farTick && timeOf(buckets_.next()) <= now) {
+        if (count >= takenPerPoll)
+            return false;
+        count += buckets_.take(taken, takenPerPoll - count);
+        while (!taken.empty()) {
+            NotifieeConst& timer = static_cast<NotifieeConst&>(taken.front());
+            if (timer.timeMin_ <= now)
+                due_.splice(due_.end(), taken, taken.begin());
+            else
+                file(timer);
+        }
+    }
+    return true;
+}
+
+void TimerWheel::fire() {
+    while (!due_.empty()) {
+        NotifieeConst& timer = static_cast<NotifieeConst&>(buckets_.removeFront(due_));
+        timer.timeMin_ = Mox::endOfTime;
+        if (hasNotificationActive() && timer.isTold())
+            Mox::ReactorList<NotifieeConst>::notifyOne<0>(&timer);
+    }
+}
+
+// Timers
+
+TimerWheel::NotifieeConst::~NotifieeConst() { timeMinIs(Mox::endOfTime); }
+
+TimerWheel& TimerWheel::NotifieeConst::wheel() const {
+    return const_cast<TimerWheel&>(static_cast<TimerWheel const&>(*rawNotifier()));
+}
+
+void TimerWheel::NotifieeConst::notifierIs(Mox::Ptr<TimerWheel const> const& wheel) {
+    timeMinIs(Mox::endOfTime);
+    NotifieeOf::notifierIs(wheel);
+}
+
+void TimerWheel::NotifieeConst::timeMinIs(Seconds time) {
+    MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
+    timeMin_ = time;
+    if (time == Mox::endOfTime) {
+        if (isLinked())
+            wheel().unfile(*this);
+        return;
+    }
+    MOX_ASSERT_AS("notifier()", rawNotifier());
+    wheel().file(*this);
+}
+
+void TimerWheel::NotifieeConst::handleNotification(Mox::U32 notification) {
+    if (notification == 0)
+        onTime();
+}
+
+} // namespace Kel
