@@ -1,0 +1,417 @@
+#define MOX_SOURCE_NAME "Task"
+#include <task/Task.h>
+
+#include <kel/DisplayPointer.h>
+#include <mox/Assert.h>
+#include <mox/Type.h>
+#include <scheduler/TaskScheduler.h>
+#include <scheduler/TaskSchedulerRoot.h>
+#include <task/TaskTrace.h>
+
+#include <boost/chrono/chrono_io.hpp>
+
+#include <ostream>
+#include <utility>
+
+namespace Kel {
+
+using EventType = TaskSchedulerEventType;
+using Mox::U32;
+using Mox::U64;
+
+MOX_DEFINE_TYPE(Task, "Kel::Task", &Mox::PtrInterface::type())
+
+// Life and death
+
+Mox::Ptr<Task> Task::TaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
+                            Mox::String8 const& name) {
+    Mox::Ptr<Task> task = new Task(scheduler, priority, name);
+    task->hasNotificationActiveIs(true);
+    return task;
+}
+
+Mox::Ptr<Task> taskFactory(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
+                           Mox::String8 const& name) {
+    return Task::TaskIs(scheduler, priority, name);
+}
+
+Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority, Mox::String8 const& name)
+    : taskScheduler_(scheduler.ptr()),
+      record_(TaskRecord::TaskRecordIs(name, priority, scheduler ? scheduler->nameRecord() : nullptr)),
+      taskQuantumInternal_(Mox::toNanoseconds(taskQuantumDefault)) {
+    handleInitialized();
+    taskQuantumIs(taskQuantumDefault);
+}
+
+void Task::handleInitialized() {
+    MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
+    intrusive_ptr_add_ref(taskScheduler_);
+    taskScheduler_->taskRegister(this);
+}
+
+void Task::zeroReferencesIs(bool zero) {
+    if (zero) { // still whole, so that the statistics filed are those of the task's own class
+        moxDoZombieReactors(true);
+        handleDestroy();
+    }
+    PtrInterface::zeroReferencesIs(zero);
+}
+
+Task::~Task() {
+    handleDestroy();
+    TaskScheduler* const scheduler = std::exchange(taskScheduler_, nullptr);
+    // Last of all: it may take the root and the history along.
+    if (scheduler && holdsScheduler_)
+        intrusive_ptr_release(scheduler);
+}
+
+void Task::handleDestroy() {
+    if (!record_->isAlive())
+        return;
+    if (taskScheduler_)
+        taskScheduler_->taskUnregister(this);
+    record_->destroyed();
+}
+
+void Task::ownedBySchedulerIs() {
+    bool const held = holdsScheduler_;
+    holdsScheduler_ = false;
+    if (held)
+        intrusive_ptr_release(taskScheduler_);
+}
+
+void Task::orphan() {
+    if (!taskScheduler_)
+        return;
+    taskScheduler_->taskUnregister(this);
+    ownedBySchedulerIs();
+    taskScheduler_ = nullptr;
+}
+
+void Task::hasNotificationActiveIs(bool active) { hasNotificationActive_ = active; }
+
+void Task::moxDoZombieReactors(bool zombie) { zombieReactors_ = zombie; }
+
+U32 Task::auditErrors(U32 level) const {
+    return PtrInterface::auditErrors(level) + (record_->isAlive() ? 0 : 1) +
+           (taskScheduler_ && taskScheduler_->tasksRegistered(taskKey()) != this ? 1 : 0) +
+           (!taskScheduler_ && taskRunQueueLink_.isLinked() ? 1 : 0);
+}
+
+Mox::Ptr<TaskScheduler> Task::taskScheduler() const { return taskScheduler_; }
+
+// Scheduling
+
+void Task::sanityCheckCurrentRunningThread() const {
+    if (taskScheduler_)
+        taskScheduler_->sanityCheckCurrentRunningThread();
+}
+
+bool Task::taskScheduled() const {
+    sanityCheckCurrentRunningThread();
+    return taskRunQueueLink_.isLinked();
+}
+
+void Task::scheduleTask() {
+    if (scheduleTaskPrivate())
+        updateTaskBusy();
+}
+
+bool Task::scheduleTaskPrivate() {
+    MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
+    sanityCheckCurrentRunningThread();
+    if (taskRunQueueLink_.isLinked())
+        return true;
+    if (taskSuspendedForTest_) {
+        taskHistoryInsertNow(EventType::scheduleSus);
+        return true;
+    }
+    MOX_TRACE_AT(taskSchedulerTrace, 8, "Scheduled " << this);
+    TaskTimeStamp const now = Mox::SteadyClock::now();
+    taskHistoryInsertTs(EventType::schedule, now);
+    taskLastAddedToRunQueueTimeStampIs(now);
+    taskScheduler_->runQueue(taskPriority()).append(*this);
+    if (taskScheduler_->schedulerHasRunnableTasks()) [[likely]] {
+        taskScheduler_->schedulerHasRunnableTasksIs(true);
+        return true;
+    }
+    // Waking a scheduler may wake a parent's task, whose reactors may let this task go.
+    Mox::Ptr<TaskRecord> const record = record_;
+    taskScheduler_->schedulerHasRunnableTasksIs(true);
+    return record->isAlive();
+}
+
+void Task::unscheduleTask() {
+    sanityCheckCurrentRunningThread();
+    unscheduleTaskPrivate();
+    updateTaskBusy();
+}
+
+void Task::unscheduleTaskPrivate() {
+    if (!taskRunQueueLink_.isLinked())
+        return;
+    MOX_TRACE_AT(taskSchedulerTrace, 8, "Unscheduled " << this);
+    TaskTimeStamp const now = Mox::SteadyClock::now();
+    taskHistoryInsertTs(EventType::unschedule, now);
+    taskScheduler_->runQueue(taskPriority()).takeBack(*this);
+    doUpdateSchedulingLatency(now);
+}
+
+void Task::doUpdateSchedulingLatency(TaskTimeStamp const& now) {
+    TaskTimeDuration const latency = now - taskLastAddedToRunQueueTimeStamp_;
+    taskLastSchedulingLatency_ = latency;
+    if (latency > taskSchedulingLatencyHighWaterMark_)
+        taskSchedulingLatencyHighWaterMark_ = latency;
+}
+
+void Task::updateTaskBusy() { taskBusyIs(taskCurrentlyRunning_ || taskScheduled()); }
+
+// Running
+
+void Task::taskRunFromTest() {
+    sanityCheckCurrentRunningThread();
+    Mox::Ptr<Task> const self = this;
+    TaskTimeStamp const now = Mox::SteadyClock::now();
+    if (taskRunQueueLink_.isLinked()) {
+        taskScheduler_->taskSchedulerUnlinkTask(now, taskScheduler_->runQueue(taskPriority()), this);
+        doUpdateSchedulingLatency(now);
+    }
+    TaskTimeStamp end{};
+    taskDoRun(now, &end);
+}
+
+void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
+    taskHistoryInsertTs(EventType::runStart, start);
+    MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
+    MOX_TRACE_AT(taskSchedulerTrace, 8, "Running " << this);
+
+    // A run may be nested in another one of the same task.
+    bool const wasRunning = taskCurrentlyRunning_;
+    TaskTimeStamp const outerStart = taskLastRunTimeStamp_;
+    taskLastRunTimeStamp_ = start;
+    taskCurrentlyRunningIs(true);
+    taskRunInc(1);
+    taskCurrentlyRunningIs(wasRunning);
+    if (wasRunning)
+        taskLastRunTimeStamp_ = outerStart;
+
+    MOX_ASSERT_AS("taskMagicNumber_ == taskMagicNumberConstructed()",
+                  taskMagicNumber() == taskMagicNumberConstructed());
+    TaskTimeStamp const now = Mox::SteadyClock::now();
+    *end = now;
+    measureRun(now - start);
+    taskHistoryInsertTs(EventType::runEnd, now);
+    updateTaskBusy();
+}
+
+void Task::measureRun(TaskTimeDuration runTime) {
+    if (runTime >= 2 * taskQuantumInternal_) [[unlikely]]
+        countViolation(runTime);
+    else
+        MOX_TRACE_AT(taskSchedulerTrace, 7, "Ran " << this << " used " << runTime);
+    if (runTime > taskRunTimeHighWaterMark_)
+        taskRunTimeHighWaterMark_ = runTime;
+    taskTotalRunTime_ += runTime;
+}
+
+void Task::countViolation(TaskTimeDuration runTime) {
+    MOX_TRACE_AT(taskSchedulerTrace, 5,
+                 "Ran " << this << " used " << runTime << " "
+                        << Mox::toSeconds(runTime) / Mox::toSeconds(taskQuantumInternal_) * 100
+                        << "% violation");
+    if (runTime < 5 * taskQuantumInternal_)
+        ++taskQuantumViolation200_;
+    else
+        ++taskQuantumViolation500_;
+}
+
+bool Task::taskShouldYield() const {
+    TaskTimeStamp const now = Mox::SteadyClock::now();
+    MOX_ASSERT_AS("now >= taskLastRunTimeStamp_", now >= taskLastRunTimeStamp_);
+    return now - taskLastRunTimeStamp_ >= taskQuantumInternal_;
+}
+
+void Task::taskQuantumIs(Mox::Seconds const& quantum) {
+    TaskTimeDuration const internal = Mox::toNanoseconds(quantum);
+    U32 const level = quantum == taskQuantumDefault ? 9 : 4;
+    MOX_TRACE_AT(taskSchedulerTrace, level, "Set quantum " << this << " to " << internal);
+    MOX_ASSERT_AS("taskQuantumInternal_ > TaskTimeDuration( 0 )", internal > TaskTimeDuration(0));
+    MOX_ASSERT_AS("taskQuantumInternal_ <= boost::chrono::seconds( 1 )",
+                  internal <= boost::chrono::seconds(1));
+    taskQuantumInternal_ = internal;
+}
+
+// Statistics
+
+TaskStat::TaskStatus Task::taskStatus() const {
+    TaskStat::TaskStatus status;
+    status.taskCurrentlyRunningIs(taskCurrentlyRunning_);
+    status.taskOnRunQueueIs(taskRunQueueLink_.isLinked());
+    status.taskSuspendedForTestIs(taskSuspendedForTest_);
+    return status;
+}
+
+TaskStat Task::getStats() const {
+    TaskStat stat;
+    stat.taskNameIs(taskName());
+    stat.taskKeyIs(taskKey());
+    stat.taskPriorityIs(taskPriority());
+    stat.taskRunIs(taskRun_);
+    stat.taskTotalRunTimeIs(taskTotalRunTime());
+    stat.taskWorkCountIs(taskWorkCount_);
+    stat.taskQuantumViolation500Is(taskQuantumViolation500_);
+    stat.taskQuantumViolation200Is(taskQuantumViolation200_);
+    stat.taskRunTimeHighWaterMarkIs(taskRunTimeHighWaterMark());
+    stat.taskLastSchedulingLatencyIs(taskLastSchedulingLatency());
+    stat.taskSchedulingLatencyHighWaterMarkIs(taskSchedulingLatencyHighWaterMark());
+    stat.taskStatusIs(taskStatus());
+    return stat;
+}
+
+void Task::resetStats() {
+    taskTotalRunTime_ = TaskTimeDuration(0);
+    taskWorkCount_ = 0;
+    taskRunTimeHighWaterMark_ = TaskTimeDuration(0);
+    taskQuantumViolation500_ = 0;
+    taskQuantumViolation200_ = 0;
+    taskLastSchedulingLatency_ = TaskTimeDuration(0);
+    taskSchedulingLatencyHighWaterMark_ = TaskTimeDuration(0);
+    taskRun_ = 0;
+}
+
+void Task::taskHistoryInsertNow(EventType eventType) const {
+    taskHistoryInsertTs(eventType, Mox::SteadyClock::now());
+}
+
+void Task::taskHistoryInsertTs(EventType eventType, TaskTimeStamp const& stamp) const {
+    if (taskScheduler_) [[likely]]
+        taskScheduler_->root()->historyInsert({stamp, eventType, record_});
+}
+
+// Attributes that notify
+
+template <U32 notification> void Task::notify() const {
+    if (hasNotificationActive())
+        reactors_.notify<notification>();
+}
+
+void Task::taskBusyIs(bool busy) {
+    if (taskBusy_ == busy)
+        return;
+    taskBusy_ = busy;
+    handleTaskBusy();
+    notify<NotifieeConst::taskBusy>();
+}
+
+void Task::handleTaskBusy() const { taskHistoryInsertNow(taskBusy_ ? EventType::busy : EventType::idle); }
+
+void Task::taskSuspendedForTestIs(bool suspended) {
+    if (taskSuspendedForTest_ == suspended)
+        return;
+    taskSuspendedForTest_ = suspended;
+    Mox::Ptr<TaskRecord> const record = record_;
+    handleTaskSuspendedForTest();
+    if (record->isAlive())
+        notify<NotifieeConst::taskSuspendedForTest>();
+}
+
+void Task::handleTaskSuspendedForTest() {
+    if (taskSuspendedForTest_) {
+        MOX_TRACE_AT(taskSchedulerTrace, 1, "Suspend " << this);
+        taskHistoryInsertNow(EventType::suspendOn);
+        unscheduleTask();
+    } else {
+        MOX_TRACE_AT(taskSchedulerTrace, 1, "Unsuspend " << this);
+        taskHistoryInsertNow(EventType::suspendOff);
+        if (!taskRunQueueLink_.isLinked())
+            scheduleTask();
+    }
+}
+
+void Task::taskForceYieldInTestIs(bool force) {
+    if (taskForceYieldInTest_ == force)
+        return;
+    taskForceYieldInTest_ = force;
+    handleTaskForceYieldInTest();
+    notify<NotifieeConst::taskForceYieldInTest>();
+}
+
+void Task::handleTaskForceYieldInTest() {
+    if (taskForceYieldInTest_) {
+        taskHistoryInsertNow(EventType::frcYieldOn);
+        taskQuantumInternal_ = TaskTimeDuration(0);
+        MOX_TRACE_AT(taskSchedulerTrace, 1, "Set quantum " << this << " to " << 0);
+    } else {
+        taskHistoryInsertNow(EventType::frcYieldOff);
+        taskQuantumIs(taskQuantumDefault);
+    }
+}
+
+template <U32 notification, class T> void Task::change(T& attribute, T value) {
+    if (attribute == value)
+        return;
+    attribute = value;
+    notify<notification>();
+}
+
+void Task::taskWorkCountInc(U64 const& count) {
+    change<NotifieeConst::taskWorkCount>(taskWorkCount_, taskWorkCount_ + count);
+}
+
+void Task::taskWorkCountIs(U64 const& count) { change<NotifieeConst::taskWorkCount>(taskWorkCount_, count); }
+
+void Task::taskQuantumViolation500Is(U32 count) {
+    change<NotifieeConst::taskQuantumViolation500>(taskQuantumViolation500_, count);
+}
+
+void Task::taskQuantumViolation200Is(U32 count) {
+    change<NotifieeConst::taskQuantumViolation200>(taskQuantumViolation200_, count);
+}
+
+void Task::taskRunInc(U32 runs) { change<NotifieeConst::taskRun>(taskRun_, taskRun_ + runs); }
+
+void Task::taskRunIs(U32 runs) { change<NotifieeConst::taskRun>(taskRun_, runs); }
+
+void Task::taskCurrentlyRunningIs(bool running) {
+    if (taskCurrentlyRunning_ == running)
+        return;
+    taskCurrentlyRunning_ = running;
+    notify<NotifieeConst::taskCurrentlyRunning>();
+}
+
+void Task::NotifieeConst::handleNotification(U32 notification) {
+    if (Callback const onNotification = callback(notification))
+        (this->*onNotification)();
+}
+
+// Plain attributes
+
+void Task::taskRunQueueLinkIs(TaskRunQueueLink const& link) {
+    MOX_ASSERT_AS("!link.isLinked()", !link.isLinked());
+    MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
+    taskRunQueueLink_ = link;
+}
+
+void Task::taskLastAddedToRunQueueTimeStampIs(TaskTimeStamp const& stamp) {
+    taskLastAddedToRunQueueTimeStamp_ = stamp;
+}
+
+void Task::taskLastRunTimeStampIs(TaskTimeStamp const& stamp) { taskLastRunTimeStamp_ = stamp; }
+
+void Task::taskLastSchedulingLatencyInternalIs(TaskTimeDuration const& latency) {
+    taskLastSchedulingLatency_ = latency;
+}
+
+void Task::taskSchedulingLatencyHighWaterMarkInternalIs(TaskTimeDuration const& latency) {
+    taskSchedulingLatencyHighWaterMark_ = latency;
+}
+
+void Task::taskTotalRunTimeInternalIs(TaskTimeDuration const& time) { taskTotalRunTime_ = time; }
+
+std::ostream& operator<<(std::ostream& stream, Task const* task) {
+    TaskRecord const& record = *task->taskRecord();
+    return stream << record.schedulerName() << ":'" << record.taskPriority() << "':" << record.taskName()
+                  << "@" << DisplayPointer(task);
+}
+
+} // namespace Kel

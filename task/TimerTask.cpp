@@ -1,0 +1,241 @@
+#define MOX_SOURCE_NAME "Task"
+#include <task/TimerTask.h>
+
+#include <mox/Assert.h>
+#include <mox/Type.h>
+#include <scheduler/TaskScheduler.h>
+#include <scheduler/TaskSchedulerRoot.h>
+#include <task/TaskTrace.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace Kel {
+
+using EventType = TaskSchedulerEventType;
+using Mox::Seconds;
+
+namespace {
+
+constexpr Seconds tick = TaskScheduler::timerWheelTickInMsec() / 1000.0;
+
+/// Sums of finite delays stay finite: endOfTime would stop the timer.
+Seconds finite(Seconds delay) { return std::min(delay, std::numeric_limits<Seconds>::max()); }
+
+} // namespace
+
+MOX_DEFINE_TYPE(TimerTask, "Kel::TimerTask", &Task::type())
+
+// Life and death
+
+Mox::Ptr<TimerTask> TimerTask::TimerTaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
+                                           Mox::String8 const& name) {
+    Mox::Ptr<TimerTask> task = new TimerTask(scheduler, priority, name);
+    task->hasNotificationActiveIs(true);
+    return task;
+}
+
+Mox::Ptr<TimerTask> timerTaskFactory(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
+                                     Mox::String8 const& name) {
+    return TimerTask::TimerTaskIs(scheduler, priority, name);
+}
+
+TimerTask::TimerTask(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
+                     Mox::String8 const& name)
+    : Task(scheduler, priority, name) {
+    handleTimerTaskInit();
+}
+
+void TimerTask::handleTimerTaskInit() {
+    timerIs(scheduler()->root()->timerWheel());
+    timer_->timeMinIs(Mox::endOfTime);
+    timerTaskInitCompleteIs(true);
+}
+
+void TimerTask::timerIs(Mox::Ptr<TimerWheel> const& wheel) {
+    MOX_ASSERT_AS("__null != timerWheel", wheel);
+    timer_ = new MoxTimer;
+    timer_->timerTaskIs(this);
+    timer_->notifierIs(wheel);
+}
+
+TimerTask::~TimerTask() {
+    moxDoZombieReactors(true);
+    timer_->timerTaskIs(nullptr);
+    timer_ = nullptr;
+}
+
+void TimerTask::orphan() {
+    disarm();
+    Task::orphan();
+}
+
+void TimerTask::hasNotificationActiveIs(bool active) {
+    if (active == hasNotificationActive())
+        return;
+    Task::hasNotificationActiveIs(active);
+    timer_->hasNotificationActiveIs(active);
+}
+
+void TimerTask::moxDoZombieReactors(bool zombie) {
+    if (zombie == zombieReactors_)
+        return;
+    if (zombie)
+        disarm();
+    timer_->moxDoZombieReactors(zombie);
+    Task::moxDoZombieReactors(zombie);
+}
+
+// The timer
+
+void TimerTask::MoxTimer::onTime() {
+    if (timerTask_)
+        timerTask_->handleTimer();
+}
+
+void TimerTask::handleTimer() {
+    if (timerTaskInitComplete_)
+        scheduleTask();
+}
+
+bool TimerTask::timerArmed() const { return timer_->timeMin() != Mox::endOfTime; }
+
+void TimerTask::disarm() { timer_->timeMinIs(Mox::endOfTime); }
+
+bool TimerTask::taskScheduled() const { return Task::taskScheduled() || timerArmed(); }
+
+TaskStat::TaskStatus TimerTask::taskStatus() const {
+    TaskStat::TaskStatus status = Task::taskStatus();
+    status.taskTimerIs(true);
+    status.taskTimerRunningIs(timerArmed());
+    return status;
+}
+
+Seconds TimerTask::currentExpirationTime() const {
+    sanityCheckCurrentRunningThread();
+    return taskRunQueueLink().isLinked() ? Mox::now() : timer_->timeMin();
+}
+
+// Scheduling
+
+void TimerTask::scheduleTask() {
+    disarm();
+    if (scheduleTaskPrivate())
+        updateTaskBusy(); // an expiry while suspended for test leaves the task idle
+}
+
+void TimerTask::taskRunFromTest() {
+    Mox::Ptr<TimerTask> const self = this;
+    disarm();
+    Task::taskRunFromTest();
+    updateTaskBusy();
+}
+
+void TimerTask::scheduleTaskDelay(Seconds delayIntoFuture) {
+    sanityCheckCurrentRunningThread();
+    if (delayIntoFuture > std::numeric_limits<Seconds>::max())
+        stopTimerTask();
+    else
+        scheduleTaskDelayedPrivate(delayIntoFuture, true);
+}
+
+void TimerTask::scheduleTaskLowestDelay(Seconds delayIntoFuture) {
+    sanityCheckCurrentRunningThread();
+    MOX_ASSERT_AS("delayIntoFuture != Mox::endOfTime", delayIntoFuture != Mox::endOfTime);
+    scheduleTaskDelayedPrivate(delayIntoFuture, false);
+}
+
+void TimerTask::scheduleTaskJitterUp(Seconds delayIntoFuture, Mox::U8 maxJitterPercentage) {
+    sanityCheckCurrentRunningThread();
+    MOX_ASSERT_AS("!std::isnan( delayIntoFuture )", !std::isnan(delayIntoFuture));
+    if (delayIntoFuture > std::numeric_limits<Seconds>::max())
+        return stopTimerTask();
+    MOX_ASSERT_AS("__null != taskScheduler_", scheduler());
+    Seconds const maxJitter = finite(delayIntoFuture * maxJitterPercentage);
+    Seconds const offset = finite(scheduler()->root()->jitterDraw() * maxJitter / 10000);
+    Seconds const delay = finite(delayIntoFuture + offset);
+    MOX_TRACE_AT(taskSchedulerTrace, 8,
+                 "Timer jitterUp " << this << " delay " << delayIntoFuture << " + " << offset << " = "
+                                   << delay);
+    scheduleTaskDelayedPrivate(delay, true);
+}
+
+void TimerTask::scheduleTaskJitterDown(Seconds delayIntoFuture, Mox::U8 maxJitterPercentage) {
+    sanityCheckCurrentRunningThread();
+    MOX_ASSERT_AS("!std::isnan( delayIntoFuture )", !std::isnan(delayIntoFuture));
+    if (delayIntoFuture > std::numeric_limits<Seconds>::max())
+        return stopTimerTask();
+    MOX_ASSERT(maxJitterPercentage <= 100);
+    // A negative delay has no offset that is at most the delay.
+    MOX_ASSERT_AS("offset <= delayIntoFuture", delayIntoFuture >= 0.0);
+    MOX_ASSERT_AS("__null != taskScheduler_", scheduler());
+    // In this order no rounding takes the offset beyond the delay: the factor is at most 1.
+    Seconds const offset =
+        delayIntoFuture * (scheduler()->root()->jitterDraw() * maxJitterPercentage / 10000.0);
+    MOX_ASSERT(offset <= delayIntoFuture);
+    Seconds const delay = delayIntoFuture - offset;
+    MOX_TRACE_AT(taskSchedulerTrace, 8,
+                 "Timer jitterDown " << this << " delay " << delayIntoFuture << " - " << offset << " = "
+                                     << delay);
+    scheduleTaskDelayedPrivate(delay, true);
+}
+
+void TimerTask::scheduleTaskDelayedPrivate(Seconds delay, bool resetDelayIfAlreadyRunning) {
+    MOX_ASSERT_AS("!std::isnan( delayIntoFuture )", !std::isnan(delay));
+    MOX_ASSERT_AS("__null != taskScheduler_", scheduler());
+    if (delay == 0.0)
+        return scheduleTask();
+    bool const onRunQueue = taskRunQueueLink().isLinked();
+    if (!resetDelayIfAlreadyRunning && onRunQueue) {
+        MOX_TRACE_AT(taskSchedulerTrace, 8, "Already on runQueue " << this);
+        return;
+    }
+    if (onRunQueue)
+        unscheduleTaskPrivate();
+    Seconds const raised = delay * 1000 < scheduler()->timerWheelTickInMsec() ? tick : delay;
+    Seconds const expiry = finite(Mox::now() + raised);
+    if (!resetDelayIfAlreadyRunning && expiry > timer_->timeMin()) {
+        MOX_TRACE_AT(taskSchedulerTrace, 8,
+                     "Timer already running " << this << " expire " << timer_->timeMin() << " < " << expiry);
+        return;
+    }
+    startTimer(raised, expiry);
+}
+
+void TimerTask::startTimer(Seconds delay, Seconds expiry) {
+    MOX_TRACE_AT(taskSchedulerTrace, 8, "Timer started " << this << " delay " << delay);
+    timer_->timeMinIs(expiry);
+    taskHistoryInsertNow(EventType::timerStart);
+    updateTaskBusy();
+}
+
+void TimerTask::stopTimerTask() {
+    sanityCheckCurrentRunningThread();
+    if (timerArmed()) {
+        MOX_TRACE_AT(taskSchedulerTrace, 8, "Timer stopped " << this << ", was running");
+        taskHistoryInsertNow(EventType::timerStop);
+        disarm();
+    } else {
+        MOX_TRACE_AT(taskSchedulerTrace, 8, "Timer stopped " << this << ", was not running");
+    }
+    unscheduleTaskPrivate();
+    updateTaskBusy();
+}
+
+void TimerTask::timerTaskInitCompleteIs(bool complete) {
+    if (timerTaskInitComplete_ == complete)
+        return;
+    timerTaskInitComplete_ = complete;
+    if (hasNotificationActive())
+        reactors_.notify<NotifieeConst::timerTaskInitComplete, NotifieeConst>();
+}
+
+void TimerTask::NotifieeConst::handleNotification(Mox::U32 notification) {
+    if (notification == timerTaskInitComplete)
+        onTimerTaskInitComplete();
+    else
+        Task::NotifieeConst::handleNotification(notification);
+}
+
+} // namespace Kel
