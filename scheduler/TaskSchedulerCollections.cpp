@@ -1,0 +1,177 @@
+#define MOX_SOURCE_NAME "TaskScheduler"
+#include <mox/Exception.h>
+#include <scheduler/TaskScheduler.h>
+
+#include <utility>
+
+// The registry and the maps of a scheduler.
+
+namespace Kel {
+
+using Mox::U32;
+
+namespace {
+
+template <class Map, class Key> auto valueOr0(Map const& map, Key const& key) {
+    auto const* const value = map.find(key);
+    return value ? *value : 0;
+}
+
+/// Takes an entry out and returns its value, or a default one when there is none.
+template <class Map, class Key> auto takeOut(Map& map, Key const& key) {
+    auto* const value = map.find(key);
+    if (!value)
+        return std::remove_reference_t<decltype(*value)>();
+    auto taken = std::move(*value);
+    map.erase(key);
+    return taken;
+}
+
+/// The key where an iterator stands, with the iterator moved on.
+template <class Iterator> auto stepOver(Iterator& at) {
+    auto const key = at->first;
+    ++at;
+    return key;
+}
+
+} // namespace
+
+// Tasks, by key
+
+void TaskScheduler::tasksRegisteredIs(Task* task) {
+    if (!task)
+        throw Mox::RangeException("null _tasksRegistered parameter to mutator for "
+                                  "Kel::TaskScheduler::tasksRegistered not allowed");
+    tasksRegistered_.insert(task);
+    tasksRegisteredNotify(task->taskKey());
+}
+
+Task* TaskScheduler::tasksRegisteredDel(TaskKey const& key) {
+    Task* const task = tasksRegistered_.remove(key);
+    if (task)
+        tasksRegisteredNotify(key);
+    return task;
+}
+
+Task* TaskScheduler::tasksRegisteredDel(TasksRegisteredIterator& at) {
+    Task* const task = *at;
+    if (!task)
+        return nullptr;
+    at.task_ = tasksRegistered_.after(task);
+    return tasksRegisteredDel(task->taskKey());
+}
+
+void TaskScheduler::tasksRegisteredDelAll() {
+    for (auto at = tasksRegisteredIterator(); at;)
+        tasksRegisteredDel(at);
+}
+
+void TaskScheduler::tasksRegisteredNotify(TaskKey const&) {}
+
+// Tasks, counted by priority
+
+U32 TaskScheduler::tasksPerPriority(TaskPriority priority) const {
+    return valueOr0(tasksPerPriority_, priority);
+}
+
+U32 TaskScheduler::tasksPerPriorityInc(TaskPriority priority, U32 count) {
+    tasksPerPriorityIs(priority, tasksPerPriority(priority) + count);
+    return tasksPerPriority(priority);
+}
+
+U32 TaskScheduler::tasksPerPriorityDec(TaskPriority priority, U32 count) {
+    tasksPerPriorityIs(priority, tasksPerPriority(priority) - count);
+    return tasksPerPriority(priority);
+}
+
+void TaskScheduler::tasksPerPriorityIs(TaskPriority priority, U32 count) {
+    tasksPerPriority_.valueIs(priority, count);
+    tasksPerPriorityNotify(priority);
+}
+
+U32 TaskScheduler::tasksPerPriorityDel(TaskPriority priority) {
+    U32 const count = takeOut(tasksPerPriority_, priority);
+    tasksPerPriorityNotify(priority);
+    return count;
+}
+
+U32 TaskScheduler::tasksPerPriorityDel(TasksPerPriority::IteratorConst& at) {
+    return tasksPerPriorityDel(stepOver(at));
+}
+
+void TaskScheduler::tasksPerPriorityDelAll() {
+    for (auto at = tasksPerPriority_.begin(); at != tasksPerPriority_.end();)
+        tasksPerPriorityDel(at);
+}
+
+void TaskScheduler::tasksPerPriorityNotify(TaskPriority) {}
+
+// Dead tasks, counted by priority
+
+U32 TaskScheduler::deadTasksPerPriority(TaskPriority priority) const {
+    return valueOr0(deadTasksPerPriority_, priority);
+}
+
+U32 TaskScheduler::deadTasksPerPriorityInc(TaskPriority priority, U32 count) {
+    deadTasksPerPriorityIs(priority, deadTasksPerPriority(priority) + count);
+    return deadTasksPerPriority(priority);
+}
+
+void TaskScheduler::deadTasksPerPriorityIs(TaskPriority priority, U32 count) {
+    deadTasksPerPriority_.valueIs(priority, count);
+    deadTasksPerPriorityNotify(priority);
+}
+
+U32 TaskScheduler::deadTasksPerPriorityDel(TaskPriority priority) {
+    U32 const count = takeOut(deadTasksPerPriority_, priority);
+    deadTasksPerPriorityNotify(priority);
+    return count;
+}
+
+U32 TaskScheduler::deadTasksPerPriorityDel(TasksPerPriority::IteratorConst& at) {
+    return deadTasksPerPriorityDel(stepOver(at));
+}
+
+void TaskScheduler::deadTasksPerPriorityDelAll() {
+    for (auto at = deadTasksPerPriority_.begin(); at != deadTasksPerPriority_.end();)
+        deadTasksPerPriorityDel(at);
+}
+
+void TaskScheduler::deadTasksPerPriorityNotify(TaskPriority) {}
+
+// Statistics of dead tasks, by name
+
+TaskStat& TaskScheduler::newDeadTaskStats(Mox::String8 const& name, TaskStat const& stat) {
+    TaskStat& entry = deadTaskStats_.valueIs(name, stat);
+    deadTaskStatsNotify(name);
+    return entry;
+}
+
+TaskStat TaskScheduler::deadTaskStatsInc(Mox::String8 const& name, TaskStat const& stat) {
+    TaskStat* const there = deadTaskStats_.find(name);
+    TaskStat& entry = there ? *there : newDeadTaskStats(name, TaskStat());
+    return entry += stat;
+}
+
+void TaskScheduler::deadTaskStatsIs(Mox::String8 const& name, TaskStat const& stat) {
+    newDeadTaskStats(name, stat);
+}
+
+TaskStat TaskScheduler::deadTaskStatsDel(Mox::String8 const& name) {
+    TaskStat stat = takeOut(deadTaskStats_, name);
+    deadTaskStatsNotify(name);
+    return stat;
+}
+
+TaskStat TaskScheduler::deadTaskStatsDel(DeadTaskStats::IteratorConst& at) {
+    return deadTaskStatsDel(stepOver(at));
+}
+
+void TaskScheduler::deadTaskStatsDelAll() {
+    for (auto at = deadTaskStats_.begin(); at != deadTaskStats_.end();)
+        deadTaskStatsDel(at);
+}
+
+void TaskScheduler::deadTaskStatsNotify(Mox::String8 const&) {}
+
+} // namespace Kel
