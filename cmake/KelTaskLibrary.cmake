@@ -42,7 +42,9 @@ function(keltask_library name)
     foreach(target IN ITEMS ${lower}_objects ${name})
         target_compile_features(${target} PUBLIC cxx_std_20)
         # Boost.Chrono is used from its headers alone; nothing of Boost is linked.
-        target_compile_definitions(${target} PUBLIC BOOST_CHRONO_HEADER_ONLY)
+        target_compile_definitions(${target} PUBLIC
+            BOOST_CHRONO_HEADER_ONLY
+            $<$<BOOL:${KELTASK_THREAD_SAFE_PTR}>:MOX_THREAD_SAFE_PTR>)
         target_include_directories(${target} PUBLIC
             "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR};${PROJECT_SOURCE_DIR}/platform>"
             "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/keltask>")
