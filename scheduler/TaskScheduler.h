@@ -207,6 +207,9 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     /// Drops the tasks that the scheduler made for itself; every destructor of a scheduler begins with it.
     void dropOwnTasks() { resetStatsTaskDel(); }
 
+    /// True while the scheduler makes a task for itself, whose registration goes by no rule for others.
+    bool makesOwnTask() const { return makesOwnTask_; }
+
     bool schedulerHasRunnableTasks_ = false;
 
   private:
@@ -235,6 +238,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     TasksPerPriority deadTasksPerPriority_;
     Mox::Ptr<MoxResetStatsTask> resetStatsTask_;
     TaskKey resetStatsTaskBookmark_ = TaskKey::none();
+    bool makesOwnTask_ = false;
 };
 
 /// Runs the scheduler's reset pass when its task runs.

@@ -94,7 +94,9 @@ Mox::Ptr<Task> TaskScheduler::resetStatsTaskIs(Mox::Ptr<TaskScheduler> const& sc
 
 Mox::Ptr<Task> TaskScheduler::newResetStatsTask(Mox::Ptr<TaskScheduler> const& scheduler,
                                                 TaskPriority priority, Mox::String8 const& name) {
+    makesOwnTask_ = true;
     Mox::Ptr<Task> const task = Task::TaskIs(scheduler, priority, name);
+    makesOwnTask_ = false;
     if (scheduler == this)
         task->ownedBySchedulerIs(); // nobody owns himself
     Mox::Ptr<MoxResetStatsTask> const reactor = new MoxResetStatsTask;

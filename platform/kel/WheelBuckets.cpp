@@ -26,8 +26,12 @@ Mox::U32 WheelBuckets::take(Entries& taken, Mox::U32 most) {
     Mox::S64 least = never;
     Mox::U32 count = 0;
     for (auto at = entries.begin(); at != entries.end();) {
+        if (count == most) { // the rest is not looked at; the tick stays the bound for it
+            least = tick;
+            break;
+        }
         WheelEntry& entry = *at++;
-        if (entry.tick_ != tick || count == most) {
+        if (entry.tick_ != tick) {
             least = std::min(least, entry.tick_);
             continue;
         }

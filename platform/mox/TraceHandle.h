@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mox/Assert.h>
 #include <mox/Export.h>
 #include <mox/Integers.h>
 

@@ -232,6 +232,8 @@ U64 TurnLoop::pollDescriptors() {
 bool TurnLoop::wait(Seconds limit, bool waitsWhenIdle) {
     if (clocksJump(limit))
         return true;
+    if (io_->context.stopped()) // it ran dry at the last poll, and would not wait
+        io_->context.restart();
     Seconds const duration = sleepTime(limit);
     if (duration == endOfTime)
         return waitForDescriptors(waitsWhenIdle);
@@ -248,8 +250,7 @@ bool TurnLoop::wait(Seconds limit, bool waitsWhenIdle) {
 bool TurnLoop::clocksJump(Seconds limit) const {
     bool jumped = false;
     for (auto const& queue : queues_) {
-        Seconds const due = queue->empty() ? endOfTime : queue->earliest();
-        Seconds const until = queue == queues_.front() ? std::min(due, limit) : due;
+        Seconds const until = dueOn(queue->clock(), limit);
         if (until != endOfTime && queue->clock().idleUntil(until))
             jumped = true;
     }
@@ -259,12 +260,20 @@ bool TurnLoop::clocksJump(Seconds limit) const {
 Seconds TurnLoop::sleepTime(Seconds limit) const {
     Seconds shortest = endOfTime;
     for (auto const& queue : queues_) {
-        Seconds const due = queue->empty() ? endOfTime : queue->earliest();
-        Seconds const until = queue == queues_.front() ? std::min(due, limit) : due;
+        Seconds const until = dueOn(queue->clock(), limit);
         if (until != endOfTime && queue->clock().isReal())
             shortest = std::min(shortest, std::max(0.0, until - queue->clock().now()));
     }
     return shortest;
+}
+
+/// When something is due on that clock, which several queues may have; the limit is on the thread's.
+Seconds TurnLoop::dueOn(Clock const& clock, Seconds limit) const {
+    Seconds due = &clock == &threadClock() ? limit : endOfTime;
+    for (auto const& queue : queues_)
+        if (&queue->clock() == &clock && !queue->empty())
+            due = std::min(due, queue->earliest());
+    return due;
 }
 
 bool TurnLoop::waitForDescriptors(bool waitsWhenIdle) {

@@ -93,6 +93,7 @@ class MOX_EXPORT TurnLoop {
     bool wait(Seconds limit, bool waitsWhenIdle);
     bool clocksJump(Seconds limit) const;
     Seconds sleepTime(Seconds limit) const;
+    Seconds dueOn(Clock const& clock, Seconds limit) const;
     bool waitForDescriptors(bool waitsWhenIdle);
 
     void requestPump();

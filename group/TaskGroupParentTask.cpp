@@ -1,0 +1,61 @@
+#define MOX_SOURCE_NAME "TaskGroup"
+#include <group/TaskGroupParentTask.h>
+
+#include <group/TaskGroup.h>
+#include <mox/Type.h>
+
+namespace Kel {
+
+MOX_DEFINE_TYPE(TaskGroupParentTask, "Kel::TaskGroupParentTask", &Task::type())
+
+Mox::Ptr<TaskGroupParentTask>
+TaskGroupParentTask::TaskGroupParentTaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
+                                           Mox::String8 const& name, TaskGroup* taskGroup) {
+    Mox::Ptr<TaskGroupParentTask> task = new TaskGroupParentTask(scheduler, priority, name, taskGroup);
+    task->hasNotificationActiveIs(true);
+    return task;
+}
+
+Mox::Ptr<TaskGroupParentTask> taskGroupParentTaskFactory(Mox::Ptr<TaskScheduler> const& scheduler,
+                                                         TaskPriority priority, Mox::String8 const& name,
+                                                         TaskGroup* taskGroup) {
+    return TaskGroupParentTask::TaskGroupParentTaskIs(scheduler, priority, name, taskGroup);
+}
+
+TaskGroupParentTask::TaskGroupParentTask(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
+                                         Mox::String8 const& name, TaskGroup* taskGroup)
+    : Task(scheduler, priority, name), taskGroup_(taskGroup) {
+    linkToGroup();
+}
+
+TaskGroupParentTask::~TaskGroupParentTask() = default;
+
+void TaskGroupParentTask::linkToGroup() {
+    groupHook_.unlink();
+    if (taskGroup_)
+        taskGroup_->namedBy_.push_back(*this);
+}
+
+void TaskGroupParentTask::taskGroupIs(TaskGroup* taskGroup) {
+    if (taskGroup == taskGroup_)
+        return;
+    taskGroup_ = taskGroup;
+    linkToGroup();
+    if (hasNotificationActive())
+        reactors_.notify<NotifieeConst::taskGroup, NotifieeConst>();
+}
+
+void TaskGroupParentTask::resetStats() {
+    Task::resetStats();
+    if (taskGroup_)
+        taskGroup_->resetStats();
+}
+
+void TaskGroupParentTask::NotifieeConst::handleNotification(Mox::U32 notification) {
+    if (notification == taskGroup)
+        onTaskGroup();
+    else
+        Task::NotifieeConst::handleNotification(notification);
+}
+
+} // namespace Kel
