@@ -119,10 +119,11 @@ bool TimerWheel::collect(Seconds now) {
     while (buckets_.size() > 0 && buckets_.next() < farTick && timeOf(buckets_.next()) <= now) {
         if (count >= takenPerPoll)
             return false;
+        Seconds const tickTime = timeOf(buckets_.next());
         count += buckets_.take(taken, takenPerPoll - count);
         while (!taken.empty()) {
             NotifieeConst& timer = static_cast<NotifieeConst&>(taken.front());
-            if (timer.timeMin_ <= now)
+            if (timer.timeMin_ <= tickTime)
                 due_.splice(due_.end(), taken, taken.begin());
             else
                 file(timer);

@@ -8,8 +8,9 @@ namespace TestSupport {
 /// Takes the calling thread's steady clock in hand: while the object lives, CLOCK_MONOTONIC stands still for
 /// that thread and moves only as told here. Other threads and other clocks go on as ever.
 ///
-/// It is done by interposing `clock_gettime`, so that the library under test is the one that is shipped. A loop
-/// that sleeps on a real clock would sleep for ever; turn it by `runOnce()`, or let each reading move the time.
+/// It is done by interposing `clock_gettime`, so that the library under test is the one that is shipped. A
+/// loop that sleeps on a real clock would sleep for ever; turn it by `runOnce()`, or let each reading move
+/// the time.
 ///
 /// One object a thread at a time. Make it before whatever remembers readings.
 class ManualClock {

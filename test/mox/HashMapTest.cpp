@@ -1,0 +1,130 @@
+#include <mox/HashMap.h>
+
+#include <support/Random.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+namespace {
+
+using Mox::U32;
+
+/// Three keys share each hash; the hashes are multiples of 16, as addresses are.
+struct Key {
+    U32 number;
+    U32 hash() const { return number / 3 * 16; }
+    friend auto operator<=>(Key const&, Key const&) = default;
+};
+
+/// A slow and obvious map in the same order.
+struct InMapOrder {
+    bool operator()(Key const& a, Key const& b) const {
+        return std::pair(Mox::hashOrder(a), a) < std::pair(Mox::hashOrder(b), b);
+    }
+};
+using Model = std::map<Key, int, InMapOrder>;
+
+template <class Map, class At>
+void expectEqualFrom(Map const& map, At at, Model const& model, Key const& key) {
+    auto wanted = model.lower_bound(key);
+    for (int steps = 0; steps < 4 && wanted != model.end(); ++steps, ++at, ++wanted) {
+        ASSERT_TRUE(at != map.end()) << "from " << key.number;
+        ASSERT_EQ(wanted->first, at->first);
+        ASSERT_EQ(wanted->second, at->second);
+    }
+    ASSERT_EQ(wanted == model.end(), at == map.end());
+}
+
+TEST(HashMap, ARandomProgramDoesWhatASortedMapDoes) {
+    TestSupport::Random random;
+    Mox::HashMap<Key, int> map;
+    Model model;
+    std::size_t const steps = TestSupport::operations(300'000);
+    for (std::size_t step = 0; step < steps && !testing::Test::HasFatalFailure(); ++step) {
+        // The keys in use grow, so that the table grows while it is walked, and holds few and many.
+        Key const key{static_cast<U32>(random.below(10 + step / 10))};
+        if (random.oneIn(2)) {
+            map.valueIs(key, static_cast<int>(step));
+            model[key] = static_cast<int>(step);
+        } else if (random.oneIn(2)) {
+            ASSERT_EQ(model.erase(key) > 0, map.erase(key));
+        } else {
+            auto const found = model.find(key);
+            int const* const value = map.find(key);
+            ASSERT_EQ(found != model.end(), value != nullptr);
+            ASSERT_TRUE(!value || *value == found->second);
+        }
+        ASSERT_EQ(model.size(), map.size());
+        expectEqualFrom(map, map.iteratorFrom(key), model, key);
+        expectEqualFrom(map, map.begin(), model, model.empty() ? key : model.begin()->first);
+    }
+    EXPECT_TRUE(std::ranges::equal(map, model));
+    EXPECT_TRUE(std::ranges::equal(Mox::HashMap<Key, int>(map), model)) << "a copy";
+}
+
+TEST(HashMap, EntriesStayWhereTheyAreWhileTheMapGrows) {
+    Mox::HashMap<Key, int> map;
+    int* const value = &map.valueIs({1}, 1);
+    for (U32 number = 2; number < 1000; ++number)
+        map.valueIs({number}, 0);
+    *value = 7;
+    EXPECT_EQ(7, *map.find({1}));
+}
+
+/// An intrusive table: the link lives in the value.
+struct Item {
+    Key key;
+    Item* next = nullptr;
+};
+struct ItemTraits {
+    using Key = ::Key;
+    using Node = Item;
+    static Key const& key(Item const& item) { return item.key; }
+    static U32 code(Item const& item) { return Mox::hashOrder(item.key); }
+    static Item*& next(Item& item) { return item.next; }
+};
+
+TEST(HashTable, WalkByKeysGoesOnAcrossRemovalsInsertionsAndGrowth) {
+    std::vector<std::unique_ptr<Item>> items;
+    Mox::HashTable<ItemTraits> table;
+    auto const insert = [&](U32 number) {
+        table.insert(items.emplace_back(std::make_unique<Item>(Item{{number}})).get());
+    };
+    for (U32 number = 0; number < 500; ++number)
+        insert(number);
+    std::set<Key> seen;
+    Item* item = table.first();
+    while (item) {
+        Key const key = item->key;
+        EXPECT_TRUE(seen.insert(key).second);
+        EXPECT_EQ(item, table.remove(key));
+        if (key.number < 500)
+            insert(1000 + key.number); // before the walk or behind it
+        item = table.from(key);
+    }
+    for (U32 number = 0; number < 500; ++number)
+        EXPECT_TRUE(seen.contains(Key{number}));
+    EXPECT_EQ(1000u, seen.size() + table.size());
+    EXPECT_EQ(nullptr, table.remove({0}));
+}
+
+TEST(HashTableDeathTest, SecondNodeOfAKeyIsAnAssertion) {
+    Mox::HashTable<ItemTraits> table;
+    Item first{{1}}, second{{1}};
+    table.insert(&first);
+    EXPECT_DEATH(table.insert(&second), "no node of that key is there, source HashMap");
+}
+
+TEST(HashOrder, SpreadsAddressesOverTheBuckets) {
+    constexpr U32 buckets = 4096;
+    std::set<U32> used;
+    for (U32 i = 0; i < buckets; ++i)
+        used.insert(Mox::hashOrder(reinterpret_cast<Item*>(std::uintptr_t{0x5000000} + 16 * i)) >> 20);
+    EXPECT_GT(used.size(), buckets / 2); // throwing balls at random would use 63 in 100
+}
+
+} // namespace

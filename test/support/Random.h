@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <random>
+
+namespace TestSupport {
+
+/// Random numbers from a seed that is printed: a new one each time, or KELTASK_TEST_SEED of the environment,
+/// to see a failure again.
+class Random {
+  public:
+    Random();
+
+    /// 0 to limit - 1.
+    std::size_t below(std::size_t limit) { return generator_() % limit; }
+    bool oneIn(std::size_t chances) { return below(chances) == 0; }
+    /// At least `least`, less than `limit`.
+    double between(double least, double limit) {
+        return std::uniform_real_distribution<double>(least, limit)(generator_);
+    }
+
+  private:
+    std::mt19937_64 generator_;
+};
+
+/// How many operations a random program makes: a tenth of those asked for under a sanitizer.
+constexpr std::size_t operations(std::size_t count) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return count / 10;
+#else
+    return count;
+#endif
+}
+
+} // namespace TestSupport
