@@ -153,7 +153,7 @@ void TaskScheduler::handleSchedulerRun() {
     }
     TaskTimeStamp const now = Mox::SteadyClock::now();
     schedulerLastRunTimeStamp_ = now;
-    TaskTimeDuration const slip = now - schedulerLastScheduleTimeStamp_;
+    TaskTimeDuration const slip = elapsed(schedulerLastScheduleTimeStamp_, now);
     if (slip > schedulerMaxSchedulerSlip_)
         schedulerMaxSchedulerSlip_ = slip;
 

@@ -32,9 +32,9 @@ Mox::String displayRecord(Mox::Ptr<TaskRecord const> const& task) {
 TaskSchedulerHistory::TaskSchedulerHistory() : ring_(capacity) {}
 
 Mox::U32 TaskSchedulerHistory::deleteOlderThan(TaskTimeDuration maxAge) noexcept {
-    TaskTimeStamp const cutoff = Mox::SteadyClock::now() - maxAge;
+    TaskTimeStamp const now = Mox::SteadyClock::now();
     Mox::U32 deleted = 0;
-    for (; !ring_.empty() && ring_.back().timeStamp() < cutoff; ++deleted)
+    for (; !ring_.empty() && elapsed(ring_.back().timeStamp(), now) > maxAge; ++deleted)
         ring_.pop_back();
     return deleted;
 }

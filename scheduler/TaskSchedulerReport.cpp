@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <limits>
 
 namespace Kel {
 
@@ -63,6 +65,12 @@ std::string displayedWorkCount(TaskStat const& stat) {
     return stat.taskWorkCount() == 0 && stat.taskRun() != 0 ? "-" : std::to_string(stat.taskWorkCount());
 }
 
+/// Whole milliseconds, truncated; what does not fit (a record may hold anything) is clamped.
+U32 milliseconds(Mox::Seconds seconds) {
+    constexpr double most = std::numeric_limits<U32>::max();
+    return static_cast<U32>(std::fmin(std::fmax(seconds * 1000, 0.0), most)); // a NaN gives 0
+}
+
 struct Table {
     Context const& context;
     U32 indent;
@@ -83,7 +91,7 @@ struct Table {
     void printRow(std::string const& name, TaskStat const& stat) const {
         std::string const status = stat.taskStatusString();
         std::string const work = displayedWorkCount(stat);
-        auto const maxMs = static_cast<U32>(stat.taskRunTimeHighWaterMark() * 1000);
+        U32 const maxMs = milliseconds(stat.taskRunTimeHighWaterMark());
         if (isDead)
             KEL_PRINT_INDENTED(context, indent, "%-*s %2s %10u %13.3f %10s %6.3f %7.3f %4u %4u %5u %4u\n",
                                nameWidth, name.c_str(), status.c_str(), stat.taskRun(),

@@ -26,7 +26,8 @@ template <class T> std::string shortForm(T const& quantity) {
 }
 
 std::string eventLine(TaskSchedulerHistory::Event const& event, TaskTimeStamp const& now) {
-    auto const age = boost::chrono::duration_cast<boost::chrono::microseconds>(now - event.timeStamp());
+    auto const age =
+        boost::chrono::duration_cast<boost::chrono::microseconds>(elapsed(event.timeStamp(), now));
     std::ostringstream line;
     line << std::setw(22) << shortForm(event.timeStamp()) << ' ' << std::setw(10) << shortForm(age) << ' '
          << event.display();

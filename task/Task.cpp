@@ -126,7 +126,7 @@ bool Task::scheduleTaskPrivate() {
         taskHistoryInsertNow(EventType::scheduleSus);
         return true;
     }
-    MOX_TRACE_AT(taskSchedulerTrace, 8, "Scheduled " << this);
+    MOX_TRACE_OF("scheduleTask", taskSchedulerTrace, 8, "Scheduled " << this);
     TaskTimeStamp const now = Mox::SteadyClock::now();
     taskHistoryInsertTs(EventType::schedule, now);
     taskLastAddedToRunQueueTimeStampIs(now);
@@ -158,7 +158,7 @@ void Task::unscheduleTaskPrivate() {
 }
 
 void Task::doUpdateSchedulingLatency(TaskTimeStamp const& now) {
-    TaskTimeDuration const latency = now - taskLastAddedToRunQueueTimeStamp_;
+    TaskTimeDuration const latency = elapsed(taskLastAddedToRunQueueTimeStamp_, now);
     taskLastSchedulingLatency_ = latency;
     if (latency > taskSchedulingLatencyHighWaterMark_)
         taskSchedulingLatencyHighWaterMark_ = latency;
@@ -199,7 +199,7 @@ void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
                   taskMagicNumber() == taskMagicNumberConstructed());
     TaskTimeStamp const now = Mox::SteadyClock::now();
     *end = now;
-    measureRun(now - start);
+    measureRun(elapsed(start, now));
     taskHistoryInsertTs(EventType::runEnd, now);
     updateTaskBusy();
 }
@@ -208,14 +208,14 @@ void Task::measureRun(TaskTimeDuration runTime) {
     if (runTime >= 2 * taskQuantumInternal_) [[unlikely]]
         countViolation(runTime);
     else
-        MOX_TRACE_AT(taskSchedulerTrace, 7, "Ran " << this << " used " << runTime);
+        MOX_TRACE_OF("taskDoRun", taskSchedulerTrace, 7, "Ran " << this << " used " << runTime);
     if (runTime > taskRunTimeHighWaterMark_)
         taskRunTimeHighWaterMark_ = runTime;
     taskTotalRunTime_ += runTime;
 }
 
 void Task::countViolation(TaskTimeDuration runTime) {
-    MOX_TRACE_AT(taskSchedulerTrace, 5,
+    MOX_TRACE_OF("taskDoRun", taskSchedulerTrace, 5,
                  "Ran " << this << " used " << runTime << " "
                         << Mox::toSeconds(runTime) / Mox::toSeconds(taskQuantumInternal_) * 100
                         << "% violation");
@@ -228,7 +228,7 @@ void Task::countViolation(TaskTimeDuration runTime) {
 bool Task::taskShouldYield() const {
     TaskTimeStamp const now = Mox::SteadyClock::now();
     MOX_ASSERT_AS("now >= taskLastRunTimeStamp_", now >= taskLastRunTimeStamp_);
-    return now - taskLastRunTimeStamp_ >= taskQuantumInternal_;
+    return elapsed(taskLastRunTimeStamp_, now) >= taskQuantumInternal_;
 }
 
 void Task::taskQuantumIs(Mox::Seconds const& quantum) {
@@ -323,7 +323,7 @@ void Task::handleTaskSuspendedForTest() {
     } else {
         MOX_TRACE_AT(taskSchedulerTrace, 1, "Unsuspend " << this);
         taskHistoryInsertNow(EventType::suspendOff);
-        if (!taskRunQueueLink_.isLinked())
+        if (!taskScheduled())
             scheduleTask();
     }
 }

@@ -96,6 +96,9 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     /// Runs the task once; the run pass calls it, with the task off its queue. `end` gets the end of the run.
     void taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end);
     TaskStat getStats() const;
+    /// Record an event of the task in the root's history, stamped now or as given; nothing for an orphan.
+    void taskHistoryInsertNow(TaskSchedulerEventType eventType) const;
+    void taskHistoryInsertTs(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
 
     // Reading
 
@@ -144,8 +147,6 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     void unscheduleTaskPrivate();
     /// The last statement of every operation: a callback of it may release the task.
     void updateTaskBusy();
-    void taskHistoryInsertNow(TaskSchedulerEventType eventType) const;
-    void taskHistoryInsertTs(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
     TaskScheduler* scheduler() const { return taskScheduler_; }
 
   private:

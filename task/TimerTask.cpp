@@ -204,7 +204,8 @@ void TimerTask::scheduleTaskDelayedPrivate(Seconds delay, bool resetDelayIfAlrea
 }
 
 void TimerTask::startTimer(Seconds delay, Seconds expiry) {
-    MOX_TRACE_AT(taskSchedulerTrace, 8, "Timer started " << this << " delay " << delay);
+    MOX_TRACE_OF("scheduleTaskDelayedPrivate", taskSchedulerTrace, 8,
+                 "Timer started " << this << " delay " << delay);
     timer_->timeMinIs(expiry);
     taskHistoryInsertNow(EventType::timerStart);
     updateTaskBusy();

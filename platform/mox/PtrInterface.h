@@ -55,9 +55,6 @@ class MOX_EXPORT PtrInterface {
     /// True once the last reference has gone.
     bool dying() const { return (references_ & pinned) != 0; }
 
-    bool hasNotificationActive_ = false;
-    bool zombieReactors_ = false;
-
   private:
     friend void intrusive_ptr_add_ref(PtrInterface const* entity) noexcept { ++entity->references_; }
     friend void intrusive_ptr_release(PtrInterface const* entity) noexcept {
@@ -74,6 +71,10 @@ class MOX_EXPORT PtrInterface {
 #else
     mutable U32 references_ = 0;
 #endif
+
+  protected: // behind the count, so that flags of derived classes fit in the same word
+    bool hasNotificationActive_ = false;
+    bool zombieReactors_ = false;
 };
 
 } // namespace Mox
