@@ -38,9 +38,9 @@ struct TaskRegistryTraits {
 /// owner keeps alive. Tasks that it made for itself are dropped first, in the most derived destructor, by
 /// `dropOwnTasks()`, while root, clock and parent are still there.
 ///
-/// A task's statistics are kept under its name after its death: an entry costs some 250 bytes and the name,
-/// and goes with `resetStats()`. Names should come from a bounded set; the dead table of the report, and the
-/// DeadCount column of its first table, show how many there are.
+/// A task's statistics are kept under its name after its death: an entry takes 240 bytes with a name of 16
+/// characters (64 bit), and goes with `resetStats()`. Names should come from a bounded set; the dead table of
+/// the report and the DeadCount column of its first table show operators how many there are.
 class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
   public:
     using TasksRegistered = Mox::HashTable<TaskRegistryTraits>;
