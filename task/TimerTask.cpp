@@ -21,7 +21,10 @@ namespace {
 constexpr Seconds tick = TaskScheduler::timerWheelTickInMsec() / 1000.0;
 
 /// Sums of finite delays stay finite: endOfTime would stop the timer.
-Seconds finite(Seconds delay) { return std::min(delay, std::numeric_limits<Seconds>::max()); }
+Seconds finite(Seconds delay) {
+    constexpr Seconds most = std::numeric_limits<Seconds>::max();
+    return std::clamp(delay, -most, most);
+}
 
 } // namespace
 
@@ -152,7 +155,7 @@ void TimerTask::scheduleTaskJitterUp(Seconds delayIntoFuture, Mox::U8 maxJitterP
     if (delayIntoFuture > std::numeric_limits<Seconds>::max())
         return stopTimerTask();
     MOX_ASSERT_AS("__null != taskScheduler_", scheduler());
-    Seconds const maxJitter = finite(delayIntoFuture * maxJitterPercentage);
+    Seconds const maxJitter = finite(finite(delayIntoFuture) * maxJitterPercentage);
     Seconds const offset = finite(scheduler()->root()->jitterDraw() * maxJitter / 10000);
     Seconds const delay = finite(delayIntoFuture + offset);
     MOX_TRACE_AT(taskSchedulerTrace, 8,
