@@ -9,27 +9,53 @@
 
 namespace Bench {
 
+/// A ring of the latest 10,000 events, of 24 bytes each with a plain counted reference to what they are
+/// about.
+template <class Item> class FloorRing {
+  public:
+    void record(Item& item, std::int64_t time, std::uint8_t type) {
+        at_ = at_ == 0 ? ring_.size() - 1 : at_ - 1;
+        Event& event = ring_[at_];
+        if (event.item && --event.item->references == 0) [[unlikely]]
+            delete event.item;
+        ++item.references;
+        event = {time, &item, type};
+    }
+
+  private:
+    struct Event {
+        std::int64_t time = 0;
+        Item* item = nullptr;
+        std::uint8_t type = 0;
+    };
+    static_assert(sizeof(void*) != 8 || sizeof(Event) == 24);
+
+    std::vector<Event> ring_ = std::vector<Event>(10000);
+    std::size_t at_ = 0;
+};
+
 /// What runs on the floor below: one virtual call, and the figures of a measured task.
 class FloorItem {
   public:
     virtual ~FloorItem() = default;
     virtual void onRun() = 0;
 
+    std::uint32_t references = 1; // its owner's, and the ring's
+
   private:
     template <bool, bool, bool> friend class Floor;
     using Hook =
         boost::intrusive::list_member_hook<boost::intrusive::link_mode<boost::intrusive::normal_link>>;
 
-    Hook hook_;
-    std::uint32_t references_ = 1;
     std::uint32_t runs_ = 0;
-    std::uint32_t violations_ = 0;
+    Hook hook_;
     std::int64_t addedAt_ = 0;
     std::int64_t startedAt_ = 0;
     std::int64_t latency_ = 0;
     std::int64_t latencyMax_ = 0;
     std::int64_t runTime_ = 0;
     std::int64_t runTimeMax_ = 0;
+    std::uint32_t violations_ = 0;
 };
 
 /// The floor under a task run: a loop by hand that does only what a run with statistics and history cannot do
@@ -39,7 +65,6 @@ class FloorItem {
 /// The parts can be left out, to see what they cost.
 template <bool clock = true, bool ring = true, bool statistics = true> class Floor {
   public:
-    Floor() : ring_(ring ? capacity : 0) {}
     ~Floor() { queue_.clear(); }
 
     void schedule(FloorItem& item) {
@@ -56,13 +81,6 @@ template <bool clock = true, bool ring = true, bool statistics = true> class Flo
     }
 
   private:
-    struct Event {
-        std::int64_t time = 0;
-        FloorItem* item = nullptr;
-        std::uint8_t type = 0;
-    };
-    static_assert(sizeof(void*) != 8 || sizeof(Event) == 24);
-    static constexpr std::size_t capacity = 10000;
     static constexpr std::int64_t quantum = 20'000'000;
 
     static std::int64_t read() {
@@ -99,14 +117,8 @@ template <bool clock = true, bool ring = true, bool statistics = true> class Flo
     }
 
     void record(FloorItem& item, std::int64_t time, std::uint8_t type) {
-        if constexpr (ring) {
-            at_ = at_ == 0 ? capacity - 1 : at_ - 1;
-            Event& event = ring_[at_];
-            if (event.item && --event.item->references_ == 0) [[unlikely]]
-                delete event.item;
-            ++item.references_;
-            event = {time, &item, type};
-        }
+        if constexpr (ring)
+            ring_.record(item, time, type);
     }
 
     using Queue =
@@ -115,8 +127,7 @@ template <bool clock = true, bool ring = true, bool statistics = true> class Flo
                                boost::intrusive::constant_time_size<false>>;
 
     Queue queue_;
-    std::vector<Event> ring_;
-    std::size_t at_ = 0;
+    FloorRing<FloorItem> ring_;
     std::int64_t requestedAt_ = 0;
     std::int64_t slipMax_ = 0;
     std::uint64_t added_ = 0;

@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -62,11 +63,25 @@ inline std::vector<std::uint32_t> shuffled(std::uint64_t n) {
     return order;
 }
 
+/// What it costs to look at the thread's CPU time.
+inline double costOfLooking() {
+    static double const cost = [] {
+        std::vector<double> costs;
+        for (int i = 0; i < 1001; ++i) {
+            double const before = cpuNanoseconds();
+            costs.push_back(cpuNanoseconds() - before);
+        }
+        return median(costs);
+    }();
+    return cost;
+}
+
 /// CPU nanoseconds of `work`, for each of its `operations`.
 template <class Work> double costOf(std::uint64_t operations, Work&& work) {
+    double const looking = costOfLooking();
     double const before = cpuNanoseconds();
     work();
-    return (cpuNanoseconds() - before) / static_cast<double>(operations);
+    return (cpuNanoseconds() - before - looking) / static_cast<double>(operations);
 }
 
 /// Medians of alternating samples.
@@ -78,17 +93,29 @@ struct Comparison {
     double ratio() const { return ours / floor; }
 };
 
-/// Samples both in turn. Each call gives one sample; the first pair warms up and is dropped.
-template <class Ours, class Floor> Comparison alternate(int samples, Ours&& ours, Floor&& floor) {
-    ours();
-    floor();
-    std::vector<double> a, b, ratios;
-    for (int i = 0; i < samples; ++i) {
-        a.push_back(ours());
-        b.push_back(floor());
-        ratios.push_back(a.back() / b.back());
+/// What one call of a sampled function gives: a figure for each of the operations that it times.
+template <std::size_t operations> using Sample = std::array<double, operations>;
+
+/// Samples both in turn. The first pair warms up and is dropped.
+template <std::size_t operations = 1, class Ours, class Floor>
+std::array<Comparison, operations> alternateEach(int samples, Ours&& ours, Floor&& floor) {
+    std::array<std::vector<double>, operations> a, b, ratios;
+    for (int i = 0; i <= samples; ++i) {
+        Sample<operations> const x = ours(), y = floor();
+        for (std::size_t k = 0; k < operations && i > 0; ++k) {
+            a[k].push_back(x[k]);
+            b[k].push_back(y[k]);
+            ratios[k].push_back(x[k] / y[k]);
+        }
     }
-    return {median(a), median(b), quantile(ratios, 0.75) - quantile(ratios, 0.25)};
+    std::array<Comparison, operations> result;
+    for (std::size_t k = 0; k < operations; ++k)
+        result[k] = {median(a[k]), median(b[k]), quantile(ratios[k], 0.75) - quantile(ratios[k], 0.25)};
+    return result;
+}
+template <class Ours, class Floor> Comparison alternate(int samples, Ours&& ours, Floor&& floor) {
+    return alternateEach(
+        samples, [&] { return Sample<1>{ours()}; }, [&] { return Sample<1>{floor()}; })[0];
 }
 
 /// What the command line asks for: `--quick` (fewer samples), `--json FILE` (the rows, as a JSON list).
