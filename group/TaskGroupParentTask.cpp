@@ -42,7 +42,7 @@ void TaskGroupParentTask::taskGroupIs(TaskGroup* taskGroup) {
     taskGroup_ = taskGroup;
     linkToGroup();
     if (hasNotificationActive())
-        reactors_.notify<NotifieeConst::taskGroup, NotifieeConst>();
+        reactors_.notify<NotifieeConst::taskGroupChanged, NotifieeConst>();
 }
 
 void TaskGroupParentTask::resetStats() {
@@ -52,7 +52,7 @@ void TaskGroupParentTask::resetStats() {
 }
 
 void TaskGroupParentTask::NotifieeConst::handleNotification(Mox::U32 notification) {
-    if (notification == taskGroup)
+    if (notification == taskGroupChanged)
         onTaskGroup();
     else
         Task::NotifieeConst::handleNotification(notification);

@@ -48,7 +48,7 @@ class MOX_EXPORT TaskGroupParentTask : public Task {
 class MOX_EXPORT TaskGroupParentTask::NotifieeConst
     : public Mox::NotifieeOf<TaskGroupParentTask, Task::NotifieeConst> {
   public:
-    enum Notification : Mox::U32 { taskGroup = notificationsOfTask };
+    enum Notification : Mox::U32 { taskGroupChanged = notificationsOfTask };
 
     virtual void onTaskGroup() {}
 

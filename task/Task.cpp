@@ -300,7 +300,7 @@ void Task::taskBusyIs(bool busy) {
         return;
     taskBusy_ = busy;
     handleTaskBusy();
-    notify<NotifieeConst::taskBusy>();
+    notify<NotifieeConst::taskBusyChanged>();
 }
 
 void Task::handleTaskBusy() const { taskHistoryInsertNow(taskBusy_ ? EventType::busy : EventType::idle); }
@@ -312,7 +312,7 @@ void Task::taskSuspendedForTestIs(bool suspended) {
     Mox::Ptr<TaskRecord> const record = record_;
     handleTaskSuspendedForTest();
     if (record->isAlive())
-        notify<NotifieeConst::taskSuspendedForTest>();
+        notify<NotifieeConst::taskSuspendedForTestChanged>();
 }
 
 void Task::handleTaskSuspendedForTest() {
@@ -333,7 +333,7 @@ void Task::taskForceYieldInTestIs(bool force) {
         return;
     taskForceYieldInTest_ = force;
     handleTaskForceYieldInTest();
-    notify<NotifieeConst::taskForceYieldInTest>();
+    notify<NotifieeConst::taskForceYieldInTestChanged>();
 }
 
 void Task::handleTaskForceYieldInTest() {
@@ -355,28 +355,30 @@ template <U32 notification, class T> void Task::change(T& attribute, T value) {
 }
 
 void Task::taskWorkCountInc(U64 const& count) {
-    change<NotifieeConst::taskWorkCount>(taskWorkCount_, taskWorkCount_ + count);
+    change<NotifieeConst::taskWorkCountChanged>(taskWorkCount_, taskWorkCount_ + count);
 }
 
-void Task::taskWorkCountIs(U64 const& count) { change<NotifieeConst::taskWorkCount>(taskWorkCount_, count); }
+void Task::taskWorkCountIs(U64 const& count) {
+    change<NotifieeConst::taskWorkCountChanged>(taskWorkCount_, count);
+}
 
 void Task::taskQuantumViolation500Is(U32 count) {
-    change<NotifieeConst::taskQuantumViolation500>(taskQuantumViolation500_, count);
+    change<NotifieeConst::taskQuantumViolation500Changed>(taskQuantumViolation500_, count);
 }
 
 void Task::taskQuantumViolation200Is(U32 count) {
-    change<NotifieeConst::taskQuantumViolation200>(taskQuantumViolation200_, count);
+    change<NotifieeConst::taskQuantumViolation200Changed>(taskQuantumViolation200_, count);
 }
 
-void Task::taskRunInc(U32 runs) { change<NotifieeConst::taskRun>(taskRun_, taskRun_ + runs); }
+void Task::taskRunInc(U32 runs) { change<NotifieeConst::taskRunChanged>(taskRun_, taskRun_ + runs); }
 
-void Task::taskRunIs(U32 runs) { change<NotifieeConst::taskRun>(taskRun_, runs); }
+void Task::taskRunIs(U32 runs) { change<NotifieeConst::taskRunChanged>(taskRun_, runs); }
 
 void Task::taskCurrentlyRunningIs(bool running) {
     if (taskCurrentlyRunning_ == running)
         return;
     taskCurrentlyRunning_ = running;
-    notify<NotifieeConst::taskCurrentlyRunning>();
+    notify<NotifieeConst::taskCurrentlyRunningChanged>();
 }
 
 void Task::NotifieeConst::handleNotification(U32 notification) {

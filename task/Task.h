@@ -214,14 +214,14 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
 class MOX_EXPORT Task::NotifieeConst : public Mox::NotifieeOf<Task> {
   public:
     enum Notification : Mox::U32 {
-        taskBusy,
-        taskSuspendedForTest,
-        taskForceYieldInTest,
-        taskWorkCount,
-        taskQuantumViolation500,
-        taskQuantumViolation200,
-        taskRun,
-        taskCurrentlyRunning,
+        taskBusyChanged,
+        taskSuspendedForTestChanged,
+        taskForceYieldInTestChanged,
+        taskWorkCountChanged,
+        taskQuantumViolation500Changed,
+        taskQuantumViolation200Changed,
+        taskRunChanged,
+        taskCurrentlyRunningChanged,
         notificationsOfTask // types that extend Task count on from here
     };
 
@@ -240,14 +240,14 @@ class MOX_EXPORT Task::NotifieeConst : public Mox::NotifieeOf<Task> {
     using Callback = void (NotifieeConst::*)();
     static constexpr Callback callback(Mox::U32 notification) {
         switch (notification) {
-        case taskBusy: return &NotifieeConst::onTaskBusy;
-        case taskSuspendedForTest: return &NotifieeConst::onTaskSuspendedForTest;
-        case taskForceYieldInTest: return &NotifieeConst::onTaskForceYieldInTest;
-        case taskWorkCount: return &NotifieeConst::onTaskWorkCount;
-        case taskQuantumViolation500: return &NotifieeConst::onTaskQuantumViolation500;
-        case taskQuantumViolation200: return &NotifieeConst::onTaskQuantumViolation200;
-        case taskRun: return &NotifieeConst::onTaskRun;
-        case taskCurrentlyRunning: return &NotifieeConst::onTaskCurrentlyRunning;
+        case taskBusyChanged: return &NotifieeConst::onTaskBusy;
+        case taskSuspendedForTestChanged: return &NotifieeConst::onTaskSuspendedForTest;
+        case taskForceYieldInTestChanged: return &NotifieeConst::onTaskForceYieldInTest;
+        case taskWorkCountChanged: return &NotifieeConst::onTaskWorkCount;
+        case taskQuantumViolation500Changed: return &NotifieeConst::onTaskQuantumViolation500;
+        case taskQuantumViolation200Changed: return &NotifieeConst::onTaskQuantumViolation200;
+        case taskRunChanged: return &NotifieeConst::onTaskRun;
+        case taskCurrentlyRunningChanged: return &NotifieeConst::onTaskCurrentlyRunning;
         default: return nullptr;
         }
     }

@@ -232,11 +232,11 @@ void TimerTask::timerTaskInitCompleteIs(bool complete) {
         return;
     timerTaskInitComplete_ = complete;
     if (hasNotificationActive())
-        reactors_.notify<NotifieeConst::timerTaskInitComplete, NotifieeConst>();
+        reactors_.notify<NotifieeConst::timerTaskInitCompleteChanged, NotifieeConst>();
 }
 
 void TimerTask::NotifieeConst::handleNotification(Mox::U32 notification) {
-    if (notification == timerTaskInitComplete)
+    if (notification == timerTaskInitCompleteChanged)
         onTimerTaskInitComplete();
     else
         Task::NotifieeConst::handleNotification(notification);

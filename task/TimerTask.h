@@ -89,7 +89,7 @@ class MOX_EXPORT TimerTask::MoxTimer : public TimerWheel::NotifieeConst {
 
 class MOX_EXPORT TimerTask::NotifieeConst : public Mox::NotifieeOf<TimerTask, Task::NotifieeConst> {
   public:
-    enum Notification : Mox::U32 { timerTaskInitComplete = notificationsOfTask };
+    enum Notification : Mox::U32 { timerTaskInitCompleteChanged = notificationsOfTask };
 
     virtual void onTimerTaskInitComplete() {}
 
