@@ -114,24 +114,6 @@ TEST_P(EventLoopTest, RunIsEndedByStopAndKeepsTheLoopMeanwhile) {
     EXPECT_EQ("a", order);
 }
 
-TEST_P(EventLoopTest, PostedHandlersAndTimersShareTheLoop) {
-    event('t', 0);
-    boost::asio::post(loop->ioContext(), [this] { order += 'h'; });
-    EXPECT_EQ(2u, loop->runOnce());
-    EXPECT_THAT(order, testing::UnorderedElementsAre('t', 'h'));
-}
-
-TEST(OwnEventLoop, RunReturnsWhenNothingIsPending) {
-    TestSupport::VirtualTime const time(true);
-    Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
-    loop->run();
-    int fired = 0;
-    EventCall event(loop, [&] { fired += 1; });
-    event.in(86400);
-    loop->run();
-    EXPECT_EQ(1, fired);
-}
-
 TEST(CarriedEventLoopDeathTest, AlwaysRunsWhenIdle) {
     Ptr<EventLoop> const loop = EventLoop::EventLoopIs(Mox::activityManager());
     EXPECT_TRUE(loop->runsWhenIdle());

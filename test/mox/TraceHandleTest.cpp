@@ -77,22 +77,6 @@ TEST(TraceHandle, DefaultSinkWritesOneLineToStandardErrorAsItIs) {
                                       "[^\n]*Default/2 Source::function and this\n"));
 }
 
-TEST(TraceHandle, SinkMayTraceAndReplaceItself) {
-    TraceHandle handle("Pump");
-    std::string texts;
-    handle.sinkIs([&](Mox::TraceRecord const& r) {
-        texts += r.text;
-        if (r.text == "a") {
-            handle.record(0, "", "", "b");
-            handle.sinkIs([&](Mox::TraceRecord const&) { texts += '!'; });
-        }
-        texts += r.text;
-    });
-    handle.record(0, "", "", "a");
-    handle.record(0, "", "", "c");
-    EXPECT_EQ("abba!", texts);
-}
-
 TEST(TraceHandleDeathTest, AssertsOnASecondDefinitionAndAnUnknownLevel) {
     TraceHandle handle("Pump");
     EXPECT_DEATH(TraceHandle second("Pump"), "no trace handle of that name was asked for before");

@@ -13,7 +13,9 @@ class Random {
     Random();
 
     /// 0 to limit - 1.
-    std::size_t below(std::size_t limit) { return generator_() % limit; }
+    std::size_t below(std::size_t limit) { return static_cast<std::size_t>(generator_() % limit); }
+    /// 64 random bits, on every machine.
+    std::uint64_t word() { return generator_(); }
     bool oneIn(std::size_t chances) { return below(chances) == 0; }
     /// At least `least`, less than `limit`.
     double between(double least, double limit) {
