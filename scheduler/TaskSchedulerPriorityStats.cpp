@@ -2,8 +2,19 @@
 #include <scheduler/TaskSchedulerPriorityStats.h>
 
 #include <mox/Assert.h>
+#include <task/FieldLog.h>
+#include <task/FieldText.h>
+
+#include <ostream>
 
 namespace Kel {
+
+TaskSchedulerPriorityStats::TaskSchedulerPriorityStats(Mox::String::IteratorConst& position,
+                                                       Mox::String::IteratorConst const& end) {
+    sequenceToFields(position, end, this);
+}
+
+TaskSchedulerPriorityStats::TaskSchedulerPriorityStats(Mox::NboAttrLog::In* in) { readFields(in, this); }
 
 TaskSchedulerPriorityStats& TaskSchedulerPriorityStats::operator+=(TaskSchedulerPriorityStats const& rhs) {
     MOX_ASSERT_AS("taskPriority() == rhs.taskPriority()", taskPriority() == rhs.taskPriority());
@@ -12,6 +23,18 @@ TaskSchedulerPriorityStats& TaskSchedulerPriorityStats::operator+=(TaskScheduler
             this->*field.pointer += rhs.*field.pointer;
     });
     return *this;
+}
+
+Mox::String valueToStrep(TaskSchedulerPriorityStats const& stats) { return fieldsToStrep(stats); }
+
+std::ostream& operator<<(std::ostream& stream, TaskSchedulerPriorityStats const& stats) {
+    return stream << valueToStrep(stats);
+}
+
+Mox::Ptr<Mox::NboAttrLog::Out> const& operator<<(Mox::Ptr<Mox::NboAttrLog::Out> const& out,
+                                                 TaskSchedulerPriorityStats const& stats) {
+    writeFields(out, stats);
+    return out;
 }
 
 } // namespace Kel

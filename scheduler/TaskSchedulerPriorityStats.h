@@ -4,6 +4,8 @@
 #include <task/FieldTable.h>
 #include <task/TaskPriority.h>
 
+#include <iosfwd>
+
 namespace Kel {
 
 /// The counts of one priority of a scheduler: a plain value.
@@ -11,6 +13,10 @@ class MOX_EXPORT TaskSchedulerPriorityStats {
   public:
     TaskSchedulerPriorityStats() = default;
     explicit TaskSchedulerPriorityStats(TaskPriority priority) : taskPriority_(priority) {}
+    /// Reads the text form, as TaskStat's.
+    TaskSchedulerPriorityStats(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end);
+    /// Reads the log form: the fields, in their order.
+    explicit TaskSchedulerPriorityStats(Mox::NboAttrLog::In* in);
 
     TaskPriority taskPriority() const { return taskPriority_; }
     void taskPriorityIs(TaskPriority priority) { taskPriority_ = priority; }
@@ -37,6 +43,11 @@ class MOX_EXPORT TaskSchedulerPriorityStats {
         return allFieldsEqual(a, b);
     }
 
+    /// The text form.
+    friend MOX_EXPORT std::ostream& operator<<(std::ostream& stream, TaskSchedulerPriorityStats const& stats);
+    friend MOX_EXPORT Mox::Ptr<Mox::NboAttrLog::Out> const&
+    operator<<(Mox::Ptr<Mox::NboAttrLog::Out> const& out, TaskSchedulerPriorityStats const& stats);
+
   private:
     TaskPriority taskPriority_;
     Mox::U32 runnableTasks_ = 0;
@@ -48,4 +59,11 @@ class MOX_EXPORT TaskSchedulerPriorityStats {
                          (taskPriority_, runnableTasks_, idleTasks_, deadTasks_, totalRunCount_))
 };
 
+/// Value('Kel::TaskSchedulerPriorityStats', ** {'taskPriority': ...}), with every field.
+MOX_EXPORT Mox::String valueToStrep(TaskSchedulerPriorityStats const& stats);
+
 } // namespace Kel
+
+namespace Mox {
+using Kel::valueToStrep;
+}

@@ -2,25 +2,35 @@
 
 #include <kel/DisplayPointer.h>
 #include <mox/Exception.h>
-
-#include <charconv>
+#include <mox/NboAttrLog.h>
+#include <mox/StrepCursor.h>
 
 namespace Kel {
 
 TaskKey::TaskKey(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end) {
-    if (position != end && *position == '@') {
-        auto behind = position + 1;
+    Mox::StrepCursor cursor(position, end);
+    std::string_view const text = cursor.rest();
+    if (std::string_view("@0x").starts_with(text))
+        throw Mox::PrematureEnd();
+    if (text.front() == '@') {
+        auto behind = cursor.position() + 1;
         value_ = DisplayPointer(behind, end).address();
         position = behind;
         return;
     }
-    std::string_view const text(position, end);
-    auto const read = std::from_chars(text.data(), text.data() + text.size(), value_);
-    if (read.ec != std::errc())
+    if (text.front() < '0' || text.front() > '9')
         throw Mox::RangeException("not a task key: a key is a decimal number or @ and a pointer");
-    position += read.ptr - text.data();
+    cursor.read(&value_);
+    position = cursor.position();
 }
 
 Mox::String8 TaskKey::toStrep() const { return "@" + DisplayPointer(value_).toStrep(); }
+
+Mox::String valueToStrep(TaskKey const& key) { return Mox::valueToStrep(key.value()); }
+
+Mox::Ptr<Mox::NboAttrLog::Out> const& operator<<(Mox::Ptr<Mox::NboAttrLog::Out> const& out,
+                                                 TaskKey const& key) {
+    return out << key.value_;
+}
 
 } // namespace Kel

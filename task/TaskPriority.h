@@ -2,7 +2,8 @@
 
 #include <mox/Export.h>
 #include <mox/Integers.h>
-#include <mox/String.h>
+#include <mox/NboAttrLogForward.h>
+#include <mox/Strep.h>
 
 #include <iosfwd>
 
@@ -21,6 +22,15 @@ class MOX_EXPORT TaskPriority {
     };
 
     constexpr TaskPriority(PriorityEnum value = absolute) : value_(value) {}
+    /// Reads the text form and moves `position` behind it. Throws Mox::RangeException, with `position` where
+    /// it was, when none stands there.
+    TaskPriority(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end);
+    /// Reads the log form: the number, as i32.
+    template <Mox::NboAttrLog::AnyIn In> explicit TaskPriority(In* in) {
+        Mox::S32 number = 0;
+        in->read(&number);
+        value_ = static_cast<PriorityEnum>(number);
+    }
 
     constexpr PriorityEnum numericValue() const { return value_; }
     constexpr Mox::U32 hash() const { return value_; }
@@ -37,7 +47,7 @@ class MOX_EXPORT TaskPriority {
     static Mox::String8 stringValue(PriorityEnum value);
     Mox::String8 toStrep() const { return stringValue(value_); }
 
-    /// The value of that name. Throws Mox::RangeException for a name that is none.
+    /// The value of that name, as stringValue() gives it. Throws Mox::RangeException for a name that is none.
     static PriorityEnum PriorityEnumInstance(Mox::String8 const& name);
     static constexpr PriorityEnum PriorityEnumInstance(Mox::U32 number) {
         return static_cast<PriorityEnum>(number);
@@ -48,9 +58,23 @@ class MOX_EXPORT TaskPriority {
     friend constexpr bool operator<(TaskPriority a, TaskPriority b) { return a.value_ < b.value_; }
     /// The name, as toStrep().
     friend MOX_EXPORT std::ostream& operator<<(std::ostream& stream, TaskPriority priority);
+    friend MOX_EXPORT Mox::Ptr<Mox::NboAttrLog::Out> const&
+    operator<<(Mox::Ptr<Mox::NboAttrLog::Out> const& out, TaskPriority const& priority);
 
   private:
     PriorityEnum value_;
 };
 
+/// The text form: the name, or the number's form outside the enumeration, in single quotes.
+MOX_EXPORT Mox::String valueToStrep(TaskPriority::PriorityEnum value);
+MOX_EXPORT Mox::String valueToStrep(TaskPriority const& priority);
+/// Reads it back. Throws Mox::RangeException, and changes nothing, when none stands there.
+MOX_EXPORT void sequenceToValue(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end,
+                                TaskPriority::PriorityEnum* value);
+
 } // namespace Kel
+
+namespace Mox {
+using Kel::sequenceToValue;
+using Kel::valueToStrep;
+} // namespace Mox

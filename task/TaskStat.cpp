@@ -3,10 +3,14 @@
 
 #include <mox/Assert.h>
 #include <mox/Exception.h>
+#include <task/FieldLog.h>
+#include <task/FieldText.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <optional>
+#include <ostream>
 
 namespace Kel {
 
@@ -42,6 +46,10 @@ template <Merge rule, class T> void merge(T& left, [[maybe_unused]] T const& rig
         ++left;
 }
 
+/// The names of the bits of a status.
+constexpr std::array<std::string_view, 5> flagNames{"taskTimer", "taskTimerRunning", "taskOnRunQueue",
+                                                    "taskCurrentlyRunning", "taskSuspendedForTest"};
+
 } // namespace
 
 void TaskStat::TaskStatus::valueIs(Mox::U32 value) {
@@ -49,6 +57,33 @@ void TaskStat::TaskStatus::valueIs(Mox::U32 value) {
         throw Mox::RangeException("TaskStatus::value > 0x1f not allowed");
     value_ = value;
 }
+
+TaskStat::TaskStatus::TaskStatus(Mox::String::IteratorConst& position,
+                                 Mox::String::IteratorConst const& end) {
+    std::optional<TaskStatus> whole;
+    readAttributes(position, end, Mox::typeNameOf<TaskStatus>(), [&](std::string_view name, auto& at) {
+        auto const flag = std::ranges::find(flagNames, name);
+        if (flag != flagNames.end()) {
+            bool on = false;
+            Mox::sequenceToValue(at, end, &on);
+            flagIs(static_cast<Mox::U32>(flag - flagNames.begin()), on);
+        } else if (name == "value") {
+            Mox::U64 value = 0;
+            Mox::sequenceToValue(at, end, &value);
+            whole.emplace(static_cast<Mox::U32>(std::min(value, Mox::U64{valueMax} + 1)));
+        } else
+            return false;
+        return true;
+    });
+    if (whole)
+        *this = *whole;
+}
+
+TaskStat::TaskStat(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end) {
+    sequenceToFields(position, end, this);
+}
+
+TaskStat::TaskStat(Mox::NboAttrLog::In* in) { readFields(in, this); }
 
 TaskStat& TaskStat::operator+=(TaskStat const& rhs) {
     if (taskName_.empty()) {
@@ -76,6 +111,33 @@ Mox::String TaskStat::taskStatusString() const {
     char const letter = taskPriority_.oneCharString().front();
     char const second = status.taskOnRunQueue() ? letter : static_cast<char>(std::tolower(letter));
     return std::string{first, second};
+}
+
+Mox::String valueToStrep(TaskStat const& stat) { return fieldsToStrep(stat); }
+
+Mox::String valueToStrep(TaskStat::TaskStatus const& status) {
+    AttributeWriter writer(Mox::typeNameOf<TaskStat::TaskStatus>());
+    for (Mox::U32 bit = 0; bit < flagNames.size(); ++bit)
+        writer.write(flagNames[bit], (status.value() >> bit & 1u) != 0);
+    writer.write("value", status.value());
+    return writer.text();
+}
+
+std::ostream& operator<<(std::ostream& stream, TaskStat const& stat) { return stream << valueToStrep(stat); }
+
+std::ostream& operator<<(std::ostream& stream, TaskStat::TaskStatus const& status) {
+    return stream << valueToStrep(status);
+}
+
+Mox::Ptr<Mox::NboAttrLog::Out> const& operator<<(Mox::Ptr<Mox::NboAttrLog::Out> const& out,
+                                                 TaskStat const& stat) {
+    writeFields(out, stat);
+    return out;
+}
+
+Mox::Ptr<Mox::NboAttrLog::Out> const& operator<<(Mox::Ptr<Mox::NboAttrLog::Out> const& out,
+                                                 TaskStat::TaskStatus const& status) {
+    return out << status.value();
 }
 
 } // namespace Kel

@@ -6,13 +6,16 @@
 #include <task/TaskKey.h>
 #include <task/TaskPriority.h>
 
+#include <iosfwd>
+
 namespace Kel {
 
 /// Everything that is measured about one task, or about all dead tasks of one name: a plain value that can be
 /// copied, compared and merged.
 class MOX_EXPORT TaskStat {
   public:
-    /// Five flags: what a task was doing when its record was taken.
+    /// Five flags: what a task was doing when its record was taken. The text form has the flags and the whole
+    /// value; where a text has both, the value counts, wherever it stands, whatever the flags say.
     class MOX_EXPORT TaskStatus {
       public:
         static constexpr Mox::U32 valueMax = 0x1f;
@@ -20,6 +23,13 @@ class MOX_EXPORT TaskStat {
         constexpr TaskStatus() = default;
         /// Throws Mox::RangeException for a value above 0x1f, as valueIs().
         explicit TaskStatus(Mox::U32 value) { valueIs(value); }
+        /// As those of TaskStat.
+        TaskStatus(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end);
+        template <Mox::NboAttrLog::AnyIn In> explicit TaskStatus(In* in) {
+            Mox::U32 value = 0;
+            in->read(&value);
+            valueIs(value);
+        }
 
         constexpr Mox::U32 value() const { return value_; }
         /// Throws Mox::RangeException, and changes nothing, for a value above 0x1f.
@@ -40,12 +50,26 @@ class MOX_EXPORT TaskStat {
 
         friend constexpr auto operator<=>(TaskStatus const& a, TaskStatus const& b) = default;
 
+        /// The text form.
+        friend MOX_EXPORT std::ostream& operator<<(std::ostream& stream, TaskStatus const& status);
+        /// The log form: the value, as u32.
+        friend MOX_EXPORT Mox::Ptr<Mox::NboAttrLog::Out> const&
+        operator<<(Mox::Ptr<Mox::NboAttrLog::Out> const& out, TaskStatus const& status);
+
       private:
         constexpr bool flag(Mox::U32 bit) const { return (value_ >> bit & 1u) != 0; }
         void flagIs(Mox::U32 bit, bool on) { value_ = on ? value_ | 1u << bit : value_ & ~(1u << bit); }
 
         Mox::U32 value_ = 0;
     };
+
+    TaskStat() = default;
+    /// Reads the text form and moves `position` behind it: attributes in any order, those left out keep their
+    /// default, white space between tokens. Throws Mox::RangeException, with `position` where it was, when
+    /// that is not what stands there.
+    TaskStat(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end);
+    /// Reads the log form: the fields, in their order.
+    explicit TaskStat(Mox::NboAttrLog::In* in);
 
     Mox::String const& taskName() const { return taskName_; }
     void taskNameIs(Mox::String const& name) { taskName_ = name; }
@@ -97,6 +121,11 @@ class MOX_EXPORT TaskStat {
 
     friend bool operator==(TaskStat const& a, TaskStat const& b) { return allFieldsEqual(a, b); }
 
+    /// The text form.
+    friend MOX_EXPORT std::ostream& operator<<(std::ostream& stream, TaskStat const& stat);
+    friend MOX_EXPORT Mox::Ptr<Mox::NboAttrLog::Out> const&
+    operator<<(Mox::Ptr<Mox::NboAttrLog::Out> const& out, TaskStat const& stat);
+
     /// Two characters for reports: "*" while running, "S" suspended, "T" or "t" for a timer task with its
     /// timer armed or not, else a blank; then the priority's letter, upper case while on the run queue.
     Mox::String taskStatusString() const;
@@ -123,4 +152,12 @@ class MOX_EXPORT TaskStat {
                           taskStatus_))
 };
 
+/// Value('Kel::TaskStat', ** {'taskName': ...}), with every field; so the status, with its flags and 'value'.
+MOX_EXPORT Mox::String valueToStrep(TaskStat const& stat);
+MOX_EXPORT Mox::String valueToStrep(TaskStat::TaskStatus const& status);
+
 } // namespace Kel
+
+namespace Mox {
+using Kel::valueToStrep;
+}
