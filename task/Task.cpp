@@ -86,6 +86,7 @@ void Task::orphan() {
     taskScheduler_->taskUnregister(this);
     ownedBySchedulerIs();
     taskScheduler_ = nullptr;
+    updateTaskBusy();
 }
 
 void Task::hasNotificationActiveIs(bool active) { hasNotificationActive_ = active; }
