@@ -1,0 +1,58 @@
+#include <scheduler/TaskSchedulerEventLoop.h>
+
+#include <support/TaskReactors.h>
+#include <support/VirtualTime.h>
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+using Kel::EventLoop;
+using Kel::Task;
+using Kel::TaskPriority;
+using Kel::TaskSchedulerEventLoop;
+using Kel::TimerTask;
+using Mox::Ptr;
+using TestSupport::OnRun;
+
+/// Everything that a tree does, on a thread of its own: runs, timers, statistics, history, reports, death.
+void useATree(std::string const& name, Mox::U32 runs) {
+    TestSupport::VirtualTime timers(true);
+    Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
+    auto const root = TaskSchedulerEventLoop::TaskSchedulerEventLoopIs(name, loop);
+    auto const worker = Task::TaskIs(root, TaskPriority::high, "worker");
+    auto const timer = TimerTask::TimerTaskIs(root, TaskPriority::low, "timer");
+    Ptr<OnRun> const works = new OnRun(worker, [&] {
+        Task::TaskIs(root, TaskPriority::normal, "short")->scheduleTask();
+        if (!worker->taskShouldYield())
+            worker->taskWorkCountInc(1);
+        if (worker->taskRun() < runs)
+            worker->scheduleTask();
+    });
+    Ptr<OnRun> const ticks = new OnRun(timer, [&] { timer->scheduleTaskJitterUp(0.5, 20); });
+    worker->scheduleTask();
+    timer->scheduleTaskDelay(0.5);
+    loop->runUntil(100.0); // the history is trimmed meanwhile
+    EXPECT_EQ(runs, worker->taskRun());
+    EXPECT_GT(timer->taskRun(), 150u);
+    EXPECT_EQ(runs, root->deadTasksPerPriority(TaskPriority::normal));
+
+    auto const sink = Kel::StringDumpContext::StringDumpContextIs();
+    root->printStats(sink, 0, true, true, true, true);
+    EXPECT_NE(std::string::npos, sink->text().find("worker"));
+    root->resetStats();
+    loop->runUntil(101.0);
+    EXPECT_EQ(0u, worker->taskRun());
+    EXPECT_EQ(0u, root->moxAuditErrors(1));
+}
+
+TEST(Roots, OneAThreadRunSideBySide) {
+    Mox::U32 const runs = 2000;
+    std::thread first(useATree, "first", runs), second(useATree, "second", runs);
+    first.join();
+    second.join();
+}
+
+} // namespace

@@ -1,0 +1,139 @@
+#include <scheduler/TaskSchedulerReport.h>
+
+#include <support/Golden.h>
+#include <support/HandRoot.h>
+#include <support/TaskReactors.h>
+
+#include <gtest/gtest.h>
+
+#include <iomanip>
+#include <sstream>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Kel::StringDumpContext;
+using Kel::Task;
+using Kel::TaskPriority;
+using Kel::TaskStat;
+using Mox::Ptr;
+using Mox::U32;
+using TestSupport::golden;
+using TestSupport::OnRun;
+
+TaskStat stat(Mox::String const& name, TaskPriority priority, U32 status, U32 runs, Mox::Seconds total,
+              Mox::U64 work) {
+    TaskStat result;
+    result.taskNameIs(name), result.taskKeyIs(Kel::TaskKey(0xbeef0 + name.size()));
+    result.taskPriorityIs(priority), result.taskStatusIs(TaskStat::TaskStatus(status));
+    result.taskRunIs(runs), result.taskTotalRunTimeIs(total), result.taskWorkCountIs(work);
+    result.taskQuantumViolation200Is(runs / 2), result.taskQuantumViolation500Is(runs / 3);
+    result.taskRunTimeHighWaterMarkIs(total / 2), result.taskLastSchedulingLatencyIs(total / 4);
+    result.taskSchedulingLatencyHighWaterMarkIs(total / 3);
+    result.taskDeadCountIs(runs + 1);
+    return result;
+}
+
+struct Report {
+    U32 indent, leftOut, deadLeftOut;
+    bool withDead, withAddresses;
+
+    std::string print() const {
+        std::vector<TaskStat> live = {
+            stat("idle", TaskPriority::scavenge, 0x00, 0, 0.0, 0),
+            stat("100%s %n", TaskPriority::normal, 0x0c, 4000000000, 86400.0005, 0),
+            stat("ein Schläfer", TaskPriority::low, 0x03, 12, 1.5, 18446744073709551615u),
+        };
+        std::vector<TaskStat> dead = {
+            stat("x", TaskPriority::high, 0x01, 1, 0.25, 7),
+            stat("yy", TaskPriority::absolute, 0x00, 3, 0.75, 0),
+        };
+        Kel::TaskSchedulerQueueStats queues; // without an entry for low
+        for (U32 p : {4u, 0u, 1u, 2u}) {
+            Kel::TaskSchedulerPriorityStats entry(TaskPriority::PriorityEnumInstance(p));
+            entry.runnableTasksIs(p), entry.idleTasksIs(4294967295u - p), entry.deadTasksIs(p * 1000);
+            entry.totalRunCountIs(10000000000u * p);
+            queues.priorityIs(entry);
+        }
+        auto const sink = StringDumpContext::StringDumpContextIs();
+        Kel::printStatsImpl(sink, indent, queues, 0.0123456, &live, leftOut, withDead ? &dead : nullptr,
+                            deadLeftOut, withAddresses);
+        return sink->text();
+    }
+};
+
+TEST(TaskSchedulerReport, PrintsItsTablesToTheLetter) {
+    struct {
+        char const* file;
+        Report report;
+    } const cases[] = {
+        {"report.txt", {0, 0, 0, false, false}},
+        {"report_dead.txt", {0, 2, 1, true, false}},
+        {"report_dead_indent3.txt", {3, 1, 2, true, false}},
+        {"report_addresses.txt", {0, 0, 0, true, true}},
+    };
+    for (auto const& c : cases)
+        EXPECT_EQ(golden(std::string("scheduler/golden/") + c.file), c.report.print()) << c.file;
+}
+
+TEST(TaskSchedulerReport, PrintsNamesOfAnyLength) {
+    std::string const longest = "%s" + std::string(9998, 'x');
+    std::vector<TaskStat> live = {stat("", TaskPriority::low, 0, 0, 0.0, 0),
+                                  stat(longest, TaskPriority::low, 0, 2, 1.0, 3)};
+    auto const sink = StringDumpContext::StringDumpContextIs();
+    Kel::taskSchedulerDisplay(sink, 0, &live, "Title", 0, false, false);
+    std::ostringstream expected;
+    expected << std::left << std::setw(10000) << "Title"
+             << " SP   RunCount      TotalSec  WorkCount Last/Max-Delay 200% 500% MaxMs\n"
+             << longest << "  l          2         1.000          3  0.250   0.333    1    0   500\n"
+             << std::setw(10000) << ""
+             << "  l          0         0.000          0  0.000   0.000    0    0     0\n\n";
+    EXPECT_EQ(expected.str(), sink->text());
+}
+
+struct TaskSchedulerReportTest : TestSupport::HandTreeTest {
+    TaskSchedulerReportTest() { steady.nowIs(0ns); }
+
+    std::string print(Kel::TaskScheduler& scheduler, U32 indent, bool neverRun, bool dead, bool history) {
+        auto const sink = StringDumpContext::StringDumpContextIs();
+        scheduler.printStats(sink, indent, neverRun, dead, false, history);
+        return sink->text();
+    }
+};
+
+TEST_F(TaskSchedulerReportTest, OfAnEmptySchedulerIsItsHeadersAndLegend) {
+    EXPECT_EQ(golden("scheduler/golden/report_empty.txt"), print(*root, 0, true, false, false));
+    Ptr<TestSupport::HandScheduler> const below = new TestSupport::HandScheduler("below", root.ptr());
+    EXPECT_EQ(golden("scheduler/golden/report_below_root.txt"), print(*below, 0, true, false, true));
+    EXPECT_EQ(golden("scheduler/golden/report_below_root_indent3.txt"), print(*below, 3, true, false, true));
+}
+
+TEST_F(TaskSchedulerReportTest, OfARootShowsWhatItsTasksDid) {
+    root = TestSupport::HandRoot::HandRootIs(); // on the clock that starts at 0
+    auto const worker = task("worker", TaskPriority::high);
+    auto const timer = timerTask("timer", TaskPriority::low);
+    auto const idle = task("idle");
+    { auto const neverRan = task("never ran"); }
+    auto casualty = task("casualty", TaskPriority::scavenge);
+    Ptr<OnRun> const works = new OnRun(worker, [&] {
+        worker->taskWorkCountInc(1000);
+        steady.advance(worker->taskRun() == 1 ? 50ms : 150ms);
+        worker->scheduleTask();
+    });
+    worker->scheduleTask();
+    timer->scheduleTask();
+    casualty->scheduleTask();
+    steady.advance(7ms);
+    for (int pass = 0; pass < 2; ++pass)
+        root->handleSchedulerRun();
+    worker->unscheduleTask();
+    root->runUntilIdle();
+    casualty = nullptr;
+    timer->scheduleTaskDelay(5.0);
+    root->clearHistory();
+    worker->scheduleTask();
+    steady.advance(2us);
+    EXPECT_EQ(golden("scheduler/golden/report_root.txt"), print(*root, 0, false, true, true));
+}
+
+} // namespace
