@@ -77,6 +77,7 @@ void TaskScheduler::printHistory(Mox::Ptr<DumpContext const> const&, U32) const 
 // Resetting
 
 void TaskScheduler::resetStats() {
+    Mox::Ptr<TaskScheduler> const self = this; // a group may go when it wakes its parent task
     Mox::Ptr<Task> const task = resetStatsTaskIs(this, TaskPriority::normal, schedulerName() + ";ResetStats");
     task->scheduleTask();
     resetStatsTaskBookmarkIs(TaskKey());
