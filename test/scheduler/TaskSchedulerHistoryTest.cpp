@@ -164,7 +164,7 @@ TEST_F(TaskSchedulerHistoryTest, IsTrimmedTenSecondsAfterTheRootWentIdle) {
     t->scheduleTask();
     root->runUntilIdle();
     EXPECT_THAT(traces.take(),
-                testing::Contains("8 TaskScheduler trimHistoryTaskSchedule: root: trim history disabled"));
+                HasSubstr("8 TaskScheduler trimHistoryTaskSchedule: root: trim history disabled"));
     EXPECT_FALSE(root->trimHistoryTask());
 
     root->trimHistoryEnabledIs(true);
@@ -184,9 +184,8 @@ TEST_F(TaskSchedulerHistoryTest, IsTrimmedTenSecondsAfterTheRootWentIdle) {
     steady.advance(1ns);
     auto const before = root->history().size();
     EXPECT_EQ(1u, root->runUntilIdle());
-    EXPECT_THAT(traces.take(),
-                testing::Contains("8 TaskScheduler handleTrimHistoryTaskRun: root: Deleted " +
-                                  std::to_string(events) + " scheduler events older than 10 seconds"));
+    EXPECT_THAT(traces.take(), HasSubstr("8 TaskScheduler handleTrimHistoryTaskRun: root: Deleted " +
+                                         std::to_string(events) + " scheduler events older than 10 seconds"));
     EXPECT_LT(root->history().size(), before + 10);
     EXPECT_EQ(at(1004s), (root->history().end() - 1)->timeStamp());
     EXPECT_EQ(20.0, trim->currentExpirationTime()) << "armed again, since the root went idle again";

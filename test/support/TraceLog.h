@@ -14,8 +14,8 @@ class TraceLog {
     explicit TraceLog(std::vector<Mox::U32> levels, std::string_view name = "TaskScheduler")
         : handle_(Mox::TraceHandle::traceHandle(name)), levels_(std::move(levels)) {
         handle_.sinkIs([this](Mox::TraceRecord const& r) {
-            lines_.push_back(std::to_string(r.level) + ' ' + std::string(r.source) + ' ' +
-                             std::string(r.function) + ": " + withoutAddresses(r.text));
+            text_ += std::to_string(r.level) + ' ' + std::string(r.source) + ' ' + std::string(r.function) +
+                     ": " + withoutAddresses(r.text) + '\n';
         });
         for (Mox::U32 level : levels_)
             handle_.levelEnabledIs(level, true);
@@ -28,8 +28,8 @@ class TraceLog {
     TraceLog(TraceLog const&) = delete;
     TraceLog& operator=(TraceLog const&) = delete;
 
-    /// The lines so far, "level source function: text", without the addresses behind "@".
-    std::vector<std::string> take() { return std::exchange(lines_, {}); }
+    /// The lines "level source function: text" since the last call, without the addresses behind "@".
+    std::string take() { return std::exchange(text_, {}); }
 
   private:
     static std::string withoutAddresses(std::string_view text) {
@@ -41,7 +41,7 @@ class TraceLog {
 
     Mox::TraceHandle& handle_;
     std::vector<Mox::U32> const levels_;
-    std::vector<std::string> lines_;
+    std::string text_;
 };
 
 } // namespace TestSupport

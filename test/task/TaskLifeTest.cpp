@@ -15,7 +15,6 @@ using Kel::Task;
 using Kel::TaskPriority;
 using Kel::TimerTask;
 using Mox::Ptr;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using TestSupport::HandRoot;
 using TestSupport::HandTree;
@@ -140,18 +139,6 @@ TEST_F(TaskLifeTest, DiesWholeWhileItsEventsGoOnShowingIt) {
     EXPECT_EQ("schedule   L gone", root->takeHistory().front());
 }
 
-TEST_F(TaskLifeTest, KeepsItsSchedulerAndTakesItAlong) {
-    auto const name = root->nameRecord();
-    auto t = task();
-    t->scheduleTask();
-    root = nullptr;
-    EXPECT_EQ("root", t->taskScheduler()->schedulerName());
-    t->taskRunFromTest();
-    EXPECT_EQ(1u, t->taskRun());
-    t = nullptr;
-    EXPECT_EQ(1u, name->use_count()) << "the root and its history are gone";
-}
-
 TEST_F(TaskLifeTest, AttachedReactorIsAnOwner) {
     auto t = task();
     auto const record = t->taskRecord();
@@ -198,18 +185,16 @@ TEST_F(TaskLifeTest, DerivedClassTellsNobodyBeforeItIsSwitchedOn) {
     EXPECT_EQ(2u, t->taskRun());
 }
 
-struct Fatal {
-    std::function<void()> act;
-    char const* text;
-};
-
 TEST_F(TaskLifeTest, MisuseEndsTheProcess) {
     auto const t = task();
     auto const own = root->resetStatsTaskIs(root, TaskPriority::normal, "own");
     root->resetStatsTaskDel();
     Ptr<OnRun> const destroys = new OnRun(t, [&] { t->taskRecord()->destroyed(); });
     Kel::TaskTimeStamp end;
-    Fatal const cases[] = {
+    struct {
+        std::function<void()> act;
+        char const* text;
+    } const cases[] = {
         {[&] { Task::TaskIs(nullptr, TaskPriority::normal, "t"); },
          "__null != taskScheduler_, source Task, function"},
         {[&] { task("t", TaskPriority::oneBeyondLast); },
@@ -233,21 +218,22 @@ TEST_F(TaskLifeTest, MisuseEndsTheProcess) {
 }
 
 TEST_F(TaskLifeTest, ForeignThreadEndsTheProcess) {
-    using Act = void (*)(Ptr<TimerTask>&);
+    using T = Ptr<TimerTask>&;
+    using Act = void (*)(T);
     Act const cases[] = {
-        [](Ptr<TimerTask>& t) { t->scheduleTask(); },
-        [](Ptr<TimerTask>& t) { t->unscheduleTask(); },
-        [](Ptr<TimerTask>& t) { t->taskScheduled(); },
-        [](Ptr<TimerTask>& t) { t->taskRunFromTest(); },
-        [](Ptr<TimerTask>& t) { t->scheduleTaskDelay(1.0); },
-        [](Ptr<TimerTask>& t) { t->scheduleTaskDelay(Mox::endOfTime); },
-        [](Ptr<TimerTask>& t) { t->scheduleTaskLowestDelay(1.0); },
-        [](Ptr<TimerTask>& t) { t->scheduleTaskJitterUp(1.0, 1); },
-        [](Ptr<TimerTask>& t) { t->scheduleTaskJitterDown(1.0, 1); },
-        [](Ptr<TimerTask>& t) { t->stopTimerTask(); },
-        [](Ptr<TimerTask>& t) { t->currentExpirationTime(); },
-        [](Ptr<TimerTask>& t) { Task::TaskIs(t->taskScheduler(), TaskPriority::low, "another"); },
-        [](Ptr<TimerTask>& t) { t = nullptr; },
+        [](T t) { t->scheduleTask(); },
+        [](T t) { t->unscheduleTask(); },
+        [](T t) { t->taskScheduled(); },
+        [](T t) { t->taskRunFromTest(); },
+        [](T t) { t->scheduleTaskDelay(1.0); },
+        [](T t) { t->scheduleTaskDelay(Mox::endOfTime); },
+        [](T t) { t->scheduleTaskLowestDelay(1.0); },
+        [](T t) { t->scheduleTaskJitterUp(1.0, 1); },
+        [](T t) { t->scheduleTaskJitterDown(1.0, 1); },
+        [](T t) { t->stopTimerTask(); },
+        [](T t) { t->currentExpirationTime(); },
+        [](T t) { Task::TaskIs(t->taskScheduler(), TaskPriority::low, "another"); },
+        [](T t) { t = nullptr; },
     };
     // A death test runs in a forked child, where a tree of the parent may be used from anywhere: make one
     // there.

@@ -25,167 +25,70 @@ using TestSupport::OnRun;
 constexpr Seconds huge = std::numeric_limits<Seconds>::max();
 constexpr Seconds nan = std::numeric_limits<Seconds>::quiet_NaN();
 
+void delay2(TimerTask& t) { t.scheduleTaskDelay(2); }
+
 struct TimerTaskTest : TestSupport::HandTreeTest {
     TimerTaskTest() { timePasses(100.0); } // Mox::now() is 100
 };
 
 TEST_F(TimerTaskTest, KeepsOrReplacesWhatWasPending) {
-    using Events = std::vector<std::string>;
+    constexpr Seconds queued = 0.0; // on the run queue, the timer off
+    constexpr Seconds idle = endOfTime;
+    using T = TimerTask&;
     struct {
-        char const* what;
-        void (*act)(TimerTask&);
-        Seconds expiry; // of the timer, seconds from now; endOfTime: disarmed
-        bool queued;
-        Events events;
+        void (*act)(T);
+        Seconds expiry; // from now
+        std::string events;
     } const cases[] = {
-        {"delay 0 schedules",
-         [](TimerTask& t) { t.scheduleTaskDelay(0.0); },
-         endOfTime,
-         true,
-         {"schedule", "busy"}},
-        {"lowest delay 0 schedules",
-         [](TimerTask& t) { t.scheduleTaskLowestDelay(0.0); },
-         endOfTime,
-         true,
-         {"schedule", "busy"}},
-        {"jitter of delay 0 schedules",
-         [](TimerTask& t) { t.scheduleTaskJitterUp(0.0, 50); },
-         endOfTime,
-         true,
-         {"schedule", "busy"}},
-        {"a short delay is a tick",
-         [](TimerTask& t) { t.scheduleTaskDelay(0.004); },
-         0.01,
-         false,
-         {"timerStart", "busy"}},
-        {"a delay just below a tick is one",
-         [](TimerTask& t) { t.scheduleTaskDelay(0.00999); },
-         0.01,
-         false,
-         {"timerStart", "busy"}},
-        {"a negative delay is a tick",
-         [](TimerTask& t) { t.scheduleTaskDelay(-5.0); },
-         0.01,
-         false,
-         {"timerStart", "busy"}},
-        {"an infinitely negative delay is a tick",
-         [](TimerTask& t) { t.scheduleTaskDelay(-endOfTime); },
-         0.01,
-         false,
-         {"timerStart", "busy"}},
-        {"lowest delay takes it too",
-         [](TimerTask& t) { t.scheduleTaskLowestDelay(-endOfTime); },
-         0.01,
-         false,
-         {"timerStart", "busy"}},
-        {"negative jitter is a tick",
-         [](TimerTask& t) { t.scheduleTaskJitterUp(-5.0, 50); },
-         0.01,
-         false,
-         {"timerStart", "busy"}},
-        {"a delay above a tick is itself",
-         [](TimerTask& t) { t.scheduleTaskDelay(0.011); },
-         0.011,
-         false,
-         {"timerStart", "busy"}},
-        {"the largest delay arms",
-         [](TimerTask& t) { t.scheduleTaskDelay(huge); },
-         huge,
-         false,
-         {"timerStart", "busy"}},
-        {"jitter above it arms",
-         [](TimerTask& t) { t.scheduleTaskJitterUp(huge, 255); },
-         huge,
-         false,
-         {"timerStart", "busy"}},
-        {"never stops",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.scheduleTaskDelay(endOfTime); },
-         endOfTime,
-         false,
-         {"timerStart", "busy", "timerStop", "idle"}},
-        {"never jittered up stops",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.scheduleTaskJitterUp(endOfTime, 10); },
-         endOfTime,
-         false,
-         {"timerStart", "busy", "timerStop", "idle"}},
-        {"never jittered down stops",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.scheduleTaskJitterDown(endOfTime, 101); },
-         endOfTime,
-         false,
-         {"timerStart", "busy", "timerStop", "idle"}},
-        {"lowest keeps an earlier one",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.scheduleTaskLowestDelay(5.0); },
-         2.0,
-         false,
-         {"timerStart", "busy"}},
-        {"lowest moves a later one",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.scheduleTaskLowestDelay(1.0); },
-         1.0,
-         false,
-         {"timerStart", "busy", "timerStart"}},
-        {"lowest leaves the queue alone",
-         [](TimerTask& t) { t.scheduleTask(), t.scheduleTaskLowestDelay(1.0); },
-         endOfTime,
-         true,
-         {"schedule", "busy"}},
-        {"delay replaces a timer",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.scheduleTaskDelay(5.0); },
-         5.0,
-         false,
-         {"timerStart", "busy", "timerStart"}},
-        {"delay replaces a place in the queue",
-         [](TimerTask& t) { t.scheduleTask(), t.scheduleTaskDelay(5.0); },
-         5.0,
-         false,
-         {"schedule", "busy", "unschedule", "timerStart"}},
-        {"schedule replaces a timer",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.scheduleTask(); },
-         endOfTime,
-         true,
-         {"timerStart", "busy", "schedule"}},
-        {"delay 0 replaces a timer",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.scheduleTaskDelay(0.0); },
-         endOfTime,
-         true,
-         {"timerStart", "busy", "schedule"}},
-        {"unschedule leaves the timer",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.unscheduleTask(); },
-         2.0,
-         false,
-         {"timerStart", "busy"}},
-        {"stop of a timer",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.stopTimerTask(); },
-         endOfTime,
-         false,
-         {"timerStart", "busy", "timerStop", "idle"}},
-        {"stop of a queued one",
-         [](TimerTask& t) { t.scheduleTask(), t.stopTimerTask(); },
-         endOfTime,
-         false,
-         {"schedule", "busy", "unschedule", "idle"}},
-        {"stop of an idle one", [](TimerTask& t) { t.stopTimerTask(); }, endOfTime, false, {}},
-        {"run from test disarms",
-         [](TimerTask& t) { t.scheduleTaskDelay(2.0), t.taskRunFromTest(); },
-         endOfTime,
-         false,
-         {"timerStart", "busy", "run start", "run end", "idle"}},
+        {[](T t) { t.scheduleTaskDelay(0); }, queued, "schedule busy"},
+        {[](T t) { t.scheduleTaskLowestDelay(0); }, queued, "schedule busy"},
+        {[](T t) { t.scheduleTaskJitterUp(0, 50); }, queued, "schedule busy"},
+        {[](T t) { t.scheduleTaskDelay(0.004); }, 0.01, "timerStart busy"},
+        {[](T t) { t.scheduleTaskDelay(0.00999); }, 0.01, "timerStart busy"},
+        {[](T t) { t.scheduleTaskDelay(0.011); }, 0.011, "timerStart busy"},
+        {[](T t) { t.scheduleTaskDelay(-5); }, 0.01, "timerStart busy"},
+        {[](T t) { t.scheduleTaskDelay(-endOfTime); }, 0.01, "timerStart busy"},
+        {[](T t) { t.scheduleTaskLowestDelay(-endOfTime); }, 0.01, "timerStart busy"},
+        {[](T t) { t.scheduleTaskJitterUp(-5, 50); }, 0.01, "timerStart busy"},
+        {[](T t) { t.scheduleTaskDelay(huge); }, huge, "timerStart busy"},
+        {[](T t) { t.scheduleTaskJitterUp(huge, 255); }, huge, "timerStart busy"},
+        {[](T t) { t.scheduleTaskDelay(endOfTime); }, idle, ""},
+        {[](T t) { delay2(t), t.scheduleTaskDelay(5); }, 5, "timerStart busy timerStart"},
+        {[](T t) { delay2(t), t.scheduleTaskLowestDelay(5); }, 2, "timerStart busy"},
+        {[](T t) { delay2(t), t.scheduleTaskLowestDelay(1); }, 1, "timerStart busy timerStart"},
+        {[](T t) { delay2(t), t.scheduleTask(); }, queued, "timerStart busy schedule"},
+        {[](T t) { delay2(t), t.scheduleTaskDelay(0); }, queued, "timerStart busy schedule"},
+        {[](T t) { delay2(t), t.unscheduleTask(); }, 2, "timerStart busy"},
+        {[](T t) { t.scheduleTask(), t.scheduleTaskLowestDelay(1); }, queued, "schedule busy"},
+        {[](T t) { t.scheduleTask(), t.scheduleTaskDelay(5); }, 5, "schedule busy unschedule timerStart"},
+        {[](T t) { t.scheduleTask(), t.stopTimerTask(); }, idle, "schedule busy unschedule idle"},
+        {[](T t) { delay2(t), t.stopTimerTask(); }, idle, "timerStart busy timerStop idle"},
+        {[](T t) { delay2(t), t.scheduleTaskDelay(endOfTime); }, idle, "timerStart busy timerStop idle"},
+        {[](T t) { delay2(t), t.scheduleTaskJitterUp(endOfTime, 10); }, idle,
+         "timerStart busy timerStop idle"},
+        {[](T t) { delay2(t), t.scheduleTaskJitterDown(endOfTime, 101); }, idle,
+         "timerStart busy timerStop idle"},
+        {[](T t) { delay2(t), t.taskRunFromTest(); }, idle, "timerStart busy run start run end idle"},
+        {[](T t) { t.stopTimerTask(); }, idle, ""},
     };
     root->schedulerHasRunnableTasksIs(true); // no events of the scheduler in between
     for (auto const& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE("case " + std::to_string(&c - cases));
         auto const t = timerTask();
         root->clearHistory();
         c.act(*t);
-        Events events;
+        std::string events;
         for (std::string const& event : root->takeHistory())
-            events.push_back(event.substr(0, event.find_last_not_of(' ', 10) + 1));
+            events += (events.empty() ? "" : " ") + event.substr(0, event.find_last_not_of(' ', 10) + 1);
         EXPECT_EQ(c.events, events);
-        EXPECT_EQ(c.expiry == huge ? huge : 100.0 + c.expiry, t->timer()->timeMin());
-        EXPECT_EQ(c.queued, t->taskRunQueueLink().isLinked());
-        EXPECT_EQ(c.queued ? 100.0 : t->timer()->timeMin(), t->currentExpirationTime());
-        EXPECT_EQ(c.queued || c.expiry != endOfTime, t->taskScheduled());
-        EXPECT_EQ(t->taskScheduled(), t->taskBusy());
-        EXPECT_EQ(1u | (c.expiry != endOfTime ? 2u : 0u) | (c.queued ? 4u : 0u), t->taskStatus().value());
+        Seconds const armedFor = c.expiry == queued ? endOfTime : c.expiry;
+        EXPECT_EQ(armedFor + 100.0, t->timer()->timeMin());
+        EXPECT_EQ(c.expiry + 100.0, t->currentExpirationTime());
+        EXPECT_EQ(c.expiry == queued, t->taskRunQueueLink().isLinked());
+        EXPECT_EQ(c.expiry != idle, t->taskScheduled());
+        EXPECT_EQ(c.expiry != idle, t->taskBusy());
+        EXPECT_EQ(1u | (armedFor != endOfTime ? 2u : 0u) | (c.expiry == queued ? 4u : 0u),
+                  t->taskStatus().value());
     }
 }
 
@@ -225,6 +128,7 @@ TEST_F(TimerTaskTest, ExpiryWhileSuspendedLeavesItIdle) {
     t->taskSuspendedForTestIs(true);
     t->scheduleTaskDelay(1.0);
     EXPECT_TRUE(t->taskBusy());
+    EXPECT_EQ(0x13u, t->taskStatus().value());
     root->clearHistory();
     timePasses(1.0);
     EXPECT_THAT(root->takeHistory(), ElementsAre("scheduleSusN t", "idle       N t"));
@@ -252,41 +156,27 @@ TEST_F(TimerTaskTest, DeadOneIsFiledAsATimerTaskWhoseTimerIsOff) {
     EXPECT_EQ(0u, root->timerWheel()->armed());
 }
 
-/// The steps, 0 to 100, that a jitter of 20 per cent makes of 10 seconds.
-template <class Jitter> std::array<int, 101> stepsOf(TimerTask& t, Jitter jitter) {
-    std::array<int, 101> counts{};
-    for (int draw = 0; draw < 20200; ++draw) {
-        jitter(t);
-        double const step = std::abs(t.timer()->timeMin() - Mox::now() - 10.0) / 0.02;
-        EXPECT_NEAR(std::round(step), step, 1e-6);
-        counts.at(static_cast<std::size_t>(std::round(step))) += 1;
-    }
-    return counts;
-}
-
 // 200 draws a step are expected, with a deviation of 14; the bounds are 7 of them.
 TEST_F(TimerTaskTest, JitterIsUniformOverAllItsSteps) {
+    struct {
+        void (*jitter)(TimerTask&);
+        Seconds span; // of 101 steps
+    } const cases[] = {
+        {[](TimerTask& t) { t.scheduleTaskJitterUp(10, 20); }, 2.0},
+        {[](TimerTask& t) { t.scheduleTaskJitterUp(10, 255); }, 25.5},
+        {[](TimerTask& t) { t.scheduleTaskJitterDown(10, 20); }, -2.0},
+    };
     auto const t = timerTask();
-    for (auto const& counts : {stepsOf(*t, [](TimerTask& timer) { timer.scheduleTaskJitterUp(10.0, 20); }),
-                               stepsOf(*t, [](TimerTask& timer) { timer.scheduleTaskJitterDown(10.0, 20); })})
+    for (auto const& c : cases) {
+        std::array<int, 101> counts{};
+        for (int draw = 0; draw < 20200; ++draw) {
+            c.jitter(*t);
+            double const step = (t->timer()->timeMin() - 110.0) / c.span * 100;
+            ASSERT_NEAR(std::round(step), step, 1e-6);
+            counts.at(static_cast<std::size_t>(std::round(step))) += 1;
+        }
         EXPECT_THAT(counts, testing::Each(testing::AllOf(testing::Gt(100), testing::Lt(300))));
-    for (int draw = 0; draw < 1000; ++draw) {
-        t->scheduleTaskJitterUp(10.0, 20);
-        ASSERT_GE(t->timer()->timeMin(), 110.0);
-        t->scheduleTaskJitterDown(10.0, 20);
-        ASSERT_LE(t->timer()->timeMin(), 110.0);
     }
-}
-
-TEST_F(TimerTaskTest, JitterUpMayMoreThanDoubleTheDelay) {
-    auto const t = timerTask();
-    Seconds latest = 0.0;
-    for (int draw = 0; draw < 2000; ++draw) {
-        t->scheduleTaskJitterUp(10.0, 255);
-        latest = std::max(latest, t->timer()->timeMin() - 100.0);
-    }
-    EXPECT_GT(latest, 34.0);
-    EXPECT_LE(latest, 35.5);
 }
 
 TEST_F(TimerTaskTest, JitterDownByAllOfAnyDelayIsNeverNegative) {
@@ -312,32 +202,30 @@ TEST_F(TimerTaskTest, JitterTakesAnInfinitelyNegativeDelay) {
 
 TEST_F(TimerTaskTest, TracesWhatItDoes) {
     auto const t = timerTask();
-    std::string const at = " root:'normal':t@";
+    root->schedulerHasRunnableTasksIs(true);
     TestSupport::TraceLog traces({8});
-    struct {
-        std::function<void()> act;
-        std::string text;
-    } const cases[] = {
-        {[&] { t->scheduleTaskDelay(0.004); },
-         "8 Task scheduleTaskDelayedPrivate: Timer started" + at + " delay 0.01"},
-        {[&] { t->scheduleTaskDelay(2.0); },
-         "8 Task scheduleTaskDelayedPrivate: Timer started" + at + " delay 2"},
-        {[&] { t->scheduleTaskLowestDelay(5.5); },
-         "8 Task scheduleTaskDelayedPrivate: Timer already running" + at + " expire 102 < 105.5"},
-        {[&] { t->stopTimerTask(); }, "8 Task stopTimerTask: Timer stopped" + at + ", was running"},
-        {[&] { t->stopTimerTask(); }, "8 Task stopTimerTask: Timer stopped" + at + ", was not running"},
-        {[&] { t->scheduleTaskJitterUp(3.0, 0); },
-         "8 Task scheduleTaskJitterUp: Timer jitterUp" + at + " delay 3 + 0 = 3"},
-        {[&] { t->scheduleTaskJitterDown(3.0, 0); },
-         "8 Task scheduleTaskJitterDown: Timer jitterDown" + at + " delay 3 - 0 = 3"},
-        {[&] { t->scheduleTask(); }, "8 Task scheduleTask: Scheduled" + at},
-        {[&] { t->scheduleTaskLowestDelay(1.0); },
-         "8 Task scheduleTaskDelayedPrivate: Already on runQueue" + at},
-    };
-    for (auto const& c : cases) {
-        c.act();
-        EXPECT_EQ(c.text, traces.take().at(0));
-    }
+    t->scheduleTaskDelay(0.004);
+    t->scheduleTaskDelay(2.0);
+    t->scheduleTaskLowestDelay(5.5);
+    t->stopTimerTask();
+    t->stopTimerTask();
+    t->scheduleTaskJitterUp(3.0, 0);
+    t->scheduleTaskJitterDown(3.0, 0);
+    t->scheduleTask();
+    t->scheduleTaskLowestDelay(1.0);
+    EXPECT_EQ(R"(8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':t@ delay 0.01
+8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':t@ delay 2
+8 Task scheduleTaskDelayedPrivate: Timer already running root:'normal':t@ expire 102 < 105.5
+8 Task stopTimerTask: Timer stopped root:'normal':t@, was running
+8 Task stopTimerTask: Timer stopped root:'normal':t@, was not running
+8 Task scheduleTaskJitterUp: Timer jitterUp root:'normal':t@ delay 3 + 0 = 3
+8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':t@ delay 3
+8 Task scheduleTaskJitterDown: Timer jitterDown root:'normal':t@ delay 3 - 0 = 3
+8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':t@ delay 3
+8 Task scheduleTask: Scheduled root:'normal':t@
+8 Task scheduleTaskDelayedPrivate: Already on runQueue root:'normal':t@
+)",
+              traces.take());
 }
 
 TEST_F(TimerTaskTest, MisuseEndsTheProcess) {
