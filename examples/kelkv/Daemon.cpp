@@ -1,0 +1,34 @@
+#include "Daemon.h"
+
+namespace KelKv {
+
+namespace {
+
+// Together they leave room under the usual limit of 1024 descriptors.
+Port::Role const client{"client", Kel::TaskPriority::normal, false, 960};
+Port::Role const operatorRole{"operator", Kel::TaskPriority::high, true, 16};
+
+} // namespace
+
+Daemon::Daemon(Mox::Ptr<Kel::EventLoop> const& loop, unsigned short port, unsigned short operatorPort)
+    : loop_(loop), root_(Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("kelkv", loop)), store_(root_),
+      clients_(*this, client, port), operators_(*this, operatorRole, operatorPort) {}
+
+Daemon::~Daemon() {
+    clients_.close();
+    operators_.close();
+}
+
+std::string Daemon::statistics() const {
+    auto const context = Kel::StringDumpContext::StringDumpContextIs();
+    root_->printStats(context, 0, false, true, false, false);
+    return context->text();
+}
+
+std::string Daemon::history() const {
+    auto const context = Kel::StringDumpContext::StringDumpContextIs();
+    root_->printHistory(context, 0);
+    return context->text();
+}
+
+} // namespace KelKv

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "Port.h"
+#include "Store.h"
+
+#include <kel/EventLoop.h>
+#include <scheduler/TaskSchedulerEventLoop.h>
+
+#include <array>
+
+namespace KelKv {
+
+/// The whole daemon on an event loop: the scheduler, the store, a port for clients and one for the operator.
+///
+/// The operator's connections take the same commands and more (`SCHED`), and their tasks go before the
+/// clients'.
+class Daemon {
+  public:
+    /// Port 0 takes a free one. Throws boost::system::system_error when a port cannot be had.
+    Daemon(Mox::Ptr<Kel::EventLoop> const& loop, unsigned short port, unsigned short operatorPort);
+    ~Daemon();
+    Daemon(Daemon const&) = delete;
+    Daemon& operator=(Daemon const&) = delete;
+
+    Mox::Ptr<Kel::EventLoop> const& loop() const { return loop_; }
+    Mox::Ptr<Kel::TaskSchedulerEventLoop> const& root() const { return root_; }
+    Store& store() { return store_; }
+    Port const& clients() const { return clients_; }
+    Port const& operators() const { return operators_; }
+    Mox::Seconds upTime() const { return Mox::now() - started_; }
+
+    /// Where sockets are read to; what is in it is good until the next socket is read.
+    std::array<char, 1 << 16>& scratch() { return scratch_; }
+
+    /// What the scheduler measured, as text.
+    std::string statistics() const;
+    std::string history() const;
+
+  private:
+    Mox::Ptr<Kel::EventLoop> const loop_;
+    Mox::Ptr<Kel::TaskSchedulerEventLoop> const root_;
+    Store store_;
+    Mox::Seconds const started_ = Mox::now();
+    std::array<char, 1 << 16> scratch_;
+    Port clients_;
+    Port operators_;
+};
+
+} // namespace KelKv

@@ -1,0 +1,260 @@
+#include <kelkv/Daemon.h>
+
+#include <support/VirtualTime.h>
+
+#include <gmock/gmock.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace KelKv {
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+std::size_t constexpr turnsMax = 200000;
+
+/// A client by a socket of the system, in the daemon's own thread: it turns the daemon's loop while it waits.
+class Client {
+  public:
+    Client(Kel::EventLoop& loop, Port const& port) : loop_(loop), socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port.number());
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~Client() { close(); }
+    Client(Client const&) = delete;
+    Client& operator=(Client const&) = delete;
+
+    void close() {
+        if (socket_ >= 0)
+            ::close(socket_);
+        socket_ = -1;
+    }
+    void sendNoMore() const { ::shutdown(socket_, SHUT_WR); }
+
+    /// As much as the daemon takes within so many turns.
+    std::size_t sendSome(std::string_view bytes, std::size_t turns) {
+        std::size_t sent = 0;
+        for (std::size_t turn = 0; turn < turns && sent < bytes.size(); ++turn) {
+            auto const size =
+                ::send(socket_, bytes.data() + sent, bytes.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+            sent += size > 0 ? static_cast<std::size_t>(size) : 0;
+            loop_.runOnce();
+        }
+        return sent;
+    }
+    void send(std::string_view bytes) { EXPECT_EQ(sendSome(bytes, turnsMax), bytes.size()); }
+
+    /// What comes until there are so many bytes, or until the daemon closes.
+    std::string receive(std::size_t size) {
+        for (std::size_t turn = 0; turn < turnsMax && received_.size() < size && !atEnd_; ++turn) {
+            loop_.runOnce();
+            takeIn();
+        }
+        std::string const result = received_.substr(0, size);
+        received_.erase(0, size);
+        return result;
+    }
+    std::string receiveAll() {
+        std::string const all = receive(std::string::npos);
+        EXPECT_TRUE(atEnd_);
+        return all;
+    }
+    void expect(std::string_view request, std::string_view reply) {
+        SCOPED_TRACE(std::string(request.substr(0, 60)));
+        send(request);
+        EXPECT_EQ(receive(reply.size()), reply);
+    }
+    /// Whether nothing comes.
+    bool waits(int turns) {
+        for (int i = 0; i < turns; ++i)
+            loop_.runOnce();
+        takeIn();
+        return received_.empty() && !atEnd_;
+    }
+
+  private:
+    void takeIn() {
+        char buffer[65536];
+        auto const size = ::recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (size > 0)
+            received_.append(buffer, static_cast<std::size_t>(size));
+        atEnd_ = size == 0;
+    }
+
+    Kel::EventLoop& loop_;
+    int socket_;
+    std::string received_;
+    bool atEnd_ = false;
+};
+
+std::string bulk(std::string_view text) {
+    return "$" + std::to_string(text.size()) + "\r\n" + std::string(text) + "\r\n";
+}
+
+class DaemonTest : public testing::Test {
+  protected:
+    void TearDown() override {
+        daemon.reset();
+        loop->runOnce();
+    }
+    void fill(int keys) {
+        for (int i = 0; i < keys; ++i)
+            daemon->store().set("key" + std::to_string(i), "value");
+    }
+
+    TestSupport::VirtualTime time;
+    Mox::Ptr<Kel::EventLoop> const loop = Kel::EventLoop::EventLoopIs();
+    std::unique_ptr<Daemon> daemon = std::make_unique<Daemon>(loop, 0, 0);
+    Client client{*loop, daemon->clients()};
+};
+
+} // namespace
+
+TEST_F(DaemonTest, Answers) {
+    struct Case {
+        char const* request;
+        char const* reply;
+    };
+    for (Case const& c : {
+             Case{"PING\r\n", "+PONG\r\n"},
+             Case{"ping hello\r\n", "$5\r\nhello\r\n"},
+             Case{"ECHO x\r\n", "$1\r\nx\r\n"},
+             Case{"GET a\r\n", "$-1\r\n"},
+             Case{"*3\r\n$3\r\nSET\r\n$1\r\na\r\n$4\r\n1\r\n2\r\n", "+OK\r\n"},
+             Case{"GET a\r\n", "$4\r\n1\r\n2\r\n"},
+             Case{"INCR a\r\n", "-ERR the value is no integer\r\n"},
+             Case{"INCR n\r\n", ":1\r\n"},
+             Case{"INCR n\r\n", ":2\r\n"},
+             Case{"SET n 9223372036854775807\r\n", "+OK\r\n"},
+             Case{"INCR n\r\n", "-ERR the value is at its maximum\r\n"},
+             Case{"MSET a 1 b\r\n", "-ERR a key without a value\r\n"},
+             Case{"MSET a 1 b 2\r\n", "+OK\r\n"},
+             Case{"MGET a c b\r\n", "*3\r\n$1\r\n1\r\n$-1\r\n$1\r\n2\r\n"},
+             Case{"EXISTS a c b a\r\n", ":3\r\n"},
+             Case{"DEL n b c\r\n", ":2\r\n"},
+             Case{"DBSIZE\r\n", ":1\r\n"},
+             Case{"DBSIZE EXACT\r\n", ":1\r\n"},
+             Case{"KEYS *\r\n", "*1\r\n$1\r\na\r\n"},
+             Case{"KEYS b*\r\n", "*0\r\n"},
+             Case{"TTL a\r\n", ":-1\r\n"},
+             Case{"TTL c\r\n", ":-2\r\n"},
+             Case{"EXPIRE c 10\r\n", ":0\r\n"},
+             Case{"EXPIRE a 10\r\n", ":1\r\n"},
+             Case{"PERSIST a\r\n", ":1\r\n"},
+             Case{"PERSIST a\r\n", ":0\r\n"},
+             Case{"EXPIRE a x\r\n", "-ERR the time to live is no integer\r\n"},
+             Case{"SET a 1 EX 0\r\n", "-ERR the time to live is not positive\r\n"},
+             Case{"SET a 1 NX\r\n", "-ERR syntax error\r\n"},
+             Case{"PEXPIRE a -1\r\n", ":1\r\n"},
+             Case{"GET a\r\n", "$-1\r\n"},
+             Case{"FLUSHALL\r\n", "+OK\r\n"},
+             Case{"CONFIG GET save\r\n", "*2\r\n$4\r\nsave\r\n$0\r\n\r\n"},
+             Case{"CONFIG GET x\r\n", "*0\r\n"},
+             Case{"CLIENT SETINFO LIB-NAME x\r\n", "+OK\r\n"},
+             Case{"COMMAND DOCS\r\n", "*0\r\n"},
+             Case{"GET\r\n", "-ERR wrong number of arguments for 'GET'\r\n"},
+             Case{"NOSUCH x\r\n", "-ERR unknown command 'NOSUCH'\r\n"},
+             Case{"SCHED RESET\r\n", "-ERR SCHED is for the operator's port\r\n"},
+         })
+        client.expect(c.request, c.reply);
+    client.send("INFO\r\nQUIT\r\nPING\r\n");
+    std::string const rest = client.receiveAll();
+    for (char const* part : {"# Server\r\n", "connected_clients:1\r\n", "keys:0\r\n", "TotalRunCount"})
+        EXPECT_THAT(rest, HasSubstr(part));
+    EXPECT_TRUE(rest.ends_with("\r\n+OK\r\n")) << "nothing is answered after QUIT";
+    EXPECT_EQ(daemon->clients().connections(), 0u);
+}
+
+TEST_F(DaemonTest, KeyExpires) {
+    client.expect("SET a 1 PX 2000\r\nTTL a\r\n", "+OK\r\n:2\r\n");
+    time.clock->nowIs(1.89);
+    client.expect("GET a\r\n", "$1\r\n1\r\n");
+    time.clock->nowIs(2.0);
+    client.expect("GET a\r\nTTL a\r\n", "$-1\r\n:-2\r\n");
+}
+
+TEST_F(DaemonTest, PipelinedRepliesComeInOrderAroundAWalk) {
+    fill(20000);
+    Client other(*loop, daemon->clients());
+    client.send("PING\r\nKEYS key1999?\r\nDBSIZE EXACT\r\nECHO end\r\nQUIT\r\n");
+    other.expect("PING\r\n", "+PONG\r\n");
+    std::string const reply = client.receiveAll();
+    EXPECT_THAT(reply, StartsWith("+PONG\r\n*10\r\n$8\r\nkey1999"));
+    EXPECT_TRUE(reply.ends_with("\r\n:20000\r\n$3\r\nend\r\n+OK\r\n"));
+}
+
+TEST_F(DaemonTest, AnswersWhatCameBeforeTheClientsEnd) {
+    fill(10000);
+    client.send("KEYS *\r\nPING\r\nhalf a reque");
+    client.sendNoMore();
+    std::string const reply = client.receiveAll();
+    EXPECT_THAT(reply, StartsWith("*10000\r\n"));
+    EXPECT_TRUE(reply.ends_with("+PONG\r\n"));
+}
+
+TEST_F(DaemonTest, MalformedRequestClosesItsConnectionOnly) {
+    Client half(*loop, daemon->clients());
+    half.send("*2\r\n$3\r\nGET\r\n$5\r\nab");
+    client.send("PING\r\n*1\r\n$2000000\r\n");
+    EXPECT_EQ(client.receiveAll(), "+PONG\r\n-ERR Protocol error: the request is too large\r\n");
+    half.expect("cde\r\n", "$-1\r\n");
+    Client fresh(*loop, daemon->clients());
+    fresh.expect("PING\r\n", "+PONG\r\n");
+}
+
+TEST_F(DaemonTest, ClientThatGoesAwayInMidReplyTakesItsWalkAlong) {
+    fill(300000); // more than the sockets hold
+    client.send("KEYS *\r\n");
+    EXPECT_EQ(client.receive(9), "*300000\r\n");
+    client.close();
+    Client other(*loop, daemon->clients());
+    for (int i = 0; i < 20; ++i)
+        other.expect("PING\r\n", "+PONG\r\n");
+    EXPECT_EQ(daemon->clients().connections(), 1u);
+    EXPECT_NE(daemon->root()->deadTaskStats("keys"), nullptr);
+}
+
+TEST_F(DaemonTest, ClientThatDoesNotReadIsNotReadFrom) {
+    std::string const value(500000, 'v');
+    daemon->store().set("big", value);
+    constexpr std::size_t requests = 100;
+    std::string gets;
+    for (std::size_t i = 0; i < requests; ++i)
+        gets += "GET big\r\n";
+    client.send(gets);
+    Client other(*loop, daemon->clients());
+    other.expect("PING\r\n", "+PONG\r\n");
+
+    std::string const pings = "PING " + std::string(60000, 'p') + "\r\n";
+    std::size_t sent = 0;
+    while (sent < 1000 && client.sendSome(pings, 100) == pings.size())
+        ++sent;
+    EXPECT_LT(sent, 500u); // 30 MB, where the limit and the sockets' buffers hold far less
+    EXPECT_EQ(client.receive(requests * bulk(value).size()).size(), requests * bulk(value).size());
+    EXPECT_EQ(client.receive(bulk(pings.substr(5, 60000)).size()), bulk(pings.substr(5, 60000)));
+}
+
+TEST_F(DaemonTest, OperatorIsAnsweredWhileTheSchedulerIsSuspended) {
+    Client op(*loop, daemon->operators());
+    op.expect("PING\r\nSCHED RESET\r\n", "+PONG\r\n+OK\r\n");
+    daemon->root()->suspendedIs(true);
+    op.send("SCHED HISTORY\r\n");
+    std::string const size = op.receive(6); // four digits
+    std::string const history = op.receive(std::stoul(size.substr(1)) + 3);
+    EXPECT_THAT(history, HasSubstr("schedulerSuspended"));
+    EXPECT_THAT(history, HasSubstr("operator"));
+
+    client.send("PING\r\n");
+    EXPECT_TRUE(client.waits(50));
+    daemon->root()->suspendedIs(false);
+    EXPECT_EQ(client.receive(7), "+PONG\r\n");
+}
+
+} // namespace KelKv
