@@ -89,7 +89,7 @@ template <class T> void bytesToValue(String const& bytes, T* value) {
 }
 
 /// The unsigned number of the same width, which carries any bits unharmed (an x87 register does not).
-template <Number T> using Word = typename boost::uint_t<8 * sizeof(T)>::exact;
+template <Number T> using Word = typename boost::uint_t<static_cast<int>(8 * sizeof(T))>::exact;
 
 template <Number T> void Out::write(T const& value) {
     Word<T> word;
