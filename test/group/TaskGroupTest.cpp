@@ -295,7 +295,7 @@ TEST_F(TaskGroupTest, ResettingTheRootResetsEveryLevel) {
     EXPECT_EQ(0u, t->taskRun());
     EXPECT_EQ(0u, inner->runTaskCount(TaskPriority::high));
     EXPECT_EQ(0u, inner->deadTaskStats().size());
-    EXPECT_TRUE(inner->resetStatsTask()->notifier());
+    ASSERT_TRUE(inner->resetStatsTask());
     EXPECT_DEATH(Task::TaskIs(inner, TaskPriority::normal, "refused"),
                  HasSubstr("task->taskPriority() == taskGroupPriority(), source TaskGroup"));
 }
