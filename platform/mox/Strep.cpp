@@ -7,6 +7,10 @@
 #include <charconv>
 #include <cmath>
 
+#if defined(__i386__)
+#include <fpu_control.h>
+#endif
+
 namespace Mox {
 
 namespace {
@@ -62,6 +66,26 @@ char unescapeByte(std::string_view& text) {
     return static_cast<char>(code);
 }
 
+/// While it lives, x87 arithmetic rounds to double at once. The standard library of 32-bit systems calculates
+/// in x87 registers even when its users do not, and from_chars() then rounds twice and now and then gives a
+/// neighbour of the number meant.
+class RoundingToDouble {
+  public:
+#if defined(__i386__)
+    RoundingToDouble() {
+        _FPU_GETCW(before_);
+        fpu_control_t control = (before_ & static_cast<fpu_control_t>(~_FPU_EXTENDED)) | _FPU_DOUBLE;
+        _FPU_SETCW(control);
+    }
+    ~RoundingToDouble() { _FPU_SETCW(before_); }
+
+  private:
+    fpu_control_t before_;
+#else
+    RoundingToDouble() {} // nothing to do elsewhere
+#endif
+};
+
 /// Whether the number in front goes on behind the end of the text.
 bool isCutExponent(std::string_view text) {
     constexpr std::array<std::string_view, 6> cuts{"e", "E", "e-", "E-", "e+", "E+"};
@@ -71,6 +95,7 @@ bool isCutExponent(std::string_view text) {
 /// Reads the decimal number that stands there.
 template <class T> T readDecimal(StrepCursor& cursor) {
     std::string_view const text = cursor.rest();
+    RoundingToDouble const rounding;
     T number{};
     auto const read = std::from_chars(text.data(), text.data() + text.size(), number);
     std::ptrdiff_t const length = read.ptr - text.data();
