@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mox/Assert.h>
 #include <task/TaskRunQueueLink.h>
 
 #include <boost/intrusive/list.hpp>
@@ -17,9 +18,13 @@ class IntrusiveLinkedListBase {
     bool empty() const { return list_.empty(); }
 
     /// Requires: the entry is not linked.
-    void pushBack(TaskRunQueueLink& entry) { list_.push_back(entry); }
+    void pushBack(TaskRunQueueLink& entry) {
+        MOX_ASSERT_IN("TaskScheduler", "!entry.isLinked()", !entry.isLinked());
+        list_.push_back(entry);
+    }
     /// Requires: the position is linked here; the entry is not linked.
     void insertBefore(TaskRunQueueLink& position, TaskRunQueueLink& entry) {
+        MOX_ASSERT_IN("TaskScheduler", "!entry.isLinked()", !entry.isLinked());
         list_.insert(list_.iterator_to(position), entry);
     }
 

@@ -90,10 +90,13 @@ void TaskScheduler::sanityCheckCurrentRunningThread() const {
 
 void TaskScheduler::taskRegister(Task* task) {
     sanityCheckCurrentRunningThread();
+    if (!task)
+        return tasksRegisteredIs(task); // which refuses it
     TaskPriority const priority = task->taskPriority();
     MOX_ASSERT_AS("priority.isValid()", priority.isValid());
     MOX_TRACE_AT(taskSchedulerTrace, 4, this << " Register " << task);
     MOX_ASSERT_AS("__null == tasksRegistered( task->taskKey() )", !tasksRegistered(task->taskKey()));
+    MOX_ASSERT_AS("this == task->taskScheduler()", task->scheduler() == this);
     tasksRegisteredIs(task);
     tasksPerPriorityInc(priority, 1);
 }
@@ -134,6 +137,7 @@ void TaskScheduler::schedulerHasRunnableTasksIs(bool hasRunnableTasks) {
 }
 
 void TaskScheduler::handleSchedulerHasRunnableTasks() {
+    MOX_ASSERT_AS("__null != root_", root_);
     if (!schedulerHasRunnableTasks_) {
         root_->historyInsert({Mox::SteadyClock::now(), EventType::schedulerIdle});
         return;
@@ -145,6 +149,7 @@ void TaskScheduler::handleSchedulerHasRunnableTasks() {
 }
 
 void TaskScheduler::handleSchedulerRun() {
+    MOX_ASSERT_AS("__null != root_", root_);
     Mox::Ptr<TaskScheduler> const self = this; // its last task may die in the run
     if (root_->suspended()) {
         MOX_TRACE_AT(taskSchedulerTrace, 8, this << " Suspended");

@@ -92,7 +92,8 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     virtual void resetStatsTaskBookmarkIs(TaskKey const& key);
     /// Drops the reset-stats task; returns it (null if none), orphaned if it was this scheduler's own.
     virtual Mox::Ptr<Task> resetStatsTaskDel();
-    /// The reset-stats task, made with these arguments when there is none. Throws Mox::RangeException
+    /// The reset-stats task, made with these arguments when there is none; the scheduler given is this one,
+    /// or one that does not stand below it, which the task would keep alive. Throws Mox::RangeException
     /// ("null ValidPtr") when its reactor has lost it.
     virtual Mox::Ptr<Task> resetStatsTaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
                                             Mox::String8 const& name);
@@ -169,7 +170,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     /// Null when there is no entry.
     TaskStat const* deadTaskStats(Mox::String8 const& name) const { return deadTaskStats_.find(name); }
     DeadTaskStats const& deadTaskStats() const { return deadTaskStats_; }
-    TaskStat& newDeadTaskStats(Mox::String8 const& name, TaskStat const& stat);
+    void newDeadTaskStats(Mox::String8 const& name, TaskStat const& stat);
     void deadTaskStatsDelAll();
     /// 0 when there is no entry.
     Mox::U32 deadTasksPerPriority(TaskPriority priority) const;

@@ -17,14 +17,22 @@ template <class Map, class Key> auto valueOr0(Map const& map, Key const& key) {
     return value ? *value : 0;
 }
 
-/// Takes an entry out and returns its value, or a default one when there is none.
-template <class Map, class Key> auto takeOut(Map& map, Key const& key) {
-    auto* const value = map.find(key);
-    if (!value)
-        return std::remove_reference_t<decltype(*value)>();
-    auto taken = std::move(*value);
-    map.erase(key);
-    return taken;
+/// Returns whether that changed anything.
+template <class Map, class Key, class Value> bool setTo(Map& map, Key const& key, Value const& value) {
+    auto const* const there = map.find(key);
+    if (there && *there == value)
+        return false;
+    map.valueIs(key, value);
+    return true;
+}
+
+/// Takes an entry out, and its value with it. False when there is none.
+template <class Map, class Key, class Value> bool takeOut(Map& map, Key const& key, Value* value) {
+    auto* const there = map.find(key);
+    if (!there)
+        return false;
+    *value = std::move(*there);
+    return map.erase(key);
 }
 
 /// The key where an iterator stands, with the iterator moved on.
@@ -85,13 +93,14 @@ U32 TaskScheduler::tasksPerPriorityDec(TaskPriority priority, U32 count) {
 }
 
 void TaskScheduler::tasksPerPriorityIs(TaskPriority priority, U32 count) {
-    tasksPerPriority_.valueIs(priority, count);
-    tasksPerPriorityNotify(priority);
+    if (setTo(tasksPerPriority_, priority, count))
+        tasksPerPriorityNotify(priority);
 }
 
 U32 TaskScheduler::tasksPerPriorityDel(TaskPriority priority) {
-    U32 const count = takeOut(tasksPerPriority_, priority);
-    tasksPerPriorityNotify(priority);
+    U32 count = 0;
+    if (takeOut(tasksPerPriority_, priority, &count))
+        tasksPerPriorityNotify(priority);
     return count;
 }
 
@@ -118,13 +127,14 @@ U32 TaskScheduler::deadTasksPerPriorityInc(TaskPriority priority, U32 count) {
 }
 
 void TaskScheduler::deadTasksPerPriorityIs(TaskPriority priority, U32 count) {
-    deadTasksPerPriority_.valueIs(priority, count);
-    deadTasksPerPriorityNotify(priority);
+    if (setTo(deadTasksPerPriority_, priority, count))
+        deadTasksPerPriorityNotify(priority);
 }
 
 U32 TaskScheduler::deadTasksPerPriorityDel(TaskPriority priority) {
-    U32 const count = takeOut(deadTasksPerPriority_, priority);
-    deadTasksPerPriorityNotify(priority);
+    U32 count = 0;
+    if (takeOut(deadTasksPerPriority_, priority, &count))
+        deadTasksPerPriorityNotify(priority);
     return count;
 }
 
@@ -141,16 +151,17 @@ void TaskScheduler::deadTasksPerPriorityNotify(TaskPriority) {}
 
 // Statistics of dead tasks, by name
 
-TaskStat& TaskScheduler::newDeadTaskStats(Mox::String8 const& name, TaskStat const& stat) {
-    TaskStat& entry = deadTaskStats_.valueIs(name, stat);
+void TaskScheduler::newDeadTaskStats(Mox::String8 const& name, TaskStat const& stat) {
+    deadTaskStats_.valueIs(name, stat);
     deadTaskStatsNotify(name);
-    return entry;
 }
 
 TaskStat TaskScheduler::deadTaskStatsInc(Mox::String8 const& name, TaskStat const& stat) {
-    TaskStat* const there = deadTaskStats_.find(name);
-    TaskStat& entry = there ? *there : newDeadTaskStats(name, TaskStat());
-    return entry += stat;
+    if (TaskStat* const there = deadTaskStats_.find(name))
+        return *there += stat;
+    TaskStat const merged = TaskStat() + stat;
+    newDeadTaskStats(name, merged);
+    return merged;
 }
 
 void TaskScheduler::deadTaskStatsIs(Mox::String8 const& name, TaskStat const& stat) {
@@ -158,8 +169,9 @@ void TaskScheduler::deadTaskStatsIs(Mox::String8 const& name, TaskStat const& st
 }
 
 TaskStat TaskScheduler::deadTaskStatsDel(Mox::String8 const& name) {
-    TaskStat stat = takeOut(deadTaskStats_, name);
-    deadTaskStatsNotify(name);
+    TaskStat stat;
+    if (takeOut(deadTaskStats_, name, &stat))
+        deadTaskStatsNotify(name);
     return stat;
 }
 

@@ -83,6 +83,8 @@ void TaskSchedulerEventLoop::hasNotificationActiveIs(bool active) {
         clock_->hasNotificationActiveIs(active);
     if (keepAliveClock_)
         keepAliveClock_->hasNotificationActiveIs(active);
+    if (active && schedulerHasRunnableTasks())
+        requestSchedulerRun(); // one that came due meanwhile was spent
 }
 
 void TaskSchedulerEventLoop::moxDoZombieReactors(bool zombie) {

@@ -74,6 +74,8 @@ class MOX_EXPORT TaskSchedulerHistory::Event {
             taskNotNeeded();
     }
     Event(TaskTimeStamp const& timeStamp, EventType eventType, Task const* task);
+    Event(TaskTimeStamp const& timeStamp, EventType eventType, std::nullptr_t)
+        : Event(timeStamp, eventType, Mox::Ptr<TaskRecord const>()) {}
     Event(TaskTimeStamp const& timeStamp, EventType eventType) : Event(timeStamp, eventType, nullptr) {}
 
     EventType eventType() const { return eventType_; }
@@ -93,8 +95,6 @@ class MOX_EXPORT TaskSchedulerHistory::Event {
     Mox::String display() const;
 
   private:
-    Event(TaskTimeStamp const& timeStamp, EventType eventType, std::nullptr_t)
-        : Event(timeStamp, eventType, Mox::Ptr<TaskRecord const>()) {}
     [[noreturn]] static void unexpectedType();
     [[noreturn]] static void taskNotNeeded();
 

@@ -53,6 +53,8 @@ void TaskSchedulerMoxActivity::hasNotificationActiveIs(bool active) {
     TaskSchedulerRoot::hasNotificationActiveIs(active);
     if (clock_)
         clock_->hasNotificationActiveIs(active);
+    if (active && schedulerHasRunnableTasks())
+        requestSchedulerRun(); // one that came due meanwhile was spent
 }
 
 void TaskSchedulerMoxActivity::moxDoZombieReactors(bool zombie) {

@@ -112,7 +112,10 @@ struct Table {
 void taskSchedulerDisplay(Context const& context, U32 indent, std::vector<TaskStat>* stats,
                           std::string const& title, U32 leftOut, bool isDeadTable,
                           bool displayMemoryAddressOfTasks) {
-    std::ranges::sort(*stats, std::greater(), &TaskStat::taskTotalRunTime);
+    std::ranges::sort(
+        *stats, std::greater(), [](TaskStat const& stat) { // a NaN would have no place in the order
+            return std::isnan(stat.taskTotalRunTime()) ? -Mox::endOfTime : stat.taskTotalRunTime();
+        });
     std::size_t width = 0;
     for (TaskStat const& stat : *stats)
         width = std::max(width, displayedName(stat, displayMemoryAddressOfTasks).size());

@@ -13,6 +13,22 @@ namespace Kel {
 using Mox::U32;
 using Mox::U64;
 
+namespace {
+
+/// Sets the flag for as long as it lives.
+class MakingOwnTask {
+  public:
+    explicit MakingOwnTask(bool& flag) : flag_(flag) { flag_ = true; }
+    ~MakingOwnTask() { flag_ = false; }
+    MakingOwnTask(MakingOwnTask const&) = delete;
+    MakingOwnTask& operator=(MakingOwnTask const&) = delete;
+
+  private:
+    bool& flag_;
+};
+
+} // namespace
+
 U64 TaskScheduler::runTaskCount(TaskPriority priority) const {
     MOX_ASSERT(priority.isValid());
     return runQueues_[priority].runsSinceBase();
@@ -95,9 +111,11 @@ Mox::Ptr<Task> TaskScheduler::resetStatsTaskIs(Mox::Ptr<TaskScheduler> const& sc
 
 Mox::Ptr<Task> TaskScheduler::newResetStatsTask(Mox::Ptr<TaskScheduler> const& scheduler,
                                                 TaskPriority priority, Mox::String8 const& name) {
-    makesOwnTask_ = true;
-    Mox::Ptr<Task> const task = Task::TaskIs(scheduler, priority, name);
-    makesOwnTask_ = false;
+    Mox::Ptr<Task> task;
+    {
+        MakingOwnTask const making(makesOwnTask_);
+        task = Task::TaskIs(scheduler, priority, name);
+    }
     if (scheduler == this)
         task->ownedBySchedulerIs(); // nobody owns himself
     Mox::Ptr<MoxResetStatsTask> const reactor = new MoxResetStatsTask;

@@ -45,8 +45,8 @@ Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority, Mox:
 
 void Task::handleInitialized() {
     MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
-    intrusive_ptr_add_ref(taskScheduler_);
     taskScheduler_->taskRegister(this);
+    intrusive_ptr_add_ref(taskScheduler_);
 }
 
 void Task::zeroReferencesIs(bool zero) {
@@ -120,6 +120,7 @@ void Task::scheduleTask() {
 
 bool Task::scheduleTaskPrivate() {
     MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
+    MOX_ASSERT_AS("taskMagicNumber_ == taskMagicNumberConstructed()", record_->isAlive());
     sanityCheckCurrentRunningThread();
     if (taskRunQueueLink_.isLinked())
         return true;
@@ -165,7 +166,7 @@ void Task::doUpdateSchedulingLatency(TaskTimeStamp const& now) {
         taskSchedulingLatencyHighWaterMark_ = latency;
 }
 
-void Task::updateTaskBusy() { taskBusyIs(taskCurrentlyRunning_ || taskScheduled()); }
+void Task::updateTaskBusy() { taskBusyIs((taskBusy_ && taskCurrentlyRunning_) || taskScheduled()); }
 
 // Running
 
@@ -212,7 +213,7 @@ void Task::measureRun(TaskTimeDuration runTime) {
         MOX_TRACE_OF("taskDoRun", taskSchedulerTrace, 7, "Ran " << this << " used " << runTime);
     if (runTime > taskRunTimeHighWaterMark_)
         taskRunTimeHighWaterMark_ = runTime;
-    taskTotalRunTime_ += runTime;
+    taskTotalRunTime_ = sum(taskTotalRunTime_, runTime);
 }
 
 void Task::countViolation(TaskTimeDuration runTime) {
@@ -391,6 +392,7 @@ void Task::NotifieeConst::handleNotification(U32 notification) {
 
 void Task::taskRunQueueLinkIs(TaskRunQueueLink const& link) {
     MOX_ASSERT_AS("!link.isLinked()", !link.isLinked());
+    MOX_ASSERT_AS("!link.isBookmark()", !link.isBookmark());
     MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
     taskRunQueueLink_ = link;
 }

@@ -76,7 +76,8 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     virtual void taskRunInc(Mox::U32 runs);
     virtual void taskRunIs(Mox::U32 runs);
     virtual void taskCurrentlyRunningIs(bool running);
-    /// Takes an unlinked entry's link as the task's own. Requires: neither is linked.
+    /// Takes an unlinked task's link as the task's own. Requires: neither is linked, the other is no
+    /// bookmark's.
     virtual void taskRunQueueLinkIs(TaskRunQueueLink const& link);
     /// The time after which taskShouldYield() is true. Requires: truncated to nanoseconds, more than 0 and at
     /// most one second.

@@ -11,11 +11,18 @@ using TaskTimeStamp = Mox::SteadyClock::TimePoint;
 /// Signed 64-bit nanoseconds.
 using TaskTimeDuration = Mox::Nanoseconds;
 
-/// later - earlier; wraps where signed subtraction would be undefined, as with stamps that were set by hand.
+// Wrapping where signed arithmetic would be undefined: stamps and sums may be set by hand.
+
+/// later - earlier.
 constexpr TaskTimeDuration elapsed(TaskTimeStamp const& earlier, TaskTimeStamp const& later) {
     auto const from = static_cast<Mox::U64>(earlier.time_since_epoch().count());
     auto const to = static_cast<Mox::U64>(later.time_since_epoch().count());
     return TaskTimeDuration(static_cast<Mox::S64>(to - from));
+}
+
+constexpr TaskTimeDuration sum(TaskTimeDuration const& a, TaskTimeDuration const& b) {
+    return TaskTimeDuration(
+        static_cast<Mox::S64>(static_cast<Mox::U64>(a.count()) + static_cast<Mox::U64>(b.count())));
 }
 
 } // namespace Kel

@@ -10,10 +10,10 @@ namespace Kel {
 
 DisplayPointer::DisplayPointer(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end) {
     std::string_view const text(position, end);
-    char const* const digits = text.data() + 2;
     Mox::U64 address = 0;
-    auto const read = text.starts_with("0x") ? std::from_chars(digits, text.data() + text.size(), address, 16)
-                                             : std::from_chars_result{nullptr, std::errc::invalid_argument};
+    auto const read = text.starts_with("0x")
+                          ? std::from_chars(text.data() + 2, text.data() + text.size(), address, 16)
+                          : std::from_chars_result{nullptr, std::errc::invalid_argument};
     if (read.ec != std::errc())
         throw Mox::RangeException("not a pointer: a pointer is 0x and hexadecimal digits");
     address_ = address;

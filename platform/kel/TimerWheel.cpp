@@ -74,7 +74,7 @@ void TimerWheel::file(NotifieeConst& timer) {
         buckets_.remove(timer);
     }
     buckets_.insert(timer, tick);
-    if (tick < wakeTick_ && polls_ == 0)
+    if (tick < wakeTick_ && !isCollecting_)
         requestWake();
 }
 
@@ -100,15 +100,23 @@ void TimerWheel::requestWake() {
 void TimerWheel::poll() {
     Mox::Ptr<TimerWheel> const self = this; // an expiry may let the last timer, and so the wheel, go
     ++wakeups_;
-    ++polls_;
-    bool const all = collect(wake_.clock().now());
+    isCollecting_ = true;
+    bool const through = collect(wake_.clock().now());
+    isCollecting_ = false;
+    // An expiry may turn the loop: what is still to be told, or to be collected, comes at its next turn.
+    bool const several = !due_.empty() && std::next(due_.begin()) != due_.end();
+    if (several || !through)
+        wakeAtNextTurn();
+    else
+        requestWake();
     fire();
-    --polls_;
-    if (polls_ > 0)
-        return;
-    requestWake();
-    if (!all)
-        wake_.atNextTurn();
+    if (several && through)
+        requestWake();
+}
+
+void TimerWheel::wakeAtNextTurn() {
+    wakeTick_ = -WheelBuckets::never;
+    wake_.atNextTurn();
 }
 
 /// Moves what is due to the due list, and on to their new ticks what was moved later. False when it stopped

@@ -78,6 +78,7 @@ class MOX_EXPORT TimerWheel : public Mox::PtrInterface {
     bool collect(Mox::Seconds now);
     void fire();
     void requestWake();
+    void wakeAtNextTurn();
 
     // Fixed at construction.
     Mox::Ptr<Mox::PtrInterface> const loopOwner_;
@@ -92,7 +93,7 @@ class MOX_EXPORT TimerWheel : public Mox::PtrInterface {
     WheelBuckets buckets_;
     WheelBuckets::Entries due_; // expired, to be told one by one, so that each can still be disarmed
     Mox::S64 wakeTick_ = WheelBuckets::never;
-    Mox::U32 polls_ = 0; // under way
+    bool isCollecting_ = false;
     Mox::U64 wakeups_ = 0;
     Wake wake_;
 };

@@ -64,6 +64,8 @@ class MOX_EXPORT WheelBuckets {
     void remove(WheelEntry& entry) {
         entry.hook_.unlink();
         --size_;
+        if (entry.tick_ != never && bucketOf(entry.tick_).entries.empty())
+            emptied(entry.tick_);
     }
 
     /// Takes out the first of the entries that `take` moved; they still count as held.
@@ -92,6 +94,10 @@ class MOX_EXPORT WheelBuckets {
     std::size_t indexOf(Mox::S64 tick) const { return static_cast<std::size_t>(tick) & mask_; }
     Bucket& bucketOf(Mox::S64 tick) { return buckets_[indexOf(tick)]; }
     void findNext();
+    void emptied(Mox::S64 tick) {
+        leastTicks_[indexOf(tick)] = never;
+        nextIsStale_ = true;
+    }
 
     std::size_t const mask_;
     std::vector<Bucket> buckets_;

@@ -1,6 +1,7 @@
 #define MOX_SOURCE_NAME "ActivityManager"
 #include <mox/ActivityManager.h>
 
+#include <mox/Assert.h>
 #include <mox/RealClock.h>
 #include <mox/TurnLoop.h>
 #include <mox/Type.h>
@@ -69,9 +70,14 @@ Ptr<ActivityManager> activityManager() {
 Clock const& threadClock() {
     if (!current) [[unlikely]]
         activityManager();
+    MOX_ASSERT_AS("the thread's activity manager is in use", current);
     return *current->config()->clock();
 }
 
-Seconds now() { return threadClock().now(); }
+Seconds now() {
+    // Late in a thread nobody else may hold a manager.
+    Ptr<ActivityManager> const manager = current ? nullptr : activityManager();
+    return threadClock().now();
+}
 
 } // namespace Mox

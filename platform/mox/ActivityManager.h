@@ -60,7 +60,8 @@ class MOX_EXPORT ActivityManager : public PtrInterface {
 /// The calling thread's activity manager.
 MOX_EXPORT Ptr<ActivityManager> activityManager();
 
-/// The calling thread's clock; the reference is good until another clock is installed.
+/// The calling thread's clock; the reference is good until another clock is installed. Requires: somebody
+/// holds the thread's activity manager, as the thread itself does until its end.
 MOX_EXPORT Clock const& threadClock();
 
 } // namespace Mox

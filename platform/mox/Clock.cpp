@@ -23,7 +23,7 @@ class Clock::NotifieeConst::Alarm : public Wakeup {
   private:
     void onWakeup() override {
         reactor_.timeMin_ = endOfTime;
-        if (reactor_.isTold())
+        if (reactor_.isTold() && reactor_.rawNotifier()->hasNotificationActive())
             ReactorList<NotifieeConst>::notifyOne<0>(&reactor_);
     }
 

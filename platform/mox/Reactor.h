@@ -104,6 +104,8 @@ struct Reactor::Node {
 template <class X, class Base = Reactor> class NotifieeOf : public Base {
   public:
     void notifierIs(Ptr<X const> const& notifier) {
+        // The former notifier goes last: it may own this reactor.
+        Ptr<PtrInterface const> const former = this->rawNotifier();
         this->attach(notifier, notifier ? notifier->moxReactors() : nullptr);
         this->handleNotifier();
     }

@@ -67,8 +67,8 @@ class MOX_EXPORT TraceHandle {
 
 } // namespace Mox
 
-/// Writes a message, given as stream insertions ("Ran " << task), if the level of the handle is enabled; under
-/// the name of the operation that it is about, for helpers that do an operation's work.
+/// Writes a message, given as stream insertions ("Ran " << task), if the level of the handle is enabled;
+/// under the name of the operation that it is about, for helpers that do an operation's work.
 #define MOX_TRACE_OF(operation, traceHandle, traceLevel, message)                                            \
     do {                                                                                                     \
         if ((traceHandle).levelEnabled(traceLevel)) [[unlikely]] {                                           \
@@ -79,4 +79,5 @@ class MOX_EXPORT TraceHandle {
     } while (false)
 
 /// The same, under the name of the function it stands in.
-#define MOX_TRACE_AT(traceHandle, traceLevel, message) MOX_TRACE_OF(__func__, traceHandle, traceLevel, message)
+#define MOX_TRACE_AT(traceHandle, traceLevel, message)                                                       \
+    MOX_TRACE_OF(__func__, traceHandle, traceLevel, message)

@@ -81,8 +81,12 @@ constinit thread_local TurnLoop* TurnLoop::Fork::first = nullptr;
 /// handler to go on with.
 class TurnLoop::Driving {
   public:
-    explicit Driving(TurnLoop& loop) : loop_(loop) { ++loop_.driven_; }
+    explicit Driving(TurnLoop& loop) : loop_(loop), outerStopped_(loop.driven_ > 0 && loop.stopped_) {
+        ++loop_.driven_;
+        loop_.stopped_ = false;
+    }
     ~Driving() {
+        loop_.stopped_ = loop_.stopped_ || outerStopped_;
         if (--loop_.driven_ > 0 || !loop_.isAttached_)
             return;
         if (loop_.immediate_.empty())
@@ -95,6 +99,7 @@ class TurnLoop::Driving {
 
   private:
     TurnLoop& loop_;
+    bool const outerStopped_; // a run nested in one that is to end does not undo that
 };
 
 TurnLoop::TurnLoop(std::unique_ptr<Io> io) : isAttached_(!io->own), io_(std::move(io)) {
@@ -128,7 +133,6 @@ TimerQueue& TurnLoop::queueOf(Ptr<Clock const> const& clock) {
 
 void TurnLoop::run(bool waitsWhenIdle) {
     Driving const driving(*this);
-    stopped_ = false;
     while (!stopped_) {
         runBudget();
         if (immediate_.empty() && !stopped_ && !wait(endOfTime, waitsWhenIdle))
@@ -139,7 +143,6 @@ void TurnLoop::run(bool waitsWhenIdle) {
 void TurnLoop::runUntil(Seconds time, bool waitsWhenIdle) {
     MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
     Driving const driving(*this);
-    stopped_ = false;
     while (!stopped_ && threadClock().now() < time) {
         runBudget();
         if (immediate_.empty() && !stopped_ && !wait(time, waitsWhenIdle))
@@ -161,12 +164,13 @@ U64 TurnLoop::runOnce() {
 U64 TurnLoop::turn() {
     U64 calls = 0;
     batch_.splice(batch_.end(), immediate_);
-    while (!batch_.empty()) {
+    while (!batch_.empty() && !stopped_) {
         Wakeup& wakeup = batch_.front();
         batch_.pop_front();
         wakeup.onWakeup(); // may destroy the wakeup, and turn this loop
         ++calls;
     }
+    immediate_.splice(immediate_.begin(), batch_); // what a stop leaves is first at the next turn
     ++budgetTurns_;
     return calls;
 }
@@ -314,9 +318,10 @@ void TurnLoop::pump() {
         return; // polled by a run function, which turns anyway
     Ptr<PtrInterface const> const owner = io_->owner;
     Driving const driving(*this);
-    stopped_ = false;
     serveTimers();
     runTurns();
+    if (immediate_.empty() && clocksJump(endOfTime))
+        serveTimers();
 }
 
 void TurnLoop::armWait() {
