@@ -27,12 +27,12 @@ Ptr<Kel::TaskSchedulerEventLoop> newRoot() {
 }
 
 /// 16 characters.
-std::string nameOf(std::uint64_t i) {
+Mox::String8 nameOf(std::uint64_t i) {
     std::string const digits = std::to_string(i);
     return "connection" + std::string(6 - std::min<std::size_t>(6, digits.size()), '0') + digits;
 }
 
-Ptr<Kel::Task> newTask(Ptr<Kel::TaskSchedulerEventLoop> const& root, std::string const& name) {
+Ptr<Kel::Task> newTask(Ptr<Kel::TaskSchedulerEventLoop> const& root, Mox::String8 const& name) {
     return Kel::Task::TaskIs(root, Kel::TaskPriority::normal, name);
 }
 
@@ -41,11 +41,11 @@ Ptr<Kel::Task> newTask(Ptr<Kel::TaskSchedulerEventLoop> const& root, std::string
 /// Names that churning tasks take in turn, so that few dead names come together.
 class Names {
   public:
-    std::string const& next() { return names_[at_++ % names_.size()]; }
+    Mox::String8 const& next() { return names_[at_++ % names_.size()]; }
 
   private:
-    std::vector<std::string> const names_ = [] {
-        std::vector<std::string> names;
+    std::vector<Mox::String8> const names_ = [] {
+        std::vector<Mox::String8> names;
         for (std::uint64_t i = 0; i < 1000; ++i)
             names.push_back(nameOf(i));
         return names;
@@ -107,7 +107,7 @@ class BareTasks {
         std::uint64_t const spread = reinterpret_cast<std::uintptr_t>(object) * 0x9e3779b97f4a7c15u;
         return buckets_[spread >> 32 & (buckets_.size() - 1)];
     }
-    Object* make(std::string const& name) {
+    Object* make(Mox::String8 const& name) {
         auto* const object = new Object;
         object->record = new Record;
         name.copy(object->record->bytes, nameSize);

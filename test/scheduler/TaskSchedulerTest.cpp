@@ -95,13 +95,16 @@ TEST_F(TaskSchedulerTest, KeepsTheLongestSlipFromRequestToPass) {
 }
 
 TEST_F(TaskSchedulerTest, ReleasedInsideARunDiesAfterIt) {
-    auto const name = root->nameRecord();
     below = nullptr;
-    auto t = task();
-    Ptr<OnRun> reactor = new OnRun(t, [&] { root = nullptr, t = nullptr, reactor = nullptr; });
-    t->scheduleTask();
-    root->handleSchedulerRun();
-    EXPECT_EQ(1u, name->use_count());
+    for (bool const ofItsOwnTask : {false, true}) { // which does not hold it
+        root = HandRoot::HandRootIs();
+        auto const name = root->nameRecord();
+        auto t = ofItsOwnTask ? root->resetStatsTaskIs(root, TaskPriority::low, "own") : task();
+        Ptr<OnRun> reactor = new OnRun(t, [&] { root = nullptr, t = nullptr, reactor = nullptr; });
+        t->scheduleTask();
+        root->handleSchedulerRun();
+        EXPECT_EQ(1u, name->use_count());
+    }
 }
 
 TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLose) {

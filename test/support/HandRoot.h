@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -69,9 +70,14 @@ class HandScheduler : public Kel::TaskScheduler {
   public:
     using TaskScheduler::TaskScheduler;
     ~HandScheduler() override { dropOwnTasks(); }
-    void requestSchedulerRun() override { ++requests; }
+    void requestSchedulerRun() override {
+        ++requests;
+        if (atRequest)
+            atRequest();
+    }
 
     Mox::U32 requests = 0;
+    std::function<void()> atRequest;
 };
 
 /// A root run by hand, with both clocks in hand.

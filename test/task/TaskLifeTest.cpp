@@ -17,6 +17,7 @@ using Kel::TimerTask;
 using Mox::Ptr;
 using testing::HasSubstr;
 using TestSupport::HandRoot;
+using TestSupport::HandScheduler;
 using TestSupport::HandTree;
 using TestSupport::OnAnything;
 using TestSupport::OnRun;
@@ -109,6 +110,23 @@ TEST_F(TaskLifeTest, MayBeReleasedInsideAnyCallback) {
     }
     for (Release const& r : timerReleases)
         releaseIn(*this, timerTask(), r);
+}
+
+TEST_F(TaskLifeTest, MayBeReleasedWhileItWakesItsScheduler) {
+    Ptr<HandScheduler> const below = new HandScheduler("below", root.ptr());
+    for (auto const wake : {schedule, resume}) {
+        auto t = Task::TaskIs(below, TaskPriority::low, "t");
+        suspend(*this, *t);
+        if (wake == schedule)
+            t->taskSuspendedForTestIs(false), t->unscheduleTask();
+        below->handleSchedulerRun();
+        below->atRequest = [&] { t = nullptr; };
+        wake(*this, *t);
+        EXPECT_FALSE(t);
+        below->atRequest = nullptr;
+        below->handleSchedulerRun();
+        EXPECT_EQ(0u, below->auditErrors(1));
+    }
 }
 
 TEST_F(TaskLifeTest, ReleasedByANeighboursRunNeverRuns) {
