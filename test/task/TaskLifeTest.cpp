@@ -265,4 +265,29 @@ TEST_F(TaskLifeTest, ForeignThreadEndsTheProcess) {
                      HasSubstr("schedulerThread_.isCurrent() || !schedulerPid_.isCurrent(), source"));
 }
 
+/// A task of an application that owns its reactor, and one that misbehaves when it goes.
+struct Owner : Task {
+    using Task::Task;
+    Ptr<Task::Notifiee> own;
+};
+struct LateScheduler : Task {
+    using Task::Task;
+    ~LateScheduler() override { scheduleTask(); }
+};
+
+TEST_F(TaskLifeTest, ReactorThatItsNotifierOwnsLetsItGo) {
+    Ptr<Owner> owner = new Owner(root, TaskPriority::low, "owner");
+    Owner& task = *owner;
+    task.own = new Task::Notifiee;
+    task.own->notifierIs(owner);
+    owner = nullptr;
+    task.own->notifierIs(nullptr); // destroys the task, and with it the reactor
+    EXPECT_EQ(1u, root->deadTasksPerPriority(TaskPriority::low));
+}
+
+TEST_F(TaskLifeTest, CannotBeScheduledByItsOwnDestructor) {
+    EXPECT_DEATH(Ptr<Task>(new LateScheduler(root, TaskPriority::low, "late")),
+                 HasSubstr("taskMagicNumber_ == taskMagicNumberConstructed()"));
+}
+
 } // namespace
