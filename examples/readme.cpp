@@ -2,38 +2,26 @@
 
 #include <iostream>
 
-struct Primes : Kel::Task::Notifiee { // works in slices, as long as its quantum allows
+struct Primes : Kel::Task::Notifiee { // counts primes in slices, each as long as the task's quantum allows
     int next = 2;
-    void onTaskRun() override {
-        for (; next < 20'000 && !notifier()->taskShouldYield(); ++next)
-            if (isPrime(next))
-                notifier()->taskWorkCountInc(1);
-        if (next < 20'000)
-            notifier()->scheduleTask();
-    }
-    static bool isPrime(int n) {
-        int divisor = 2;
-        while (n % divisor != 0)
-            ++divisor;
-        return divisor == n;
-    }
-};
+    Mox::Ptr<Kel::EventLoop> loop = Kel::EventLoop::EventLoopIs();
 
-struct Stop : Kel::TimerTask::Notifiee {
-    Mox::Ptr<Kel::EventLoop> loop;
-    void onTaskRun() override { loop->stop(); }
+    void onTaskRun() override {
+        for (; next < 20'000 && !notifier()->taskShouldYield(); ++next) {
+            int divisor = 2;
+            while (next % divisor != 0)
+                ++divisor;
+            notifier()->taskWorkCountInc(divisor == next ? 1 : 0);
+        }
+        next < 20'000 ? notifier()->scheduleTask() : loop->stop();
+    }
 };
 
 int main() {
-    auto const loop = Kel::EventLoop::EventLoopIs();
-    auto const root = Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", loop);
     Mox::Ptr<Primes> const primes = new Primes;
+    auto const root = Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", primes->loop);
     primes->notifierIs(Kel::Task::TaskIs(root, Kel::TaskPriority::low, "primes"));
     primes->notifier()->scheduleTask();
-    Mox::Ptr<Stop> const stop = new Stop;
-    stop->loop = loop;
-    stop->notifierIs(Kel::TimerTask::TimerTaskIs(root, Kel::TaskPriority::high, "stop"));
-    stop->notifier()->scheduleTaskDelay(0.5);
-    loop->run();
+    primes->loop->run();
     root->printStats(Kel::StreamDumpContext::StreamDumpContextIs(std::cout), 0, true, true, false, false);
 }
