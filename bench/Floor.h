@@ -34,50 +34,56 @@ template <class Item> class FloorRing {
     std::size_t at_ = 0;
 };
 
-/// What runs on the floor below: one virtual call, and the figures of a measured task.
-class FloorItem {
-  public:
-    virtual ~FloorItem() = default;
-    virtual void onRun() = 0;
-
+/// The figures of what is measured at every run, as a task has them.
+struct Measured {
     std::uint32_t references = 1; // its owner's, and the ring's
-
-  private:
-    template <bool, bool, bool> friend class Floor;
-    using Hook =
-        boost::intrusive::list_member_hook<boost::intrusive::link_mode<boost::intrusive::normal_link>>;
-
-    std::uint32_t runs_ = 0;
-    Hook hook_;
-    std::int64_t addedAt_ = 0;
-    std::int64_t startedAt_ = 0;
-    std::int64_t latency_ = 0;
-    std::int64_t latencyMax_ = 0;
-    std::int64_t runTime_ = 0;
-    std::int64_t runTimeMax_ = 0;
-    std::uint32_t violations_ = 0;
+    std::uint32_t runs = 0;
+    std::int64_t addedAt = 0;
+    std::int64_t startedAt = 0;
+    std::int64_t latency = 0;
+    std::int64_t latencyMax = 0;
+    std::int64_t runTime = 0;
+    std::int64_t runTimeMax = 0;
+    std::uint32_t violations = 0;
 };
 
-/// The floor under a task run: a loop by hand that does only what a run with statistics and history cannot do
-/// without. Three readings of the steady clock, three ring entries of 24 bytes with a plain counted reference
-/// each, out of an intrusive list and back to its end, the counters and maxima, one virtual call.
+/// What a run with statistics and history cannot do without, whoever runs it: three readings of the steady
+/// clock, three ring entries of 24 bytes with a plain counted reference each, the counters and maxima.
 ///
-/// The parts can be left out, to see what they cost.
-template <bool clock = true, bool ring = true, bool statistics = true> class Floor {
+/// The parts can be left out, to see what they cost. `Item` derives from `Measured`.
+template <class Item, bool clock = true, bool ring = true, bool statistics = true> class Bookkeeping {
   public:
-    ~Floor() { queue_.clear(); }
-
-    void schedule(FloorItem& item) {
-        std::int64_t const now = read();
-        record(item, now, 0);
-        item.addedAt_ = now;
-        queue_.push_back(item);
+    void queued(Item& item) {
+        item.addedAt = read();
+        record(item, item.addedAt, 0);
         ++added_;
     }
 
-    void run(std::uint64_t runs) {
-        while (runs-- > 0)
-            runOne();
+    void begun(Item& item) {
+        std::int64_t const start = read();
+        if constexpr (statistics) {
+            slipMax_ = std::max(slipMax_, start - requestedAt_);
+            ++run_;
+            ++backToBack_;
+            item.latency = start - item.addedAt;
+            item.latencyMax = std::max(item.latencyMax, item.latency);
+            ++item.runs;
+        }
+        item.startedAt = start;
+        record(item, start, 2);
+    }
+
+    void ended(Item& item) {
+        std::int64_t const end = read();
+        if constexpr (statistics) {
+            std::int64_t const time = end - item.startedAt;
+            if (time >= 2 * quantum) [[unlikely]]
+                ++item.violations;
+            item.runTimeMax = std::max(item.runTimeMax, time);
+            item.runTime += time;
+        }
+        record(item, end, 3);
+        requestedAt_ = end;
     }
 
   private:
@@ -88,37 +94,55 @@ template <bool clock = true, bool ring = true, bool statistics = true> class Flo
             return steadyNanoseconds();
         return 0;
     }
-
-    void runOne() {
-        std::int64_t const start = read();
-        FloorItem& item = queue_.front();
-        queue_.pop_front();
-        if constexpr (statistics) {
-            slipMax_ = std::max(slipMax_, start - requestedAt_);
-            ++run_;
-            ++backToBack_;
-            item.latency_ = start - item.addedAt_;
-            item.latencyMax_ = std::max(item.latencyMax_, item.latency_);
-            ++item.runs_;
-        }
-        item.startedAt_ = start;
-        record(item, start, 2);
-        item.onRun();
-        std::int64_t const end = read();
-        if constexpr (statistics) {
-            std::int64_t const time = end - start;
-            if (time >= 2 * quantum) [[unlikely]]
-                ++item.violations_;
-            item.runTimeMax_ = std::max(item.runTimeMax_, time);
-            item.runTime_ += time;
-        }
-        record(item, end, 3);
-        requestedAt_ = end;
-    }
-
-    void record(FloorItem& item, std::int64_t time, std::uint8_t type) {
+    void record(Item& item, std::int64_t time, std::uint8_t type) {
         if constexpr (ring)
             ring_.record(item, time, type);
+    }
+
+    FloorRing<Item> ring_;
+    std::int64_t requestedAt_ = 0;
+    std::int64_t slipMax_ = 0;
+    std::uint64_t added_ = 0;
+    std::uint64_t run_ = 0;
+    std::uint32_t backToBack_ = 0;
+};
+
+/// What runs on the floor below.
+class FloorItem : public Measured {
+  public:
+    virtual ~FloorItem() = default;
+    virtual void onRun() = 0;
+
+  private:
+    template <bool...> friend class Floor;
+    using Hook =
+        boost::intrusive::list_member_hook<boost::intrusive::link_mode<boost::intrusive::normal_link>>;
+    Hook hook_;
+};
+
+/// The floor under a task run: a loop by hand that does only what cannot be left out. The bookkeeping, out of
+/// an intrusive list and back to its end, one virtual call.
+template <bool... parts> class Floor {
+  public:
+    ~Floor() { queue_.clear(); }
+
+    void schedule(FloorItem& item) {
+        bookkeeping_.queued(item);
+        queue_.push_back(item);
+    }
+
+    void run(std::uint64_t runs) {
+        while (runs-- > 0)
+            runOne();
+    }
+
+  private:
+    void runOne() {
+        FloorItem& item = queue_.front();
+        queue_.pop_front();
+        bookkeeping_.begun(item);
+        item.onRun();
+        bookkeeping_.ended(item);
     }
 
     using Queue =
@@ -127,12 +151,7 @@ template <bool clock = true, bool ring = true, bool statistics = true> class Flo
                                boost::intrusive::constant_time_size<false>>;
 
     Queue queue_;
-    FloorRing<FloorItem> ring_;
-    std::int64_t requestedAt_ = 0;
-    std::int64_t slipMax_ = 0;
-    std::uint64_t added_ = 0;
-    std::uint64_t run_ = 0;
-    std::uint32_t backToBack_ = 0;
+    Bookkeeping<FloorItem, parts...> bookkeeping_;
 };
 
 } // namespace Bench

@@ -4,6 +4,7 @@
 // clock is moved by hand, by 35 ns a reading, so that the loop's budgets end where they would at full speed.
 // The clock of the kernel is not in the count.
 
+#include <bench/Rows.h>
 #include <bench/TaskLoad.h>
 
 #include <unistd.h>
@@ -71,7 +72,7 @@ int main(int argc, char** argv) {
         counted(std::strtoull(argv[2], nullptr, 10), std::strtoull(argv[3], nullptr, 10));
         return 0;
     }
-    Bench::Table table(Bench::Options(argc, argv));
+    Bench::Options const options(argc, argv);
     for (unsigned const tasks : {1u, 16u})
-        table.figure("instructions a task run", tasks, perRun("ours", tasks), perRun("floor", tasks), 400.0);
+        Bench::figure("instructions a task run", tasks, perRun("ours", tasks), perRun("floor", tasks));
 }

@@ -1,40 +1,21 @@
-// What it costs that a task is there: making and destroying it, its memory, what it leaves behind when it is
-// dead, and the pass that resets all statistics.
+// What it costs that a task is there: making and destroying it, what it leaves behind when it is dead, and
+// the pass that resets all statistics.
 
-#include <bench/Sampling.h>
-
-#include <kel/EventLoop.h>
-#include <scheduler/TaskSchedulerEventLoop.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
+#include <bench/IdleTasks.h>
+#include <bench/Rows.h>
 
 #include <bit>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <vector>
 
 namespace {
 
 using Bench::Comparison;
+using Bench::nameOf;
+using Bench::newRoot;
+using Bench::newTask;
 using Bench::Options;
-using Bench::Table;
 using Mox::Ptr;
-
-Ptr<Kel::TaskSchedulerEventLoop> newRoot() {
-    return Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("bench", Kel::EventLoop::EventLoopIs());
-}
-
-/// 16 characters.
-Mox::String8 nameOf(std::uint64_t i) {
-    std::string const digits = std::to_string(i);
-    return "connection" + std::string(6 - std::min<std::size_t>(6, digits.size()), '0') + digits;
-}
-
-Ptr<Kel::Task> newTask(Ptr<Kel::TaskSchedulerEventLoop> const& root, Mox::String8 const& name) {
-    return Kel::Task::TaskIs(root, Kel::TaskPriority::normal, name);
-}
 
 // Making and destroying
 
@@ -134,7 +115,7 @@ struct Churn {
     double replaced;
 };
 
-Churn creation(Table& table, Options const& options, std::uint64_t alive) {
+Churn creation(Options const& options, std::uint64_t alive) {
     OurTasks ours(alive);
     BareTasks bare(alive);
     constexpr std::uint64_t operations = 20'000;
@@ -146,8 +127,8 @@ Churn creation(Table& table, Options const& options, std::uint64_t alive) {
             });
         };
     };
-    Comparison const one = Bench::alternate(options.samples(), ones(ours), ones(bare));
-    table.compare("task created and destroyed, ns / 2 allocations, table", alive, one, 3.0);
+    Comparison const one = Bench::alternate(options.samples(alive), ones(ours), ones(bare));
+    Bench::compare("task created and destroyed, ns", alive, one);
 
     auto order = Bench::shuffled(alive);
     order.resize(std::min<std::uint64_t>(alive, operations));
@@ -159,61 +140,12 @@ Churn creation(Table& table, Options const& options, std::uint64_t alive) {
             });
         };
     };
-    Comparison const replaced = Bench::alternate(options.samples(), replacing(ours), replacing(bare));
-    table.compare("task of n replaced, ns / 2 allocations, table", alive, replaced, 3.0);
+    Comparison const replaced = Bench::alternate(options.samples(alive), replacing(ours), replacing(bare));
+    Bench::compare("task of n replaced, ns", alive, replaced);
     return {one.ours, replaced.ours};
 }
 
-// Memory
-
-double residentBytes() {
-    std::ifstream statm("/proc/self/statm");
-    double size = 0, resident = 0;
-    statm >> size >> resident;
-    return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
-}
-
-/// A figure that is taken in a fresh process.
-double inProcess(std::function<double()> const& measure) {
-    int channel[2];
-    if (pipe(channel) != 0)
-        std::exit(1);
-    pid_t const child = fork();
-    double figure = 0;
-    if (child == 0) {
-        figure = measure();
-        _exit(write(channel[1], &figure, sizeof figure) == sizeof figure ? 0 : 1);
-    }
-    int status = 0;
-    if (waitpid(child, &status, 0) != child || status != 0 ||
-        read(channel[0], &figure, sizeof figure) != sizeof figure) {
-        std::fprintf(stderr, "a measuring process failed\n");
-        std::exit(1);
-    }
-    close(channel[0]);
-    close(channel[1]);
-    return figure;
-}
-
 constexpr unsigned many = 1'000'000;
-
-double bytesOfIdleTask() {
-    auto const root = newRoot();
-    std::vector<Ptr<Kel::Task>> tasks(many);
-    double const before = residentBytes();
-    for (unsigned i = 0; i < many; ++i)
-        tasks[i] = newTask(root, nameOf(i));
-    return (residentBytes() - before) / many;
-}
-
-double bytesOfDeadName() {
-    auto const root = newRoot();
-    newTask(root, nameOf(0));
-    double const before = residentBytes();
-    for (unsigned i = 0; i < many; ++i)
-        newTask(root, nameOf(i));
-    return (residentBytes() - before) / many;
-}
 
 // The dead
 
@@ -248,10 +180,10 @@ double freeAsMuch(std::uint64_t names) {
     });
 }
 
-void dead(Table& table, Options const& options) {
+void dead(Options const& options) {
     constexpr std::uint64_t names = 200'000;
-    table.compare(
-        "dead name deleted, ns / its allocations freed", names,
+    Bench::compare(
+        "dead name deleted, ns", names,
         Bench::alternate(
             options.samples(), [] { return deleteDeadNames(names); }, [] { return freeAsMuch(names); }));
 }
@@ -290,7 +222,7 @@ std::vector<double> resetPass(Ptr<Kel::TaskSchedulerEventLoop> const& root) {
     return runs->holdsUsec;
 }
 
-void reset(Table& table, Options const& options) {
+void reset(Options const& options) {
     auto const root = newRoot();
     std::vector<Ptr<Kel::Task>> tasks;
     for (unsigned i = 0; i < many; ++i)
@@ -305,33 +237,33 @@ void reset(Table& table, Options const& options) {
     auto const order = Bench::shuffled(many);
 
     std::vector<double> holds;
-    table.compare("reset pass, ns a task / words cleared by hand", many,
-                  Bench::alternate(
-                      options.samples(),
-                      [&] {
-                          auto const runs = resetPass(root);
-                          holds.insert(holds.end(), runs.begin(), runs.end());
-                          double sum = 0;
-                          for (double const run : runs)
-                              sum += run * 1e3;
-                          return sum / many;
-                      },
-                      [&] {
-                          return Bench::costOf(many, [&] {
-                              for (std::uint32_t const i : order)
-                                  std::fill(std::begin(words[i]->cleared), std::end(words[i]->cleared), 0u);
-                          });
-                      }));
+    Bench::compare("reset pass, ns a task", many,
+                   Bench::alternate(
+                       options.samples(),
+                       [&] {
+                           auto const runs = resetPass(root);
+                           holds.insert(holds.end(), runs.begin(), runs.end());
+                           double sum = 0;
+                           for (double const run : runs)
+                               sum += run * 1e3;
+                           return sum / many;
+                       },
+                       [&] {
+                           return Bench::costOf(many, [&] {
+                               for (std::uint32_t const i : order)
+                                   std::fill(std::begin(words[i]->cleared), std::end(words[i]->cleared), 0u);
+                           });
+                       }));
     double const quantumUsec = resetQuantum * 1e6;
-    table.figure("run of the reset pass, us CPU / quantum, p50", many, Bench::median(holds), quantumUsec);
-    table.figure("run of the reset pass, us CPU / quantum, max", many, Bench::quantile(holds, 1.0),
-                 quantumUsec);
+    Bench::figure("run of the reset pass, us CPU / quantum, p50", many, Bench::median(holds), quantumUsec);
+    Bench::figure("run of the reset pass, us CPU / quantum, max", many, Bench::quantile(holds, 1.0),
+                  quantumUsec);
 
     constexpr std::uint64_t names = 100'000;
     fileDeadNames(root, names);
     auto const runs = resetPass(root);
-    table.figure("the same with 100,000 dead names to delete, max", many, Bench::quantile(runs, 1.0),
-                 quantumUsec);
+    Bench::figure("the same with 100,000 dead names to delete, max", many, Bench::quantile(runs, 1.0),
+                  quantumUsec);
 }
 
 } // namespace
@@ -339,15 +271,13 @@ void reset(Table& table, Options const& options) {
 int main(int argc, char** argv) {
     Options const options(argc, argv);
     Bench::pinToCore(0);
-    Table table(options);
-    table.figure("idle task with a name of 16 characters, bytes", many, inProcess(bytesOfIdleTask), {},
-                 sizeof(void*) == 8 ? 224 : 176);
-    table.figure("dead name of 16 characters, bytes", many, inProcess(bytesOfDeadName));
-    Churn const few = creation(table, options, 1'000);
-    creation(table, options, 100'000);
-    Churn const full = creation(table, options, many);
-    table.compare("task created and destroyed, n alive / 1,000 alive", many, {full.one, few.one, 0}, 3.0);
-    table.compare("task of n replaced, n alive / 1,000 alive", many, {full.replaced, few.replaced, 0}, 3.0);
-    dead(table, options);
-    reset(table, options);
+    Churn const few = creation(options, 1'000);
+    creation(options, 100'000);
+    Churn const full = creation(options, many);
+    Bench::compare("task created and destroyed, n alive / 1,000 alive", many, {full.one, few.one, 0});
+    Bench::compare("task of n replaced, n alive / 1,000 alive", many, {full.replaced, few.replaced, 0});
+    if (options.quick)
+        return 0;
+    dead(options);
+    reset(options);
 }

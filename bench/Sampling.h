@@ -6,15 +6,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
+#include <functional>
 #include <numeric>
-#include <optional>
 #include <random>
-#include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -89,8 +85,6 @@ struct Comparison {
     double ours = 0;
     double floor = 0;
     double spread = 0; // between the quartiles of the ratios, pair by pair
-
-    double ratio() const { return ours / floor; }
 };
 
 /// What one call of a sampled function gives: a figure for each of the operations that it times.
@@ -118,116 +112,20 @@ template <class Ours, class Floor> Comparison alternate(int samples, Ours&& ours
         samples, [&] { return Sample<1>{ours()}; }, [&] { return Sample<1>{floor()}; })[0];
 }
 
-/// What the command line asks for: `--quick` (fewer samples), `--json FILE` (the rows, as a JSON list).
-struct Options {
-    bool quick = false;
-    std::string json;
-
-    Options(int argc, char** argv) {
-        for (int i = 1; i < argc; ++i) {
-            std::string_view const word = argv[i];
-            if (word == "--quick") {
-                quick = true;
-            } else if (word == "--json" && i + 1 < argc) {
-                json = argv[++i];
-            } else {
-                std::fprintf(stderr, "usage: %s [--quick] [--json FILE]\n", argv[0]);
-                std::exit(2);
-            }
+/// Medians of several contenders, sampled in turn. The first round warms up and is dropped.
+inline std::vector<double> alternateAll(int samples, std::vector<std::function<double()>> const& contenders) {
+    std::vector<std::vector<double>> figures(contenders.size());
+    for (int i = 0; i <= samples; ++i) {
+        for (std::size_t k = 0; k < contenders.size(); ++k) {
+            double const figure = contenders[k]();
+            if (i > 0)
+                figures[k].push_back(figure);
         }
     }
-    /// Alternating samples for a median.
-    int samples() const { return quick ? 5 : 11; }
-};
-
-/// The rows of one benchmark: printed as they come, written as JSON at the end.
-class Table {
-  public:
-    explicit Table(Options const& options) : json_(options.json) {
-        std::printf("%-52s %9s %10s %10s %7s %7s %7s\n", "", "n", "ours", "floor", "ratio", "spread", "goal");
-    }
-    ~Table() {
-        if (!json_.empty())
-            write();
-    }
-    Table(Table const&) = delete;
-    Table& operator=(Table const&) = delete;
-
-    /// A goal limits the ratio.
-    void compare(std::string name, std::uint64_t n, Comparison const& c, std::optional<double> goal = {}) {
-        add({std::move(name), n, c.ours, c.floor, c.ratio(), c.spread, goal, holds(c.ratio(), goal)});
-    }
-    /// A goal limits our own figure; the floor, if any, is there to read it by.
-    void figure(std::string name, std::uint64_t n, double ours, std::optional<double> floor = {},
-                std::optional<double> goal = {}) {
-        std::optional<double> ratio;
-        if (floor && *floor != 0)
-            ratio = ours / *floor;
-        add({std::move(name), n, ours, floor, ratio, {}, goal, holds(ours, goal)});
-    }
-
-  private:
-    using Figure = std::optional<double>;
-    struct Row {
-        std::string name;
-        std::uint64_t n;
-        double ours;
-        Figure floor, ratio, spread, goal;
-        std::optional<bool> holds;
-    };
-
-    static std::optional<bool> holds(double figure, Figure goal) {
-        return goal ? std::optional(figure <= *goal) : std::nullopt;
-    }
-
-    void add(Row row) {
-        std::printf("%-52s %9llu %10.2f %s %s %s %s%s\n", row.name.c_str(),
-                    static_cast<unsigned long long>(row.n), row.ours, column(row.floor, 10).c_str(),
-                    column(row.ratio, 7).c_str(), column(row.spread, 7).c_str(), column(row.goal, 7).c_str(),
-                    !row.holds   ? ""
-                    : *row.holds ? "  holds"
-                                 : "  MISSED");
-        std::fflush(stdout);
-        rows_.push_back(std::move(row));
-    }
-    static std::string column(Figure figure, int width) {
-        char text[32];
-        if (figure)
-            std::snprintf(text, sizeof text, "%*.2f", width, *figure);
-        else
-            std::snprintf(text, sizeof text, "%*s", width, "");
-        return text;
-    }
-
-    void write() const {
-        std::FILE* const file = std::fopen(json_.c_str(), "w");
-        if (!file) {
-            std::perror(json_.c_str());
-            std::exit(1);
-        }
-        char const* separator = "[\n";
-        for (Row const& row : rows_) {
-            std::fprintf(file, R"(%s  {"name": "%s", "n": %llu, "ours": %.6g, "floor": %s, "ratio": %s, )",
-                         std::exchange(separator, ",\n"), row.name.c_str(),
-                         static_cast<unsigned long long>(row.n), row.ours, number(row.floor).c_str(),
-                         number(row.ratio).c_str());
-            std::fprintf(file, R"("spread": %s, "goal": %s, "holds": %s})", number(row.spread).c_str(),
-                         number(row.goal).c_str(),
-                         !row.holds   ? "null"
-                         : *row.holds ? "true"
-                                      : "false");
-        }
-        std::fputs(rows_.empty() ? "[]\n" : "\n]\n", file);
-        std::fclose(file);
-    }
-    static std::string number(Figure figure) {
-        char text[32];
-        std::snprintf(text, sizeof text, "%.6g", figure.value_or(0));
-        return figure && std::isfinite(*figure) ? text : "null";
-    }
-
-    std::string const json_;
-    std::vector<Row> rows_;
-};
+    std::vector<double> medians;
+    for (auto const& of : figures)
+        medians.push_back(median(of));
+    return medians;
+}
 
 } // namespace Bench

@@ -1,13 +1,13 @@
 // What a task run costs on its whole road through an event-loop root: one reactor, statistics, history,
 // notifications, timer wheel, trace levels off. Against the floor of Floor.h.
 
+#include <bench/Rows.h>
 #include <bench/TaskLoad.h>
 
 namespace {
 
 using Bench::FloorLoad;
 using Bench::Options;
-using Bench::Table;
 
 template <class Load, class Other>
 Bench::Comparison compareRuns(Options const& options, Load& load, Other& other, std::uint64_t n) {
@@ -15,21 +15,20 @@ Bench::Comparison compareRuns(Options const& options, Load& load, Other& other, 
     auto const sample = [runs](auto& of) {
         return [runs, &of] { return Bench::costOf(runs, [&] { of.run(runs); }); };
     };
-    return Bench::alternate(options.samples(), sample(load), sample(other));
+    return Bench::alternate(options.samples(n), sample(load), sample(other));
 }
 
-void taskRun(Table& table, Options const& options, std::uint64_t n, double goal) {
+void taskRun(Options const& options, std::uint64_t n) {
     Bench::TaskLoad ours(n);
     FloorLoad<> floor(n);
-    table.compare("task run, ns / floor", n, compareRuns(options, ours, floor, n), goal);
+    Bench::compare("task run, ns", n, compareRuns(options, ours, floor, n));
 }
 
 /// What a part of the measurement costs: the whole floor against one without the part.
-template <bool... parts>
-void partOfFloor(Table& table, Options const& options, char const* name, std::uint64_t n) {
+template <bool... parts> void partOfFloor(Options const& options, char const* name, std::uint64_t n) {
     FloorLoad<> whole(n);
     FloorLoad<parts...> without(n);
-    table.compare(name, n, compareRuns(options, whole, without, n));
+    Bench::compare(name, n, compareRuns(options, whole, without, n));
 }
 
 } // namespace
@@ -37,15 +36,14 @@ void partOfFloor(Table& table, Options const& options, char const* name, std::ui
 int main(int argc, char** argv) {
     Options const options(argc, argv);
     Bench::pinToCore(0);
-    Table table(options);
-    for (unsigned const n : {1u, 16u, 1000u})
-        taskRun(table, options, n, 1.25);
-    for (unsigned const n : {100'000u, 1'000'000u})
-        taskRun(table, options, n, 1.0);
+    for (unsigned const n : {1u, 16u, 1000u, 100'000u, 1'000'000u})
+        taskRun(options, n);
+    if (options.quick)
+        return 0;
     for (unsigned const n : {16u, 100'000u}) {
-        partOfFloor<true, false, true>(table, options, "floor, ns / floor without history", n);
-        partOfFloor<true, true, false>(table, options, "floor, ns / floor without statistics", n);
-        partOfFloor<true, false, false>(table, options, "floor, ns / floor without both", n);
-        partOfFloor<false, false, false>(table, options, "floor, ns / floor without both and their clock", n);
+        partOfFloor<true, false, true>(options, "floor, ns / floor without history", n);
+        partOfFloor<true, true, false>(options, "floor, ns / floor without statistics", n);
+        partOfFloor<true, false, false>(options, "floor, ns / floor without both", n);
+        partOfFloor<false, false, false>(options, "floor, ns / floor without both and their clock", n);
     }
 }
