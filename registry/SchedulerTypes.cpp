@@ -1,0 +1,203 @@
+#include <registry/Building.h>
+#include <registry/Tables.h>
+
+#include <scheduler/TaskSchedulerEventLoop.h>
+#include <scheduler/TaskSchedulerMoxActivity.h>
+
+namespace Kel {
+
+using Mox::Problem;
+using Mox::Seconds;
+using Mox::String;
+using Mox::U32;
+
+namespace {
+
+// Collections of entities. Keys are compared with those of the entries, never taken for addresses.
+
+Mox::Attribute tasksRegistered() {
+    Mox::Attribute tasks;
+    tasks.type = Mox::AttributeText<Task*>::type();
+    tasks.read = [](Mox::Subject const& subject) {
+        return Mox::valueToStrep(Mox::U64{subject.as<TaskScheduler>().tasksRegistered().size()});
+    };
+    tasks.keys = [](Mox::Subject const& subject) {
+        auto const& registered = subject.as<TaskScheduler>().tasksRegistered();
+        std::vector<String> keys;
+        for (Task const* task = registered.first(); task; task = registered.after(task))
+            keys.push_back(task->taskKey().toStrep());
+        return keys;
+    };
+    tasks.entry = [](Mox::Subject const& subject, String const& key) -> std::optional<String> {
+        Task const* const task =
+            subject.as<TaskScheduler>().tasksRegistered(Mox::AttributeText<TaskKey>::read(key));
+        return task ? std::optional(Mox::referenceToStrep(task)) : std::nullopt;
+    };
+    // A text can only be the null reference, and that no scheduler takes.
+    tasks.problemOfText = [](String const& text) {
+        return text == "None" ? "" : "only None can be given as a text: tasks register themselves";
+    };
+    tasks.problemOfWriting = [](Mox::Subject const&, String const&) { return Problem(); };
+    tasks.write = [](Mox::Subject const& subject, String const&) {
+        subject.as<TaskScheduler>().tasksRegisteredIs(nullptr);
+    };
+    return tasks;
+}
+
+Mox::Attribute taskSchedulers() {
+    Mox::Attribute schedulers;
+    schedulers.type = Mox::AttributeText<bool>::type();
+    schedulers.read = [](Mox::Subject const& subject) {
+        return Mox::valueToStrep(Mox::U64{subject.as<TaskSchedulerRoot>().taskScheduler().size()});
+    };
+    schedulers.keys = [](Mox::Subject const& subject) {
+        std::vector<String> keys;
+        for (auto const& [scheduler, value] : subject.as<TaskSchedulerRoot>().taskScheduler())
+            keys.push_back(Mox::referenceToStrep(scheduler));
+        return keys;
+    };
+    schedulers.entry = [](Mox::Subject const& subject, String const& key) -> std::optional<String> {
+        for (auto const& [scheduler, value] : subject.as<TaskSchedulerRoot>().taskScheduler())
+            if (key == Mox::referenceToStrep(scheduler))
+                return Mox::valueToStrep(value);
+        return std::nullopt;
+    };
+    return schedulers;
+}
+
+// Problems
+
+Problem problemOfRunnable(TaskScheduler const& scheduler, bool hasRunnableTasks) {
+    if (hasRunnableTasks == scheduler.schedulerHasRunnableTasks())
+        return {};
+    if (hasRunnableTasks)
+        return problemOfRequest(scheduler);
+    for (U32 p = 0; p <= TaskPriority::scavenge; ++p)
+        if (scheduler.runnableTaskCount(TaskPriority::PriorityEnumInstance(p)) > 0)
+            return "tasks are runnable";
+    auto const* const root = dynamic_cast<TaskSchedulerRoot const*>(&scheduler);
+    return root ? problemOfTrimming(*root) : "";
+}
+
+Problem problemOfPriority(TaskScheduler const&, TaskPriority priority) {
+    return priority.isValid() ? "" : Mox::valueToStrep(priority) + " is no priority of a task";
+}
+
+Problem problemOfRoot(TaskScheduler const& scheduler) {
+    return scheduler.root() ? "" : "the scheduler has no root";
+}
+
+/// Ending a suspension asks for a run.
+Problem problemOfSuspending(TaskSchedulerRoot const& root, bool suspended) {
+    return suspended || !root.suspended() ? "" : problemOfRequest(root);
+}
+
+Problem problemOfKeepingAlive(TaskSchedulerEventLoop const& root) {
+    return root.evLoop()->useMoxEventLoop() ? "the loop is the activity manager's" : "";
+}
+
+// Factories
+
+String nameOf(char const* typeName, Mox::Ingredients const& ingredients) {
+    return Building(typeName, ingredients).text<String>("schedulerName");
+}
+
+Mox::Ptr<Mox::PtrInterface> makeScheduler(Mox::Ingredients const& ingredients) {
+    auto const root = Building("Kel::TaskScheduler", ingredients).reference<TaskSchedulerRoot>("root");
+    return TaskScheduler::TaskSchedulerIs(nameOf("Kel::TaskScheduler", ingredients), root.ptr());
+}
+
+Mox::Ptr<Mox::PtrInterface> makeRoot(Mox::Ingredients const& ingredients) {
+    return taskSchedulerRootFactory(nameOf("Kel::TaskSchedulerRoot", ingredients));
+}
+
+Mox::Ptr<Mox::PtrInterface> makeEventLoopRoot(Mox::Ingredients const& ingredients) {
+    auto const loop = Building("Kel::TaskSchedulerEventLoop", ingredients).reference<EventLoop>("evLoop");
+    return taskSchedulerEventLoopFactory(nameOf("Kel::TaskSchedulerEventLoop", ingredients), loop);
+}
+
+Mox::Ptr<Mox::PtrInterface> makeActivityRoot(Mox::Ingredients const& ingredients) {
+    return taskSchedulerMoxActivityFactory(nameOf("Kel::TaskSchedulerMoxActivity", ingredients));
+}
+
+void addScheduler(Mox::TypeRegistry& registry) {
+    Mox::AttributeTable<TaskScheduler>(registry)
+        .guard(problemOfThread)
+        .factory({"schedulerName"}, {"root"}, makeScheduler)
+        .constant("timerWheelTickInMsec", &TaskScheduler::timerWheelTickInMsec)
+        .constant("priorityRunFactor", &TaskScheduler::priorityRunFactor)
+        .readOnly("schedulerName", &TaskScheduler::schedulerName)
+        .readOnly("root", &TaskScheduler::root)
+        .collection("tasksRegistered", tasksRegistered())
+        .map(
+            "tasksPerPriority", [](TaskScheduler const& s) -> auto& { return s.tasksPerPriority(); })
+        .writable("schedulerLastScheduleTimeStamp", &TaskScheduler::schedulerLastScheduleTimeStamp,
+                  &TaskScheduler::schedulerLastScheduleTimeStampIs, stampRange)
+        .writable("schedulerLastRunTimeStamp", &TaskScheduler::schedulerLastRunTimeStamp,
+                  &TaskScheduler::schedulerLastRunTimeStampIs, stampRange)
+        .writable(
+            "schedulerMaxSchedulerSlip", &TaskScheduler::schedulerMaxSchedulerSlip,
+            [](TaskScheduler& s, Seconds slip) {
+                s.schedulerMaxSchedulerSlipInternalIs(Mox::toNanoseconds(slip));
+            },
+            durationRange)
+        .map(
+            "deadTaskStats", [](TaskScheduler const& s) -> auto& { return s.deadTaskStats(); })
+        .map(
+            "deadTasksPerPriority", [](TaskScheduler const& s) -> auto& { return s.deadTasksPerPriority(); })
+        .reactor("resetStatsTask", &TaskScheduler::resetStatsTask)
+        .writable("resetStatsTaskBookmark", &TaskScheduler::resetStatsTaskBookmark,
+                  &TaskScheduler::resetStatsTaskBookmarkIs)
+        .writable("schedulerHasRunnableTasks", &TaskScheduler::schedulerHasRunnableTasks,
+                  &TaskScheduler::schedulerHasRunnableTasksIs, {}, problemOfRunnable)
+        .operation("requestSchedulerRun", &TaskScheduler::requestSchedulerRun, problemOfRequest)
+        .operation("resetStats", &TaskScheduler::resetStats, problemOfResettingStats)
+        .operation("queueStats", &TaskScheduler::queueStats)
+        .operation<TaskPriority>("runTaskCount", &TaskScheduler::runTaskCount, problemOfPriority)
+        .operation<TaskPriority>("runnableTaskCount", &TaskScheduler::runnableTaskCount, problemOfPriority)
+        .operation("deadTaskStatsDelAll", &TaskScheduler::deadTaskStatsDelAll)
+        .operation("deadTasksPerPriorityDelAll", &TaskScheduler::deadTasksPerPriorityDelAll)
+        .operation("sanityCheckCurrentRunningThread", &TaskScheduler::sanityCheckCurrentRunningThread,
+                   problemOfRoot);
+}
+
+void addRoot(Mox::TypeRegistry& registry) {
+    Mox::AttributeTable<TaskSchedulerRoot>(registry)
+        .factory({"schedulerName"}, {}, makeRoot)
+        .readOnly("timerWheel", &TaskSchedulerRoot::timerWheel)
+        .collection("taskScheduler", taskSchedulers())
+        .constant("schedulerHistoryMaxAge", &TaskSchedulerRoot::schedulerHistoryMaxAge)
+        .readOnly("schedulerThread",
+                  [](TaskSchedulerRoot const& root) { return Mox::U64{root.schedulerThread().handle()}; })
+        .readOnly("schedulerPid", &TaskSchedulerRoot::schedulerPid)
+        .writable("trimHistoryEnabled", &TaskSchedulerRoot::trimHistoryEnabled,
+                  &TaskSchedulerRoot::trimHistoryEnabledIs)
+        .reactor("trimHistoryTask", &TaskSchedulerRoot::trimHistoryTask)
+        .writable("suspended", &TaskSchedulerRoot::suspended, &TaskSchedulerRoot::suspendedIs, {},
+                  problemOfSuspending)
+        .operation("clearHistory", &TaskSchedulerRoot::clearHistory)
+        .operation("trimHistoryTaskSchedule", &TaskSchedulerRoot::trimHistoryTaskSchedule, problemOfTrimming)
+        .operation("handleTrimHistoryTaskRun", &TaskSchedulerRoot::handleTrimHistoryTaskRun);
+}
+
+void addDrivers(Mox::TypeRegistry& registry) {
+    Mox::AttributeTable<TaskSchedulerEventLoop>(registry)
+        .factory({"schedulerName"}, {"evLoop"}, makeEventLoopRoot)
+        .readOnly("evLoop", &TaskSchedulerEventLoop::evLoop)
+        .reactor("clock", &TaskSchedulerEventLoop::clock)
+        .reactor("eventLoopKeepAliveClock", &TaskSchedulerEventLoop::eventLoopKeepAliveClock)
+        .operation("keepEventLoopAlive", &TaskSchedulerEventLoop::keepEventLoopAlive, problemOfKeepingAlive);
+    Mox::AttributeTable<TaskSchedulerMoxActivity>(registry)
+        .factory({"schedulerName"}, {}, makeActivityRoot)
+        .reactor("clock", &TaskSchedulerMoxActivity::clock);
+}
+
+} // namespace
+
+void addSchedulerTypes(Mox::TypeRegistry& registry) {
+    addScheduler(registry);
+    addRoot(registry);
+    addDrivers(registry);
+}
+
+} // namespace Kel

@@ -1,0 +1,137 @@
+#include <mox/TypeRegistry.h>
+
+#include <group/TaskGroup.h>
+#include <scheduler/TaskSchedulerEventLoop.h>
+#include <scheduler/TaskSchedulerQueueStats.h>
+#include <support/HandRoot.h>
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using Mox::Ingredients;
+using Mox::String;
+using Texts = std::vector<Ingredients::Text>;
+
+struct BuildingTest : TestSupport::HandTreeTest {
+    static Mox::Ptr<Mox::PtrInterface> build(std::string_view type, Ingredients const& ingredients) {
+        return Mox::typeRegistry().type(type).makeEntity(ingredients);
+    }
+    static std::string refusal(std::string_view type, Ingredients const& ingredients) {
+        try {
+            build(type, ingredients);
+        } catch (Mox::RangeException const& e) {
+            return e.what();
+        }
+        return "";
+    }
+    Texts const needed{{"taskName", "'built'"}, {"taskPriority", "'low'"}};
+    Texts with(String const& attribute, String const& text) const {
+        Texts more = needed;
+        more.push_back({attribute, text});
+        return more;
+    }
+};
+
+} // namespace
+
+TEST_F(BuildingTest, ValuesAreBuiltFromTexts) {
+    auto const value = Mox::typeRegistry()
+                           .type("Kel::TaskStat")
+                           .makeValue({{"taskName", "'a b'"},
+                                       {"taskRun", "3"},
+                                       {"taskTotalRunTime", "0.5"},
+                                       {"taskPriority", "'high'"}});
+    Kel::TaskStat expected;
+    expected.taskNameIs("a b");
+    expected.taskRunIs(3);
+    expected.taskTotalRunTimeIs(0.5);
+    expected.taskPriorityIs(Kel::TaskPriority::high);
+    EXPECT_EQ(std::any_cast<Kel::TaskStat>(value), expected);
+
+    struct Case {
+        char const* type;
+        Texts texts;
+        char const* message;
+    };
+    for (Case const& c : {
+             Case{"Kel::TaskStat", {{"task", "1"}}, "Kel::TaskStat has no attribute 'task'"},
+             Case{"Kel::TaskStat",
+                  {{"taskRun", "1"}, {"taskRun", "2"}},
+                  "Kel::TaskStat::taskRun: given twice"},
+             Case{"Kel::TaskStat::TaskStatus", {{"value", "32"}}, "TaskStatus::value > 0x1f not allowed"},
+             Case{"Kel::TaskStat::TaskStatus",
+                  {{"value", "4294967296"}},
+                  "TaskStatus::value > 0x1f not allowed"},
+         })
+        try {
+            Mox::typeRegistry().type(c.type).makeValue(c.texts);
+            ADD_FAILURE() << c.message;
+        } catch (Mox::RangeException const& e) {
+            EXPECT_STREQ(e.what(), c.message);
+        }
+}
+
+TEST_F(BuildingTest, AttributesOfValuesAreTheFieldsOfTheirTextForms) {
+    Kel::TaskStat stat;
+    std::string const text = Mox::valueToStrep(stat);
+    for (Mox::Attribute const* attribute :
+         Mox::typeRegistry().typeOf(Mox::Subject::ofValue(stat)).attributes())
+        EXPECT_THAT(text,
+                    testing::HasSubstr("'" + attribute->name + "': " +
+                                       Mox::attributeText(Mox::Subject::ofValue(stat), attribute->name)));
+}
+
+TEST_F(BuildingTest, EntitiesAreBuiltFromTextsAndReferences) {
+    auto const task = build("Kel::TimerTask", {with("taskQuantum", "0.25"), {{"taskScheduler", root}}});
+    ASSERT_NE(dynamic_cast<Kel::TimerTask*>(task.ptr()), nullptr);
+    EXPECT_EQ(Mox::attributeText(*task, "taskName"), "'built'");
+    EXPECT_EQ(Mox::attributeText(*task, "taskQuantum"), "0.25");
+    EXPECT_EQ(Mox::attributeText(*task, "hasNotificationActive"), "True");
+
+    auto const group = build(
+        "Kel::TaskGroup",
+        {{{"taskGroupName", "'g'"}, {"taskGroupPriority", "'low'"}, {"enforceTaskGroupPriority", "True"}},
+         {{"parentScheduler", root}}});
+    EXPECT_EQ(Mox::attributeText(*group, "schedulerName"), "'TaskGroup;g'");
+    EXPECT_NE(build("Kel::Task", {needed, {{"taskScheduler", group}}}), nullptr);
+    auto const loop = Kel::EventLoop::EventLoopIs();
+    auto const driver =
+        build("Kel::TaskSchedulerEventLoop", {{{"schedulerName", "'r'"}}, {{"evLoop", loop}}});
+    EXPECT_NE(build("Kel::TaskScheduler", {{{"schedulerName", "'s'"}}, {{"root", driver}}}), nullptr);
+}
+
+TEST_F(BuildingTest, RefusedIngredientsLeaveNothing) {
+    auto const group = Kel::taskGroupFactory("g", Kel::TaskPriority::high, true, root);
+    auto const bareRoot = Kel::taskSchedulerRootFactory("bare");
+    Texts const noPriority{{"taskName", "'built'"}, {"taskPriority", "'oneBeyondLast'"}};
+    Texts const noName{{"taskPriority", "'low'"}};
+    struct Case {
+        Ingredients ingredients;
+        char const* message;
+    };
+    for (Case const& c : {
+             Case{{needed, {}}, "Kel::TimerTask::taskScheduler: the reference is missing"},
+             Case{{noName, {{"taskScheduler", root}}}, "Kel::TimerTask::taskName: the text is missing"},
+             Case{{needed, {{"taskScheduler", nullptr}}}, "Kel::TimerTask::taskScheduler: null"},
+             Case{{needed, {{"taskScheduler", root}, {"friend", root}}},
+                  "Kel::TimerTask::friend: not built from a reference"},
+             Case{{noPriority, {{"taskScheduler", root}}},
+                  "Kel::TimerTask::taskPriority: 'oneBeyondLast' is no priority of a task"},
+             Case{{with("taskQuantum", "2.0"), {{"taskScheduler", root}}},
+                  "Kel::TimerTask::taskQuantum: 2.0 is not within 1e-09 and 1.0 seconds"},
+             Case{{with("taskQuantums", "1.0"), {{"taskScheduler", root}}},
+                  "Kel::TimerTask has no attribute 'taskQuantums'"},
+             Case{{needed, {{"taskScheduler", group}}},
+                  "Kel::TimerTask::taskScheduler: the group takes tasks of priority high only"},
+             Case{{needed, {{"taskScheduler", bareRoot}}},
+                  "Kel::TimerTask::taskScheduler: the root has no timer wheel"},
+         })
+        EXPECT_EQ(refusal("Kel::TimerTask", c.ingredients), c.message);
+    EXPECT_THAT(refusal("Kel::TimerTask", {needed, {{"taskScheduler", group->parentTask()->notifier()}}}),
+                testing::HasSubstr("is no Kel::TaskScheduler"));
+    EXPECT_EQ(root->tasksRegistered().size(), 1u); // the group's
+    EXPECT_TRUE(root->deadTaskStats().empty());
+    EXPECT_THROW(build("Kel::Tusk", {}), Mox::RangeException);
+    EXPECT_THROW(build("Kel::TaskStat", {}), Mox::OperationNotSupportedException);
+}
