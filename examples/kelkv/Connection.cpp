@@ -154,7 +154,7 @@ void Connection::answerAtOnce() {
 }
 
 void Connection::walkIs(std::optional<std::string> pattern) {
-    walk_ = new Walk(daemon_.root(), daemon_.store(), *this, std::move(pattern));
+    walk_ = new Walk(daemon_.background(), daemon_.store(), *this, std::move(pattern));
 }
 
 bool Connection::pieceIs(std::string&& piece) {

@@ -11,8 +11,11 @@ Port::Role const operatorRole{"operator", Kel::TaskPriority::high, true, 16};
 } // namespace
 
 Daemon::Daemon(Mox::Ptr<Kel::EventLoop> const& loop, unsigned short port, unsigned short operatorPort)
-    : loop_(loop), root_(Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("kelkv", loop)), store_(root_),
-      clients_(*this, client, port), operators_(*this, operatorRole, operatorPort) {}
+    : loop_(loop), root_(Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("kelkv", loop)),
+      background_(Kel::TaskGroup::TaskGroupIs("background", Kel::TaskPriority::low, true, root_)),
+      store_(root_), clients_(*this, client, port), operators_(*this, operatorRole, operatorPort) {
+    background_->taskGroupQuantumIs(backgroundQuantum);
+}
 
 Daemon::~Daemon() {
     clients_.close();
@@ -22,6 +25,8 @@ Daemon::~Daemon() {
 std::string Daemon::statistics() const {
     auto const context = Kel::StringDumpContext::StringDumpContextIs();
     root_->printStats(context, 0, false, true, false, false);
+    Kel::objDumpPrintf(context, "%s\n", background_->schedulerName().c_str());
+    background_->printStats(context, 0, false, true, false, false);
     return context->text();
 }
 

@@ -25,9 +25,10 @@ class WalkClient {
 
 /// Walks over all keys and replies with those that match a pattern, or without a pattern with their number.
 ///
-/// It runs as a `low` task in slices of 200 microseconds, so that other clients hardly notice. The reply
-/// begins with a count that is known only at the end of the walk: matches are gathered in pieces of some 64
-/// KiB, which are then handed over one by one, as fast as the client takes them.
+/// It runs as a `low` task of the daemon's background group, in slices that are short against the group's
+/// quantum: walks take turns within it, and it is overrun by a slice at most. The reply begins with a count
+/// that is known only at the end of the walk: matches are gathered in pieces of some 64 KiB, which are then
+/// handed over one by one, as fast as the client takes them.
 ///
 /// A key is in the reply, once, if it is there from the walk's beginning to its end (see Store); one that
 /// comes or goes meanwhile may be in it.
@@ -35,7 +36,7 @@ class WalkClient {
 /// Lifetime: its client holds it, until `walkDone` or until it cancels the walk. The store outlives it.
 class Walk : public Kel::Task::Notifiee {
   public:
-    static constexpr Mox::Seconds quantum = 0.0002;
+    static constexpr Mox::Seconds quantum = 0.00005;
 
     Walk(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Store const& store, WalkClient& client,
          std::optional<std::string> pattern);

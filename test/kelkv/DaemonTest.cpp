@@ -12,7 +12,9 @@ namespace KelKv {
 
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 std::size_t constexpr turnsMax = 200000;
@@ -108,6 +110,9 @@ class DaemonTest : public testing::Test {
         for (int i = 0; i < keys; ++i)
             daemon->store().set("key" + std::to_string(i), "value");
     }
+    Mox::U32 runnableWalks() const {
+        return daemon->background()->runnableTaskCount(Kel::TaskPriority(Kel::TaskPriority::low));
+    }
 
     TestSupport::VirtualTime time;
     Mox::Ptr<Kel::EventLoop> const loop = Kel::EventLoop::EventLoopIs();
@@ -190,6 +195,53 @@ TEST_F(DaemonTest, PipelinedRepliesComeInOrderAroundAWalk) {
     EXPECT_TRUE(reply.ends_with("\r\n:20000\r\n$3\r\nend\r\n+OK\r\n"));
 }
 
+TEST_F(DaemonTest, WalksAreOneTaskToTheOthersAndHaveTheirOwnStatistics) {
+    fill(20000);
+    client.expect("DBSIZE EXACT\r\n", ":20000\r\n");
+    client.expect("KEYS x\r\nPING\r\n", "*0\r\n+PONG\r\n");
+    for (char const* walk : {"dbsize", "keys"}) {
+        SCOPED_TRACE(walk);
+        EXPECT_EQ(daemon->root()->deadTaskStats(walk), nullptr);
+        Kel::TaskStat const* const stat = daemon->background()->deadTaskStats(walk);
+        ASSERT_NE(stat, nullptr);
+        EXPECT_EQ(stat->taskWorkCount(), 20000u);
+    }
+    std::string const report = daemon->statistics();
+    std::size_t const ofGroup = report.find("\nTaskGroup;background\nPriority ");
+    ASSERT_NE(ofGroup, std::string::npos);
+    EXPECT_THAT(report.substr(0, ofGroup),
+                AllOf(HasSubstr("\nTaskGroup;background "), Not(HasSubstr("\nkeys "))));
+    EXPECT_THAT(report.substr(ofGroup), AllOf(HasSubstr("\nkeys "), HasSubstr("\ndbsize ")));
+}
+
+TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRun) {
+    fill(300000);
+    client.send("KEYS *\r\n");
+    Client second(*loop, daemon->clients());
+    second.send("KEYS *\r\n");
+    Client other(*loop, daemon->clients());
+    for (int i = 0; i < 10; ++i)
+        other.expect("GET key7\r\n", "$5\r\nvalue\r\n");
+    EXPECT_EQ(runnableWalks(), 2u) << "the GETs waited for a walk";
+    EXPECT_EQ(client.receive(9), "*300000\r\n");
+    EXPECT_EQ(second.receive(9), "*300000\r\n");
+}
+
+TEST_F(DaemonTest, EndsWithWalksUnderWay) {
+    fill(300000);
+    client.send("KEYS *\r\n");
+    Client second(*loop, daemon->clients());
+    second.send("DBSIZE EXACT\r\n");
+    for (int turn = 0; turn < 100 && runnableWalks() < 2; ++turn)
+        loop->runOnce();
+    ASSERT_EQ(runnableWalks(), 2u);
+    Mox::Ptr<Kel::TaskGroup> const group = daemon->background();
+    daemon.reset();
+    EXPECT_EQ(client.receiveAll(), "");
+    EXPECT_EQ(second.receiveAll(), "");
+    EXPECT_EQ(group->references(), 1u) << "a walk still holds it";
+}
+
 TEST_F(DaemonTest, AnswersWhatCameBeforeTheClientsEnd) {
     fill(10000);
     client.send("KEYS *\r\nPING\r\nhalf a reque");
@@ -218,7 +270,7 @@ TEST_F(DaemonTest, ClientThatGoesAwayInMidReplyTakesItsWalkAlong) {
     for (int i = 0; i < 20; ++i)
         other.expect("PING\r\n", "+PONG\r\n");
     EXPECT_EQ(daemon->clients().connections(), 1u);
-    EXPECT_NE(daemon->root()->deadTaskStats("keys"), nullptr);
+    EXPECT_NE(daemon->background()->deadTaskStats("keys"), nullptr);
 }
 
 TEST_F(DaemonTest, ClientThatDoesNotReadIsNotReadFrom) {
