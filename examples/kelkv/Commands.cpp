@@ -20,7 +20,7 @@ char capital(char c) { return 'a' <= c && c <= 'z' ? static_cast<char>(c - 'a' +
 
 Table makeTable() {
     Table table;
-    for (auto const commands : {keyCommands(), serverCommands()})
+    for (auto const commands : {keyCommands(), operatorCommands(), serverCommands()})
         for (Command const& command : commands)
             table.emplace(command.name, &command);
     return table;

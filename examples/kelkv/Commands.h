@@ -17,8 +17,9 @@ struct Command {
     void (*run)(Connection& connection, Arguments words);
 };
 
-/// Commands on keys, and all others.
+/// Commands on keys, those for the operator, and all others.
 std::span<Command const> keyCommands();
+std::span<Command const> operatorCommands();
 std::span<Command const> serverCommands();
 
 /// Runs the command of that name, whatever its case; it replies at once, or makes the connection wait for a

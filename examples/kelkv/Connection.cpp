@@ -114,13 +114,18 @@ void Connection::answerNext() {
         reply().error(std::string("Protocol error: ").append(parser_.error()));
         return closeWhenSent();
     }
-    if (!parser_.arguments().empty())
+    if (!parser_.arguments().empty()) {
+        isAnswering_ = true;
         answer(*this, parser_.arguments());
+        isAnswering_ = false;
+    }
     answered_ += parser_.size();
     parser_.reset();
 }
 
 void Connection::onTaskRun() {
+    if (isAnswering_) // an operator's command had the connection's own task run
+        return;
     Mox::Ptr<Connection> const self = this; // closing lets it go
     bool const isDone = answerAll();
     compactInput();

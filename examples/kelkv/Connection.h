@@ -80,6 +80,7 @@ class Connection : public Kel::Task::Notifiee, private WalkClient {
     std::string input_;
     std::size_t answered_ = 0; // bytes at the input's beginning
     RequestParser parser_;
+    bool isAnswering_ = false;
     bool isReading_ = false;
     bool atEnd_ = false; // the client sends no more
 

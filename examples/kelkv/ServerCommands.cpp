@@ -91,29 +91,16 @@ void client(Connection& connection, Arguments words) {
 
 void command(Connection& connection, Arguments words) {
     if (words.size() > 1 && isWord(words[1], "COUNT"))
-        connection.reply().integer(static_cast<Mox::S64>(keyCommands().size() + serverCommands().size()));
+        connection.reply().integer(static_cast<Mox::S64>(keyCommands().size() + serverCommands().size() +
+                                                         operatorCommands().size()));
     else
         connection.reply().array(0);
-}
-
-// The operator's
-
-void sched(Connection& connection, Arguments words) {
-    Daemon& daemon = connection.daemon();
-    if (!connection.isOperator())
-        return connection.reply().error("SCHED is for the operator's port");
-    if (isWord(words[1], "HISTORY"))
-        return connection.reply().bulk(daemon.history());
-    if (!isWord(words[1], "RESET"))
-        return connection.reply().error("unknown subcommand of SCHED");
-    daemon.root()->resetStats();
-    connection.reply().status("OK");
 }
 
 constexpr Command commands[] = {
     {"PING", 1, 2, ping},         {"ECHO", 2, 2, echo},       {"QUIT", 1, any, quit},
     {"INFO", 1, 2, info},         {"CONFIG", 2, any, config}, {"CLIENT", 2, any, client},
-    {"COMMAND", 1, any, command}, {"SCHED", 2, 2, sched},
+    {"COMMAND", 1, any, command},
 };
 
 } // namespace

@@ -309,4 +309,33 @@ TEST_F(DaemonTest, OperatorIsAnsweredWhileTheSchedulerIsSuspended) {
     EXPECT_EQ(client.receive(7), "+PONG\r\n");
 }
 
+TEST_F(DaemonTest, OperatorSteersTheTree) {
+    Client op(*loop, daemon->operators());
+    client.expect("PING\r\n", "+PONG\r\n");
+    for (auto const& [request, reply] : std::initializer_list<std::pair<char const*, char const*>>{
+             {"SCHED GET kelkv/suspended\r\n", "$5\r\nFalse\r\n"},
+             {"SCHED SET kelkv/client/taskQuantum 0.005\r\n", "+OK\r\n"},
+             {"SCHED GET kelkv/client/taskQuantum\r\n", "$5\r\n0.005\r\n"},
+             {"sched call kelkv/client resetStats\r\n", "+OK\r\n"},
+             {"SCHED CALL kelkv/client taskRunInc -1\r\n",
+              "-ERR Kel::Task::taskRunInc: '-1' is no Mox::U32: expected a number\r\n"},
+             {"SCHED GET kelkv/tasksPerPriority/'high'\r\n", "$1\r\n1\r\n"},
+             {"SCHED SET kelkv/tasksRegistered\r\n", "-ERR wrong number of arguments for 'SCHED SET'\r\n"},
+             {"SCHED LS nowhere\r\n", "-ERR no root 'nowhere', it is 'kelkv'\r\n"},
+             {"SCHED SET kelkv/suspended True\r\n", "+OK\r\n"},
+         })
+        op.expect(request, reply);
+    client.send("PING\r\n");
+    EXPECT_TRUE(client.waits(50));
+    op.expect("SCHED SET kelkv/suspended False\r\n", "+OK\r\n");
+    EXPECT_EQ(client.receive(7), "+PONG\r\n");
+}
+
+TEST_F(DaemonTest, OperatorHasItsOwnTaskRunInTheMiddleOfItsCommand) {
+    Client op(*loop, daemon->operators());
+    op.expect("SCHED CALL kelkv/operator taskRunFromTest\r\nPING\r\n"
+              "SCHED CALL kelkv/operator taskRunFromTest\r\nSCHED SET kelkv/operator/taskRun 77\r\nPING\r\n",
+              "+OK\r\n+PONG\r\n+OK\r\n+OK\r\n+PONG\r\n");
+}
+
 } // namespace KelKv

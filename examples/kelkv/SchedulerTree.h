@@ -1,0 +1,53 @@
+#pragma once
+
+#include <group/TaskGroup.h>
+#include <mox/TypeRegistry.h>
+#include <scheduler/TaskSchedulerRoot.h>
+
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace KelKv {
+
+/// The live schedulers and tasks below a root, walked by name, for an operator who looks at them and steers
+/// them.
+///
+/// A path begins with the root's name; `/` leads from a scheduler to a group or a task of it:
+/// `kelkv/background/keys`. A group stands below the scheduler that its parent task belongs to, under its own
+/// name; its parent task stands there too, as "TaskGroup;" and that name. Behind the entity comes an
+/// attribute, behind a collection a key: `kelkv/suspended`, `kelkv/tasksPerPriority/'low'`.
+///
+/// A name that several have, or that has a `/` in it, is replaced by the key that `list` shows (`@0x...`). A
+/// key is looked up, it is never taken for an address.
+///
+/// Every function throws a Mox::Exception, for the operator to read, and has then changed nothing.
+///
+/// By name, a scheduler's tasks are searched one by one: with a million of them that takes a while, a key is
+/// found at once.
+class SchedulerTree {
+  public:
+    explicit SchedulerTree(Mox::Ptr<Kel::TaskSchedulerRoot> root) : root_(std::move(root)) {}
+
+    /// The children that are listed; of others only their number.
+    static constexpr std::size_t childrenMax = 1000;
+
+    /// A line each: groups, then tasks with their statistics, both by name and then by key, attributes with
+    /// their values, operations; those in the order of their tables. An empty path is the root's.
+    std::vector<std::string> list(std::string_view path) const;
+    /// An attribute's text, or that of a collection's entry; of a collection its keys, up to `childrenMax`.
+    std::variant<std::string, std::vector<std::string>> get(std::string_view path) const;
+    void set(std::string_view path, std::string_view text) const;
+    /// Returns the text of the result, empty when there is none.
+    std::string call(std::string_view path, std::string_view operation,
+                     std::vector<Mox::String> const& arguments) const;
+
+  private:
+    using Entity = Mox::Ptr<Mox::PtrInterface>;
+    class Walk;
+
+    Mox::Ptr<Kel::TaskSchedulerRoot> const root_;
+};
+
+} // namespace KelKv

@@ -1,0 +1,142 @@
+#include <kelkv/Daemon.h>
+#include <kelkv/SchedulerTree.h>
+
+#include <support/HandRoot.h>
+
+#include <gmock/gmock.h>
+
+namespace KelKv {
+
+namespace {
+
+using Kel::TaskPriority;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct SchedulerTreeTest : TestSupport::HandTreeTest {
+    static std::string key(Mox::PtrInterface const* entity) {
+        return Kel::TaskKey(reinterpret_cast<std::uintptr_t>(entity)).toStrep();
+    }
+    std::string got(std::string_view path) { return std::get<std::string>(tree.get(path)); }
+    /// What was wrong; empty when nothing was.
+    template <class Call> static std::string errorOf(Call call) {
+        try {
+            call();
+        } catch (Mox::Exception const& e) {
+            return e.what();
+        }
+        return "";
+    }
+    std::string errorOfGet(std::string_view path) {
+        return errorOf([&] { tree.get(path); });
+    }
+    /// The second words of the lines that begin so.
+    std::vector<std::string> listed(std::string_view path, std::string_view what) {
+        std::vector<std::string> names;
+        for (std::string const& line : tree.list(path))
+            if (line.starts_with(what))
+                names.push_back(line.substr(what.size(), line.find(' ', what.size()) - what.size()));
+        return names;
+    }
+
+    Mox::Ptr<Kel::TaskGroup> const group = Kel::taskGroupFactory("work", TaskPriority::low, false, root);
+    Mox::Ptr<Kel::TaskGroup> const inner = Kel::taskGroupFactory("inner", TaskPriority::low, false, group);
+    Mox::Ptr<Kel::Task> const twin1 = task("twin");
+    Mox::Ptr<Kel::Task> const twin2 = task("twin");
+    Mox::Ptr<Kel::Task> const one = task("one");
+    Mox::Ptr<Kel::Task> const deep = Kel::taskFactory(inner, TaskPriority::normal, "deep");
+    SchedulerTree const tree{root};
+};
+
+} // namespace
+
+TEST_F(SchedulerTreeTest, ListsGroupsThenTasksByName) {
+    EXPECT_THAT(listed("", "group "), ElementsAre("work"));
+    EXPECT_THAT(listed("root", "task "), ElementsAre("TaskGroup;work", "one", "twin", "twin"));
+    EXPECT_THAT(listed("root/work", "group "), ElementsAre("inner"));
+    EXPECT_THAT(listed("root/work", "task "), ElementsAre("TaskGroup;inner"));
+    EXPECT_THAT(listed("root/work/inner", "task "), ElementsAre("deep"));
+    EXPECT_THAT(listed("root/one", "task "), ElementsAre());
+    EXPECT_THAT(tree.list("root/one"),
+                testing::IsSupersetOf({"attribute taskQuantum = 0.02 (double within 1e-09 and 1.0 seconds)",
+                                       "attribute taskName = 'one' (Mox::String, read only)",
+                                       "operation getStats() gives Kel::TaskStat"}));
+}
+
+TEST_F(SchedulerTreeTest, ListsSomeOfManyChildren) {
+    std::vector<Mox::Ptr<Kel::Task>> many;
+    for (std::size_t i = 0; i < SchedulerTree::childrenMax + 5; ++i)
+        many.push_back(task("many"));
+    EXPECT_EQ(listed("root", "task ").size(), SchedulerTree::childrenMax);
+    EXPECT_THAT(tree.list("root"), testing::Contains("9 more tasks"));
+    EXPECT_EQ(std::get<1>(tree.get("root/tasksRegistered")).size(), SchedulerTree::childrenMax);
+}
+
+TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKey) {
+    tree.set("root/work/inner/deep/taskQuantum", "0.5");
+    EXPECT_EQ(deep->taskQuantum(), 0.5);
+    tree.set("root/" + key(twin2.ptr()) + "/taskWorkCount", "7");
+    EXPECT_EQ(twin1->taskWorkCount() * 10 + twin2->taskWorkCount(), 7u);
+    EXPECT_EQ(got("root/" + key(group.ptr()) + "/inner/taskGroupName"), "'inner'");
+    EXPECT_EQ(got("root/tasksPerPriority/'normal'"), "3");
+    EXPECT_EQ(std::get<1>(tree.get("root/taskScheduler")).size(), 3u);
+
+    auto const slashed = task("a/b");
+    EXPECT_EQ(got("root/" + key(slashed.ptr()) + "/taskName"), "'a/b'");
+    auto const shadow = Kel::taskGroupFactory("suspended", TaskPriority::low, false, root);
+    EXPECT_EQ(got("root/suspended"), "False");
+    EXPECT_EQ(got("root/suspended/taskGroupQuantum"), "0.02");
+    auto const keyLike = task("@0x");
+    EXPECT_EQ(got("root/@0x/taskName"), "'@0x'");
+
+    EXPECT_EQ(tree.call("root/one", "scheduleTask", {}), "");
+    EXPECT_EQ(tree.call("root", "runnableTaskCount", {"'normal'"}), "1");
+}
+
+TEST_F(SchedulerTreeTest, BadPathsAreRefusedWithTheReason) {
+    struct Case {
+        std::string path;
+        std::string message;
+    };
+    std::string const gone = key(task("gone").ptr());
+    for (Case const& c : {
+             Case{"", "no root '', it is 'root'"},
+             Case{"/root/suspended", "no root '', it is 'root'"},
+             Case{"other/suspended", "no root 'other', it is 'root'"},
+             Case{"root", "no attribute at the end of 'root'"},
+             Case{"root/", "no attribute at the end of 'root/'"},
+             Case{"root/one/", "no attribute at the end of 'root/one/'"},
+             Case{"root//suspended", "no task or group '' under 'root'"},
+             Case{"root/work/one/taskRun", "no task or group 'one' under 'root/work'"},
+             Case{"root/one/two/taskRun", "no task or group 'two' under 'root/one'"},
+             Case{"root/" + gone + "/taskRun", "no task or group '" + gone + "' under 'root'"},
+             Case{"root/work/" + key(one.ptr()) + "/taskRun",
+                  "no task or group '" + key(one.ptr()) + "' under 'root/work'"},
+             Case{"root/one", "Kel::TaskSchedulerRoot has no attribute 'one'"},
+             Case{"root/suspended/x", "no task or group 'suspended' under 'root'"},
+             Case{"root/deadTaskStats/'x'", "Kel::TaskSchedulerRoot::deadTaskStats: no entry 'x'"},
+         })
+        EXPECT_EQ(errorOfGet(c.path), c.message);
+
+    std::string const notUnique = errorOfGet("root/twin/taskRun");
+    EXPECT_THAT(notUnique, StartsWith("2 are named 'twin' under 'root', use a key: @0x"));
+    EXPECT_THAT(notUnique, HasSubstr(key(twin1.ptr())));
+    EXPECT_THAT(notUnique, HasSubstr(key(twin2.ptr())));
+    EXPECT_EQ(errorOf([&] { tree.set("root/one/taskQuantum", "2.0"); }),
+              "Kel::Task::taskQuantum: 2.0 is not within 1e-09 and 1.0 seconds");
+    EXPECT_EQ(errorOf([&] { tree.call("root/one/taskRun", "scheduleTask", {}); }),
+              "no task or group 'taskRun' under 'root/one'");
+}
+
+TEST_F(SchedulerTreeTest, ParentTaskMovedAwayTakesItsGroupAlong) {
+    auto const elsewhere =
+        Kel::taskGroupParentTaskFactory(inner, TaskPriority::low, "elsewhere", group.ptr());
+    inner->parentTaskDel(); // else each would stand below the other
+    group->parentTaskIs(elsewhere);
+    EXPECT_THAT(listed("root", "group "), ElementsAre());
+    group->parentTaskDel();
+    EXPECT_THAT(listed("root", "group "), ElementsAre("work"));
+}
+
+} // namespace KelKv
