@@ -41,10 +41,10 @@ class IntrusiveLinkedListBase {
     }
     /// The first entry that is no bookmark; null when there is none.
     TaskRunQueueLink* firstTask() {
-        TaskRunQueueLink* entry = front();
-        while (entry && entry->isBookmark())
-            [[unlikely]] entry = after(*entry);
-        return entry;
+        auto at = list_.begin();
+        while (at != list_.end() && at->isBookmark())
+            [[unlikely]]++ at;
+        return at == list_.end() ? nullptr : &*at;
     }
 
     void clear() { list_.clear(); }

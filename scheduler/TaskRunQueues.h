@@ -31,7 +31,12 @@ class TaskRunQueues {
     bool attemptLowerPriorityBump(TaskPriority priority, Mox::U32 backToBackRunCount) const;
 
   private:
-    Mox::U32 weightedBacklog(Mox::U32 priority) const;
+    // By priority, each a function of its own: a pass looks at few queues, and knows their weights.
+    template <Mox::U32 p> Task* pickFrom();
+    template <Mox::U32 p> Task* pickBelow();
+    template <Mox::U32 p> Task* bumpBelow();
+    template <Mox::U32 p> bool givesWay(Mox::U32 backToBackRunCount) const;
+    template <Mox::U32 p> Mox::U32 weightedBacklog() const;
 
     std::array<TaskRunQueue, count> queues_;
 };

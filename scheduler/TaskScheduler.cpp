@@ -111,7 +111,9 @@ void TaskScheduler::taskUnregister(Task* task) {
         taskSchedulerUnlinkTask(now, runQueues_[priority], task);
         task->doUpdateSchedulingLatency(now);
     }
-    deadTaskStatsInc(task->taskName(), task->getStats());
+    runQueues_[priority].forget(*task);
+    TaskStat const stat = task->getStats();
+    deadTaskStatsInc(stat.taskName(), stat);
     MOX_ASSERT_AS("__null != tasksRegistered( task->taskKey() )", tasksRegistered(task->taskKey()));
     Task* const deletedTask = tasksRegisteredDel(task->taskKey());
     MOX_ASSERT(task == deletedTask);

@@ -26,6 +26,15 @@ template <class Map, class Key, class Value> bool setTo(Map& map, Key const& key
     return true;
 }
 
+/// Adds to an entry, made when there is none. Returns where it stands, and whether that changed anything.
+template <class Map, class Key> std::pair<U32&, bool> add(Map& map, Key const& key, U32 count) {
+    if (U32* const there = map.find(key)) {
+        *there += count;
+        return {*there, count != 0};
+    }
+    return {map.valueIs(key, count), true};
+}
+
 /// Takes an entry out, and its value with it. False when there is none.
 template <class Map, class Key, class Value> bool takeOut(Map& map, Key const& key, Value* value) {
     auto* const there = map.find(key);
@@ -83,13 +92,14 @@ U32 TaskScheduler::tasksPerPriority(TaskPriority priority) const {
 }
 
 U32 TaskScheduler::tasksPerPriorityInc(TaskPriority priority, U32 count) {
-    tasksPerPriorityIs(priority, tasksPerPriority(priority) + count);
-    return tasksPerPriority(priority);
+    auto const [total, changed] = add(tasksPerPriority_, priority, count);
+    if (changed)
+        tasksPerPriorityNotify(priority);
+    return total;
 }
 
 U32 TaskScheduler::tasksPerPriorityDec(TaskPriority priority, U32 count) {
-    tasksPerPriorityIs(priority, tasksPerPriority(priority) - count);
-    return tasksPerPriority(priority);
+    return TaskScheduler::tasksPerPriorityInc(priority, 0 - count);
 }
 
 void TaskScheduler::tasksPerPriorityIs(TaskPriority priority, U32 count) {
@@ -122,8 +132,10 @@ U32 TaskScheduler::deadTasksPerPriority(TaskPriority priority) const {
 }
 
 U32 TaskScheduler::deadTasksPerPriorityInc(TaskPriority priority, U32 count) {
-    deadTasksPerPriorityIs(priority, deadTasksPerPriority(priority) + count);
-    return deadTasksPerPriority(priority);
+    auto const [total, changed] = add(deadTasksPerPriority_, priority, count);
+    if (changed)
+        deadTasksPerPriorityNotify(priority);
+    return total;
 }
 
 void TaskScheduler::deadTasksPerPriorityIs(TaskPriority priority, U32 count) {
@@ -159,9 +171,8 @@ void TaskScheduler::newDeadTaskStats(Mox::String8 const& name, TaskStat const& s
 TaskStat TaskScheduler::deadTaskStatsInc(Mox::String8 const& name, TaskStat const& stat) {
     if (TaskStat* const there = deadTaskStats_.find(name))
         return *there += stat;
-    TaskStat const merged = TaskStat() + stat;
-    newDeadTaskStats(name, merged);
-    return merged;
+    newDeadTaskStats(name, TaskStat() + stat);
+    return *deadTaskStats_.find(name);
 }
 
 void TaskScheduler::deadTaskStatsIs(Mox::String8 const& name, TaskStat const& stat) {

@@ -101,11 +101,26 @@ U32 Task::auditErrors(U32 level) const {
 
 Mox::Ptr<TaskScheduler> Task::taskScheduler() const { return taskScheduler_; }
 
+// The history
+
+void Task::taskHistoryInsertNow(EventType eventType) const {
+    taskHistoryInsertTs(eventType, Mox::SteadyClock::now());
+}
+
+[[gnu::always_inline]] inline void Task::record(EventType eventType, TaskTimeStamp const& stamp) const {
+    if (taskScheduler_) [[likely]]
+        taskScheduler_->root()->historyInsert({stamp, eventType, record_});
+}
+
+void Task::taskHistoryInsertTs(EventType eventType, TaskTimeStamp const& stamp) const {
+    record(eventType, stamp);
+}
+
 // Scheduling
 
 void Task::sanityCheckCurrentRunningThread() const {
     if (taskScheduler_)
-        taskScheduler_->sanityCheckCurrentRunningThread();
+        taskScheduler_->root()->sanityCheckCurrentRunningThread();
 }
 
 bool Task::taskScheduled() const {
@@ -130,7 +145,7 @@ bool Task::scheduleTaskPrivate() {
     }
     MOX_TRACE_OF("scheduleTask", taskSchedulerTrace, 8, "Scheduled " << this);
     TaskTimeStamp const now = Mox::SteadyClock::now();
-    taskHistoryInsertTs(EventType::schedule, now);
+    record(EventType::schedule, now);
     taskLastAddedToRunQueueTimeStampIs(now);
     taskScheduler_->runQueue(taskPriority()).append(*this);
     if (taskScheduler_->schedulerHasRunnableTasks()) [[likely]] {
@@ -159,15 +174,6 @@ void Task::unscheduleTaskPrivate() {
     doUpdateSchedulingLatency(now);
 }
 
-void Task::doUpdateSchedulingLatency(TaskTimeStamp const& now) {
-    TaskTimeDuration const latency = elapsed(taskLastAddedToRunQueueTimeStamp_, now);
-    taskLastSchedulingLatency_ = latency;
-    if (latency > taskSchedulingLatencyHighWaterMark_)
-        taskSchedulingLatencyHighWaterMark_ = latency;
-}
-
-void Task::updateTaskBusy() { taskBusyIs((taskBusy_ && taskCurrentlyRunning_) || taskScheduled()); }
-
 // Running
 
 void Task::taskRunFromTest() {
@@ -182,8 +188,18 @@ void Task::taskRunFromTest() {
     taskDoRun(now, &end);
 }
 
+inline void Task::measureRun(TaskTimeDuration runTime) {
+    if (runTime >= 2 * taskQuantumInternal_) [[unlikely]]
+        countViolation(runTime);
+    else
+        MOX_TRACE_OF("taskDoRun", taskSchedulerTrace, 7, "Ran " << this << " used " << runTime);
+    if (runTime > taskRunTimeHighWaterMark_)
+        taskRunTimeHighWaterMark_ = runTime;
+    taskTotalRunTime_ = sum(taskTotalRunTime_, runTime);
+}
+
 void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
-    taskHistoryInsertTs(EventType::runStart, start);
+    record(EventType::runStart, start);
     MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
     MOX_TRACE_AT(taskSchedulerTrace, 8, "Running " << this);
 
@@ -202,18 +218,8 @@ void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
     TaskTimeStamp const now = Mox::SteadyClock::now();
     *end = now;
     measureRun(elapsed(start, now));
-    taskHistoryInsertTs(EventType::runEnd, now);
+    record(EventType::runEnd, now);
     updateTaskBusy();
-}
-
-void Task::measureRun(TaskTimeDuration runTime) {
-    if (runTime >= 2 * taskQuantumInternal_) [[unlikely]]
-        countViolation(runTime);
-    else
-        MOX_TRACE_OF("taskDoRun", taskSchedulerTrace, 7, "Ran " << this << " used " << runTime);
-    if (runTime > taskRunTimeHighWaterMark_)
-        taskRunTimeHighWaterMark_ = runTime;
-    taskTotalRunTime_ = sum(taskTotalRunTime_, runTime);
 }
 
 void Task::countViolation(TaskTimeDuration runTime) {
@@ -279,15 +285,6 @@ void Task::resetStats() {
     taskLastSchedulingLatency_ = TaskTimeDuration(0);
     taskSchedulingLatencyHighWaterMark_ = TaskTimeDuration(0);
     taskRun_ = 0;
-}
-
-void Task::taskHistoryInsertNow(EventType eventType) const {
-    taskHistoryInsertTs(eventType, Mox::SteadyClock::now());
-}
-
-void Task::taskHistoryInsertTs(EventType eventType, TaskTimeStamp const& stamp) const {
-    if (taskScheduler_) [[likely]]
-        taskScheduler_->root()->historyInsert({stamp, eventType, record_});
 }
 
 // Attributes that notify

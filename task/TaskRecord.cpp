@@ -25,7 +25,7 @@ void TaskRecord::destroy(TaskRecord const* record) noexcept {
 
 TaskRecord::TaskRecord(std::string_view taskName, TaskPriority priority,
                        Mox::Ptr<SchedulerName const> schedulerName)
-    : priority_(priority), schedulerName_(std::move(schedulerName)),
-      nameLength_(static_cast<Mox::U32>(taskName.size())) {}
+    : priority_(priority), nameLength_(static_cast<Mox::U32>(taskName.size())),
+      schedulerName_(std::move(schedulerName)) {}
 
 } // namespace Kel

@@ -63,11 +63,13 @@ class MOX_EXPORT TaskRecord {
     static void destroy(TaskRecord const* record) noexcept;
 
     TaskRecord(std::string_view taskName, TaskPriority priority, Mox::Ptr<SchedulerName const> schedulerName);
+
+    // What a run touches comes first, and lies in one line of the cache.
     mutable RecordCounter::type references_{0};
     TaskPriority const priority_;
-    Mox::Ptr<SchedulerName const> const schedulerName_;
     Mox::U32 magicNumber_ = taskMagicNumberConstructed;
     Mox::U32 const nameLength_;
+    Mox::Ptr<SchedulerName const> const schedulerName_;
 };
 
 } // namespace Kel

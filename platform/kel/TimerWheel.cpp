@@ -48,21 +48,18 @@ TimerWheel::TimerWheel(Mox::TurnLoop& loop, Mox::Ptr<Mox::PtrInterface> loopOwne
 
 TimerWheel::~TimerWheel() = default;
 
-// Ticks and seconds: a tick's time is timeOf(tick), rounding included, and both searches below are exact
-// against it; so a wake-up asked for at a tick's time finds that tick reached.
+// Ticks and seconds: a tick's time is timeOf(tick), rounding included, and the search below is exact against
+// it; so a wake-up asked for at a tick's time finds that tick reached.
 
 S64 TimerWheel::tickNotBefore(Seconds time) const {
-    S64 const tick = tickNotAfter(time);
-    return timeOf(tick) < time && tick < farTick ? tick + 1 : tick;
-}
-
-S64 TimerWheel::tickNotAfter(Seconds time) const {
     constexpr auto far = static_cast<Seconds>(farTick);
-    S64 tick = static_cast<S64>(std::clamp(time * ticksPerSecond_, -far, far));
-    while (timeOf(tick) > time && tick > -farTick)
-        --tick;
-    while (tick < farTick && timeOf(tick + 1) <= time)
+    Seconds const exact = std::clamp(time * ticksPerSecond_, -far, far);
+    auto tick = static_cast<S64>(exact);
+    tick += static_cast<Seconds>(tick) < exact ? 1 : 0;
+    while (timeOf(tick) < time && tick < farTick)
         ++tick;
+    while (timeOf(tick - 1) >= time && tick > -farTick)
+        --tick;
     return tick;
 }
 
@@ -74,6 +71,7 @@ void TimerWheel::file(NotifieeConst& timer) {
         buckets_.remove(timer);
     }
     buckets_.insert(timer, tick);
+    timer.keptFrom_ = movesLazily_ ? timeOf(tick) : Mox::endOfTime;
     if (tick < wakeTick_ && !isCollecting_)
         requestWake();
 }
@@ -82,6 +80,7 @@ void TimerWheel::unfile(NotifieeConst& timer) {
     if (!timer.isLinked())
         return;
     buckets_.remove(timer);
+    timer.keptFrom_ = Mox::endOfTime;
     if (buckets_.size() == 0) {
         wakeTick_ = WheelBuckets::never;
         wake_.cancel();
@@ -131,6 +130,7 @@ bool TimerWheel::collect(Seconds now) {
         count += buckets_.take(taken, takenPerPoll - count);
         while (!taken.empty()) {
             NotifieeConst& timer = static_cast<NotifieeConst&>(taken.front());
+            timer.keptFrom_ = Mox::endOfTime;
             if (timer.timeMin_ <= tickTime)
                 due_.splice(due_.end(), taken, taken.begin());
             else
@@ -153,25 +153,22 @@ void TimerWheel::fire() {
 
 TimerWheel::NotifieeConst::~NotifieeConst() { timeMinIs(Mox::endOfTime); }
 
-TimerWheel& TimerWheel::NotifieeConst::wheel() const {
-    return const_cast<TimerWheel&>(static_cast<TimerWheel const&>(*rawNotifier()));
-}
-
 void TimerWheel::NotifieeConst::notifierIs(Mox::Ptr<TimerWheel const> const& wheel) {
     timeMinIs(Mox::endOfTime);
+    wheel_ = const_cast<TimerWheel*>(wheel.ptr());
     NotifieeOf::notifierIs(wheel);
 }
 
-void TimerWheel::NotifieeConst::timeMinIs(Seconds time) {
+void TimerWheel::NotifieeConst::file(Seconds time) {
     MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
     timeMin_ = time;
     if (time == Mox::endOfTime) {
         if (isLinked())
-            wheel().unfile(*this);
+            wheel_->unfile(*this);
         return;
     }
-    MOX_ASSERT_AS("notifier()", rawNotifier());
-    wheel().file(*this);
+    MOX_ASSERT_AS("notifier()", wheel_);
+    wheel_->file(*this);
 }
 
 void TimerWheel::NotifieeConst::handleNotification(Mox::U32 notification) {

@@ -70,7 +70,6 @@ class MOX_EXPORT TimerWheel : public Mox::PtrInterface {
 
     Mox::Seconds timeOf(Mox::S64 tick) const { return static_cast<Mox::Seconds>(tick) * tickSeconds_; }
     Mox::S64 tickNotBefore(Mox::Seconds time) const;
-    Mox::S64 tickNotAfter(Mox::Seconds time) const;
 
     void file(NotifieeConst& timer);
     void unfile(NotifieeConst& timer);
@@ -112,7 +111,12 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
     void notifierIs(Mox::Ptr<TimerWheel const> const& wheel);
 
     /// Requires: not a NaN; attached to a wheel, unless the time is endOfTime.
-    void timeMinIs(Mox::Seconds time);
+    void timeMinIs(Mox::Seconds time) {
+        if (time >= keptFrom_ && time < Mox::endOfTime)
+            timeMin_ = time;
+        else
+            file(time);
+    }
     Mox::Seconds timeMin() const { return timeMin_; }
 
     virtual void onTime() {}
@@ -123,9 +127,13 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
   private:
     friend class TimerWheel;
 
-    TimerWheel& wheel() const;
+    void file(Mox::Seconds time);
+
+    TimerWheel* wheel_ = nullptr; // the notifier, beside what a move touches
 
     Mox::Seconds timeMin_ = Mox::endOfTime;
+    /// From this time on a new one changes nothing in where the timer is filed.
+    Mox::Seconds keptFrom_ = Mox::endOfTime;
 };
 
 } // namespace Kel

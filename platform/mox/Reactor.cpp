@@ -85,7 +85,8 @@ void Reactor::relink() {
 
 constinit thread_local Walk* Walk::innermost_ = nullptr;
 
-void Walk::failed(std::exception_ptr thrown) noexcept {
+void Walk::failed() noexcept {
+    std::exception_ptr thrown = std::current_exception();
     if (current_)
         current_->onException(std::move(thrown));
     else

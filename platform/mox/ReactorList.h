@@ -11,6 +11,8 @@ namespace Mox {
 class MOX_EXPORT Walk {
   public:
     Walk(Reactor* first, Reactor* last) : next_(first), last_(last), outer_(innermost_) { innermost_ = this; }
+    /// Calls that one reactor, whatever list it is in.
+    explicit Walk(Reactor* only) : current_(only), outer_(innermost_) { innermost_ = this; }
     ~Walk() { innermost_ = outer_; }
     Walk(Walk const&) = delete;
     Walk& operator=(Walk const&) = delete;
@@ -22,11 +24,9 @@ class MOX_EXPORT Walk {
             next_ = current_ == last_ ? nullptr : current_->next_;
         return current_;
     }
-    /// Calls one reactor that is in no list (alarms are told one by one).
-    void calling(Reactor* reactor) { current_ = reactor; }
-
-    /// Hands what the current reactor threw to its handler, or to the trace when it is gone by now.
-    void failed(std::exception_ptr thrown) noexcept;
+    /// Hands the exception being handled to the current reactor's handler, or to the trace when the reactor
+    /// is gone by now.
+    void failed() noexcept;
 
     static void left(Reactor const* reactor) {
         if (innermost_) [[unlikely]]
@@ -42,8 +42,8 @@ class MOX_EXPORT Walk {
     static void repairAll(Reactor const* reactor);
     void repair(Reactor const* reactor);
 
-    Reactor* next_;
-    Reactor* last_;
+    Reactor* next_ = nullptr;
+    Reactor* last_ = nullptr;
     Reactor* current_ = nullptr;
     Walk* outer_;
 
@@ -59,6 +59,13 @@ class MOX_EXPORT ReactorChain {
     ~ReactorChain();
 
     bool empty() const { return !head_; }
+
+    /// Has the caches fetch the first reactor, if there is one, and what the application put behind it.
+    void prefetch() const {
+        __builtin_prefetch(head_);
+        __builtin_prefetch(reinterpret_cast<char const*>(head_) + sizeof(Reactor) / 2);
+        __builtin_prefetch(reinterpret_cast<char const*>(head_) + sizeof(Reactor));
+    }
 
   protected:
     Reactor* first() const { return head_; }
@@ -82,24 +89,35 @@ template <class R> class ReactorList : public ReactorChain {
   public:
     /// Calls `callback(notification)` on every reactor, in the order in which they came.
     template <U32 notification, class Derived = R> void notify() const {
-        if (empty())
+        Reactor* const reactor = first();
+        if (!reactor)
             return;
-        Walk walk(first(), last());
-        while (Reactor* reactor = walk.step())
-            tell<notification, Derived>(walk, reactor);
+        if (reactor == last()) // as with most notifiers: no place in a list to keep
+            tellOnly<notification, Derived>(reactor);
+        else
+            tellAll<notification, Derived>(reactor, last());
     }
 
     /// Calls one reactor that the notifier keeps track of in its own way.
-    template <U32 notification> static void notifyOne(R* reactor) {
-        Walk walk(nullptr, nullptr);
-        walk.calling(reactor);
-        tell<notification, R>(walk, reactor);
-    }
+    template <U32 notification> static void notifyOne(R* reactor) { tellOnly<notification, R>(reactor); }
 
   private:
-    template <U32 notification, class Derived> static void tell(Walk& walk, Reactor* reactor) {
+    template <U32 notification, class Derived> static void tellOnly(Reactor* reactor) {
         if (!reactor->notificationActive(notification))
             return;
+        Walk walk(reactor);
+        tell<notification, Derived>(walk, reactor);
+    }
+
+    template <U32 notification, class Derived>
+    [[gnu::noinline]] static void tellAll(Reactor* first, Reactor* last) {
+        Walk walk(first, last);
+        while (Reactor* reactor = walk.step())
+            if (reactor->notificationActive(notification))
+                tell<notification, Derived>(walk, reactor);
+    }
+
+    template <U32 notification, class Derived> static void tell(Walk& walk, Reactor* reactor) {
         constexpr auto callback = Derived::callback(notification);
         try {
             if constexpr (std::is_same_v<Derived, R>)
@@ -107,7 +125,7 @@ template <class R> class ReactorList : public ReactorChain {
             else if (Derived* derived = dynamic_cast<Derived*>(reactor))
                 (derived->*callback)();
         } catch (...) {
-            walk.failed(std::current_exception());
+            walk.failed();
         }
     }
 };

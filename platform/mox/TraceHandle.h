@@ -65,17 +65,25 @@ class MOX_EXPORT TraceHandle {
     std::shared_ptr<Sink const> sink_;
 };
 
+/// Formats a message and hands it to the sink. Never inlined: a function on a hot path whose level is off
+/// pays for the test alone, not for a frame that a text stream needs.
+template <class Write>
+[[gnu::noinline, gnu::cold]] void traceMessage(TraceHandle const& handle, U32 level, std::string_view source,
+                                               std::string_view function, Write const& write) {
+    std::ostringstream text;
+    write(text);
+    handle.record(level, source, function, text.str());
+}
+
 } // namespace Mox
 
 /// Writes a message, given as stream insertions ("Ran " << task), if the level of the handle is enabled;
 /// under the name of the operation that it is about, for helpers that do an operation's work.
 #define MOX_TRACE_OF(operation, traceHandle, traceLevel, message)                                            \
     do {                                                                                                     \
-        if ((traceHandle).levelEnabled(traceLevel)) [[unlikely]] {                                           \
-            std::ostringstream moxTraceText;                                                                 \
-            moxTraceText << message;                                                                         \
-            (traceHandle).record(traceLevel, MOX_SOURCE_NAME, operation, moxTraceText.str());                \
-        }                                                                                                    \
+        if ((traceHandle).levelEnabled(traceLevel)) [[unlikely]]                                             \
+            ::Mox::traceMessage(traceHandle, traceLevel, MOX_SOURCE_NAME, operation,                         \
+                                [&](std::ostream& moxTraceText) { moxTraceText << message; });               \
     } while (false)
 
 /// The same, under the name of the function it stands in.

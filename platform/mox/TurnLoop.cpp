@@ -131,6 +131,19 @@ TimerQueue& TurnLoop::queueOf(Ptr<Clock const> const& clock) {
 
 // Running
 
+inline U64 TurnLoop::turn() {
+    U64 calls = 0;
+    U64 const turn = ++turn_;
+    while (!immediate_.empty() && !stopped_ && immediate_.front().askedInTurn_ < turn) {
+        Wakeup& wakeup = immediate_.front();
+        immediate_.pop_front();
+        wakeup.onWakeup(); // may destroy the wakeup, and turn this loop
+        ++calls;
+    }
+    ++budgetTurns_;
+    return calls;
+}
+
 void TurnLoop::run(bool waitsWhenIdle) {
     Driving const driving(*this);
     while (!stopped_) {
@@ -161,24 +174,15 @@ U64 TurnLoop::runOnce() {
     return handlers + turn();
 }
 
-U64 TurnLoop::turn() {
-    U64 calls = 0;
-    batch_.splice(batch_.end(), immediate_);
-    while (!batch_.empty() && !stopped_) {
-        Wakeup& wakeup = batch_.front();
-        batch_.pop_front();
-        wakeup.onWakeup(); // may destroy the wakeup, and turn this loop
-        ++calls;
-    }
-    immediate_.splice(immediate_.begin(), batch_); // what a stop leaves is first at the next turn
-    ++budgetTurns_;
-    return calls;
-}
-
 void TurnLoop::runBudget() {
     serveTimers();
     pollDescriptors();
     runTurns();
+}
+
+inline bool TurnLoop::budgetSpent() const {
+    Nanoseconds const used = SteadyClock::latest() - budgetStart_;
+    return used >= budgetTime || used < Nanoseconds(0) || budgetTurns_ >= budgetTurnsMax;
 }
 
 void TurnLoop::runTurns() {
@@ -192,11 +196,6 @@ void TurnLoop::runTurns() {
     }
 }
 
-bool TurnLoop::budgetSpent() const {
-    Nanoseconds const used = SteadyClock::latest() - budgetStart_;
-    return used >= budgetTime || used < Nanoseconds(0) || budgetTurns_ >= budgetTurnsMax;
-}
-
 // Timers and descriptors
 
 void TurnLoop::serve(TimerQueue& queue) {
@@ -204,7 +203,7 @@ void TurnLoop::serve(TimerQueue& queue) {
         return;
     Seconds const now = queue.clock().now();
     while (Wakeup* const wakeup = queue.takeDue(now))
-        immediate_.push_back(*wakeup);
+        append(*wakeup);
 }
 
 void TurnLoop::serveTimers() {
@@ -289,7 +288,7 @@ bool TurnLoop::waitForDescriptors(bool waitsWhenIdle) {
 }
 
 Seconds TurnLoop::nextDue() const {
-    if (!immediate_.empty() || !batch_.empty())
+    if (!immediate_.empty())
         return 0.0;
     Seconds shortest = endOfTime;
     for (auto const& queue : queues_)

@@ -71,8 +71,12 @@ class MOX_EXPORT TurnLoop {
     explicit TurnLoop(std::unique_ptr<Io> io);
 
     void nextTurn(Wakeup& wakeup) {
-        immediate_.push_back(wakeup);
+        append(wakeup);
         pendingChanged();
+    }
+    void append(Wakeup& wakeup) {
+        wakeup.askedInTurn_ = turn_;
+        immediate_.push_back(wakeup);
     }
     /// An attached loop that is not running leaves the io_context something to go on with.
     void pendingChanged() {
@@ -100,8 +104,10 @@ class MOX_EXPORT TurnLoop {
     void pump();
     void armWait();
 
-    WakeupList immediate_; // the next turn
-    WakeupList batch_;     // the turn under way, shared with turns nested in it
+    // In the order in which they were asked for: first what is left of the turn under way, then what was
+    // asked for in it, which is the next turn's.
+    WakeupList immediate_;
+    U64 turn_ = 0; // turns begun; nested ones count
     bool stopped_ = false;
     bool const isAttached_;
     U32 driven_ = 0; // run functions under way

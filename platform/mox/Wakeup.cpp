@@ -22,7 +22,8 @@ TimerQueue& Wakeup::queue() {
 void Wakeup::atNextTurn() {
     if (turnHook_.is_linked())
         return;
-    cancel();
+    if (timerHook_.is_linked()) [[unlikely]]
+        cancel();
     loop_.nextTurn(*this);
 }
 

@@ -54,6 +54,7 @@ class MOX_EXPORT Wakeup {
     TurnHook turnHook_;
     TimerHook timerHook_;
     Seconds due_ = endOfTime;
+    U64 askedInTurn_ = 0; // the loop's turn in which the next one was asked for
 };
 
 } // namespace Mox

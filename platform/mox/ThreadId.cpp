@@ -1,0 +1,3 @@
+#include <mox/ThreadId.h>
+
+constinit thread_local char Mox::ThreadId::ownMark_ = 0;
