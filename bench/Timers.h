@@ -95,7 +95,7 @@ class BareTimers {
     std::vector<std::unique_ptr<Timer>> timers_;
 };
 
-constexpr int movesBefore = 7;
+constexpr int movesBefore = 15;
 
 /// Each timer, in random order, armed, moved to another random time, moved once more after several such moves
 /// (by then a wheel that moves lazily has most timers filed early enough), and cancelled.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mox/Prefetch.h>
 #include <mox/Ptr.h>
 #include <mox/ReactorList.h>
 #include <mox/String.h>
@@ -226,15 +227,15 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
 };
 
 inline void Task::prefetchHead(void const* link) {
-    auto const* const bytes = static_cast<char const*>(link);
-    __builtin_prefetch(bytes - 4 * sizeof(void*)); // where the task begins
-    __builtin_prefetch(bytes + sizeof(TaskRunQueueLink) + 2 * sizeof(void*)); // behind the reactors
+    constexpr std::ptrdiff_t pointer = sizeof(void*);
+    Mox::prefetch(link, -4 * pointer);                                           // where the task begins
+    Mox::prefetch(link, std::ptrdiff_t{sizeof(TaskRunQueueLink)} + 2 * pointer); // behind the reactors
 }
 
 inline void Task::prefetch() const {
-    __builtin_prefetch(&taskLastSchedulingLatency_);
-    __builtin_prefetch(&taskQuantumViolation200_);
-    __builtin_prefetch(record_.ptr());
+    Mox::prefetch(&taskLastSchedulingLatency_);
+    Mox::prefetch(&taskQuantumViolation200_);
+    Mox::prefetch(record_.ptr());
     reactors_.prefetch();
 }
 

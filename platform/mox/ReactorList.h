@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mox/Prefetch.h>
 #include <mox/Reactor.h>
 
 #include <type_traits>
@@ -62,9 +63,9 @@ class MOX_EXPORT ReactorChain {
 
     /// Has the caches fetch the first reactor, if there is one, and what the application put behind it.
     void prefetch() const {
-        __builtin_prefetch(head_);
-        __builtin_prefetch(reinterpret_cast<char const*>(head_) + sizeof(Reactor) / 2);
-        __builtin_prefetch(reinterpret_cast<char const*>(head_) + sizeof(Reactor));
+        Mox::prefetch(head_);
+        Mox::prefetch(head_, sizeof(Reactor) / 2);
+        Mox::prefetch(head_, sizeof(Reactor));
     }
 
   protected:
