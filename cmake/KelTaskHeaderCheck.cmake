@@ -1,9 +1,9 @@
 # header_check compiles every public header as a source of its own, so that none leans on what another file
 # happened to include before it.
-file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}"
-    "${PROJECT_SOURCE_DIR}/platform/mox/*.h" "${PROJECT_SOURCE_DIR}/platform/kel/*.h"
-    "${PROJECT_SOURCE_DIR}/task/*.h" "${PROJECT_SOURCE_DIR}/scheduler/*.h"
-    "${PROJECT_SOURCE_DIR}/group/*.h" "${PROJECT_SOURCE_DIR}/registry/*.h")
+get_property(folders GLOBAL PROPERTY KELTASK_HEADER_FOLDERS)
+list(TRANSFORM folders PREPEND "${PROJECT_SOURCE_DIR}/" OUTPUT_VARIABLE patterns)
+list(TRANSFORM patterns APPEND "/*.h")
+file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" ${patterns})
 
 set(sources)
 foreach(header IN LISTS headers)

@@ -4,7 +4,8 @@
 #   kel_objects    the object files, and what it takes to compile with the headers
 #   Kel            the library libKel, whose users see only what is marked for export
 #   kel_whitebox   the object files of this library and of all below it, for tests that see everything
-# ON names the library of ours below this one, LINKS what else its users need.
+# ON names the library of ours below this one, LINKS what else its users need. The global properties
+# KELTASK_LIBRARIES and KELTASK_HEADER_FOLDERS gather the libraries and the folders of all headers.
 function(keltask_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "ON" "FOLDERS;LINKS")
     string(TOLOWER "${name}" lower)
@@ -30,7 +31,10 @@ function(keltask_library name)
     set_target_properties(${name} PROPERTIES
         LINKER_LANGUAGE CXX
         VERSION ${PROJECT_VERSION}
-        SOVERSION ${PROJECT_VERSION_MAJOR})
+        SOVERSION ${PROJECT_VERSION_MAJOR}
+        INSTALL_RPATH "$ORIGIN") # the libraries lie together; a packager sets CMAKE_SKIP_INSTALL_RPATH
+    set_property(GLOBAL APPEND PROPERTY KELTASK_LIBRARIES ${name})
+    set_property(GLOBAL APPEND PROPERTY KELTASK_HEADER_FOLDERS ${arg_FOLDERS})
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
         target_link_options(${name} PRIVATE LINKER:--no-undefined)
     endif()
