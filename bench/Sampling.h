@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -53,7 +54,7 @@ inline double median(std::vector<double> values) { return quantile(std::move(val
 /// The numbers below n in a random order that is the same each time. What is allocated one after the other
 /// and used in that order as well flatters caches, and no program that lives long is like that.
 inline std::vector<std::uint32_t> shuffled(std::uint64_t n) {
-    std::vector<std::uint32_t> order(n);
+    std::vector<std::uint32_t> order(static_cast<std::size_t>(n));
     std::iota(order.begin(), order.end(), 0u);
     std::shuffle(order.begin(), order.end(), std::mt19937(1));
     return order;
@@ -112,13 +113,14 @@ template <class Ours, class Floor> Comparison alternate(int samples, Ours&& ours
         samples, [&] { return Sample<1>{ours()}; }, [&] { return Sample<1>{floor()}; })[0];
 }
 
-/// Medians of several contenders, sampled in turn. The first round warms up and is dropped.
+/// Medians of several contenders, sampled in turn. The first round warms up and is dropped. A contender that
+/// sits out a round gives NaN.
 inline std::vector<double> alternateAll(int samples, std::vector<std::function<double()>> const& contenders) {
     std::vector<std::vector<double>> figures(contenders.size());
     for (int i = 0; i <= samples; ++i) {
         for (std::size_t k = 0; k < contenders.size(); ++k) {
             double const figure = contenders[k]();
-            if (i > 0)
+            if (i > 0 && !std::isnan(figure))
                 figures[k].push_back(figure);
         }
     }

@@ -12,15 +12,20 @@
 
 namespace Bench {
 
-/// A root on an event loop, with n tasks that schedule themselves in every run.
+/// A root on an event loop, with n tasks that schedule themselves in every run: normal ones, or half high and
+/// half low.
 class TaskLoad {
   public:
-    explicit TaskLoad(std::uint64_t n, Mox::Ptr<Kel::EventLoop> const& loop = Kel::EventLoop::EventLoopIs())
+    explicit TaskLoad(std::uint64_t n, Mox::Ptr<Kel::EventLoop> const& loop = Kel::EventLoop::EventLoopIs(),
+                      bool twoPriorities = false)
         : loop_(loop), root_(Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("bench", loop)) {
         for (std::uint64_t i = 0; i < n; ++i) {
             reactors_.push_back(new Rescheduling(*this));
+            auto const priority = !twoPriorities ? Kel::TaskPriority::normal
+                                  : i % 2 == 0   ? Kel::TaskPriority::high
+                                                 : Kel::TaskPriority::low;
             reactors_.back()->notifierIs(
-                Kel::Task::TaskIs(root_, Kel::TaskPriority::normal, "task-" + std::to_string(i % 1000)));
+                Kel::Task::TaskIs(root_, priority, "task-" + std::to_string(i % 1000)));
         }
         for (std::uint32_t const i : shuffled(n))
             reactors_[i]->notifier()->scheduleTask();

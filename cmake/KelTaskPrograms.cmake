@@ -1,11 +1,14 @@
 # keltask_programs(LINKS <library>...)
 #
-# Makes a program of each source in this folder and of each sub-folder that holds sources, by its name.
+# Makes a program of each source in this folder and of each sub-folder that holds sources, by its name. A sub-folder
+# with a CMakeLists.txt looks after itself.
 function(keltask_programs)
     cmake_parse_arguments(PARSE_ARGV 0 arg "" "" "LINKS")
     file(GLOB entries CONFIGURE_DEPENDS *)
     foreach(entry IN LISTS entries)
-        if(IS_DIRECTORY "${entry}")
+        if(EXISTS "${entry}/CMakeLists.txt")
+            set(sources)
+        elseif(IS_DIRECTORY "${entry}")
             file(GLOB sources CONFIGURE_DEPENDS "${entry}/*.cpp")
         else()
             set(sources "${entry}")
