@@ -194,7 +194,7 @@ void rows(std::string const& name, Latencies const& ours, Latencies const& floor
 int main(int argc, char** argv) {
     Options const options(argc, argv);
     Bench::pinToCore(0);
-    unsigned const requests = options.quick ? 4'000 : 50'000;
+    unsigned const requests = options.quick ? 4'000 : 20'000;
     Latencies const floor = onPollingContext(requests);
     rows("I/O answered, own loop", onOwnLoop(requests), floor);
     rows("I/O answered, inside an io_context", insideIoContext(requests), floor);

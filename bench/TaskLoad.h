@@ -2,6 +2,7 @@
 
 #include <bench/Floor.h>
 
+#include <group/TaskGroup.h>
 #include <kel/EventLoop.h>
 #include <scheduler/TaskSchedulerEventLoop.h>
 
@@ -12,21 +13,33 @@
 
 namespace Bench {
 
-/// A root on an event loop, with n tasks that schedule themselves in every run: normal ones, or half high and
-/// half low.
+/// How a load departs from tasks of normal priority, in the root, with one reactor each.
+struct Shape {
+    bool twoPriorities = false; // half the tasks are high, half are low
+    unsigned reactors = 1;      // all but the first do nothing
+    unsigned groups = 0;        // the tasks are in the lowest of so many, one in the other
+};
+
+/// A root on an event loop, with n tasks that schedule themselves in every run.
 class TaskLoad {
   public:
     explicit TaskLoad(std::uint64_t n, Mox::Ptr<Kel::EventLoop> const& loop = Kel::EventLoop::EventLoopIs(),
-                      bool twoPriorities = false)
+                      Shape const& shape = {})
         : loop_(loop), root_(Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("bench", loop)) {
+        auto const scheduler = lowestGroup(shape.groups);
         for (std::uint64_t i = 0; i < n; ++i) {
             reactors_.push_back(new Rescheduling(*this));
-            auto const priority = !twoPriorities ? Kel::TaskPriority::normal
-                                  : i % 2 == 0   ? Kel::TaskPriority::high
-                                                 : Kel::TaskPriority::low;
+            auto const priority = !shape.twoPriorities ? Kel::TaskPriority::normal
+                                  : i % 2 == 0         ? Kel::TaskPriority::high
+                                                       : Kel::TaskPriority::low;
             reactors_.back()->notifierIs(
-                Kel::Task::TaskIs(root_, priority, "task-" + std::to_string(i % 1000)));
+                Kel::Task::TaskIs(scheduler, priority, "task-" + std::to_string(i % 1000)));
         }
+        for (unsigned i = 1; i < shape.reactors; ++i)
+            for (std::uint64_t k = 0; k < n; ++k) {
+                others_.push_back(new Kel::Task::Notifiee);
+                others_.back()->notifierIs(reactors_[k]->notifier());
+            }
         for (std::uint32_t const i : shuffled(n))
             reactors_[i]->notifier()->scheduleTask();
     }
@@ -49,6 +62,17 @@ class TaskLoad {
         TaskLoad& load_;
     };
 
+    /// The lowest of so many groups, one in the other; or the root.
+    Mox::Ptr<Kel::TaskScheduler> lowestGroup(unsigned levels) {
+        Mox::Ptr<Kel::TaskScheduler> scheduler = root_;
+        for (; levels > 0; --levels) {
+            groups_.push_back(
+                Kel::TaskGroup::TaskGroupIs("group", Kel::TaskPriority::normal, false, scheduler));
+            scheduler = groups_.back();
+        }
+        return scheduler;
+    }
+
     void ran() {
         if (--left_ == 0)
             loop_->stop();
@@ -57,7 +81,9 @@ class TaskLoad {
     Mox::Ptr<Kel::EventLoop> const loop_;
     Mox::Ptr<Kel::TaskSchedulerEventLoop> const root_;
     std::uint64_t left_ = 0;
+    std::vector<Mox::Ptr<Kel::TaskGroup>> groups_;
     std::vector<Mox::Ptr<Rescheduling>> reactors_; // the tasks go with them
+    std::vector<Mox::Ptr<Kel::Task::Notifiee>> others_;
 };
 
 /// The same load on the floor.

@@ -40,7 +40,7 @@ std::function<double()> runsOf(std::shared_ptr<Bench::Items> const& items) {
 }
 
 void sameWork(Options const& options, char const* name, std::uint64_t n, bool requeued) {
-    Bench::TaskLoad ours(n, Kel::EventLoop::EventLoopIs(), true);
+    Bench::TaskLoad ours(n, Kel::EventLoop::EventLoopIs(), {.twoPriorities = true});
     Bench::FloorLoad<> floor(n);
     Contenders contenders{runsOf(ours), runsOf(floor)};
     std::vector<std::string> names;
