@@ -1,0 +1,115 @@
+#define MOX_SOURCE_NAME "PeriodicTask"
+#include <adapt/PeriodicTask.h>
+
+#include <mox/Exception.h>
+#include <mox/Type.h>
+#include <scheduler/TaskScheduler.h>
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace Kel {
+
+using Mox::Seconds;
+using Mox::U64;
+
+namespace {
+
+void requireSeconds(char const* what, Seconds seconds, Seconds least) {
+    if (!std::isfinite(seconds) || seconds < least)
+        throw Mox::RangeException(std::string(what) + " of a periodic task: " + Mox::valueToStrep(seconds) +
+                                  " s is not a finite time of at least " + Mox::valueToStrep(least) + " s");
+}
+
+} // namespace
+
+MOX_DEFINE_TYPE(PeriodicTask, "Kel::PeriodicTask", &Mox::PtrInterface::type())
+
+Mox::Ptr<PeriodicTask> PeriodicTask::PeriodicTaskIs(Mox::Ptr<TaskScheduler> const& scheduler,
+                                                    TaskPriority priority, Mox::String8 const& name,
+                                                    Seconds period, Function function) {
+    requireSeconds("The period", period, periodMin);
+    Mox::Ptr<PeriodicTask> periodic =
+        new PeriodicTask(TimerTask::TimerTaskIs(scheduler, priority, name), period, std::move(function));
+    periodic->hasNotificationActiveIs(true);
+    return periodic;
+}
+
+PeriodicTask::PeriodicTask(Mox::Ptr<TimerTask> task, Seconds period, Function function)
+    : task_(std::move(task)), period_(period), repetition_(onTaskRun(task_, [this] { handleRun(); })),
+      work_(function ? onTaskRun(task_, std::move(function)) : nullptr) {}
+
+PeriodicTask::~PeriodicTask() { stop(); }
+
+void PeriodicTask::start() { startAt(Mox::now(), 1); }
+
+void PeriodicTask::start(Seconds delay) {
+    requireSeconds("The delay", delay, 0.0);
+    startAt(Mox::now() + delay, 0);
+}
+
+void PeriodicTask::startAt(Seconds origin, U64 next) {
+    origin_ = origin;
+    next_ = next;
+    started_ = true;
+    arm();
+}
+
+void PeriodicTask::stop() {
+    if (std::exchange(started_, false))
+        task_->stopTimerTask();
+}
+
+void PeriodicTask::periodIs(Seconds period) {
+    requireSeconds("The period", period, periodMin);
+    if (started_)
+        rebase(Mox::now());
+    period_ = period;
+    if (!started_)
+        return;
+    if (next_ > 0)
+        next_ = firstAfter(Mox::now());
+    arm();
+}
+
+void PeriodicTask::rebase(Seconds now) {
+    bool const fromNext = skipMissed(now) || next_ == 0;
+    origin_ = dueTime(fromNext ? next_ : next_ - 1);
+    next_ = fromNext ? 0 : 1;
+}
+
+U64 PeriodicTask::firstAfter(Seconds now) const {
+    auto index = static_cast<U64>(std::max(0.0, std::floor((now - origin_) / period_)));
+    while (dueTime(index) <= now)
+        ++index;
+    return std::max(index, next_);
+}
+
+bool PeriodicTask::skipMissed(Seconds now) {
+    if (now < dueTime(next_))
+        return false;
+    U64 const latest = firstAfter(now) - 1;
+    missed_ += latest - next_;
+    next_ = latest;
+    return true;
+}
+
+void PeriodicTask::handleRun() {
+    if (!started_)
+        return;
+    if (skipMissed(Mox::now()))
+        ++next_;
+    arm();
+}
+
+void PeriodicTask::arm() {
+    Seconds const now = Mox::now();
+    Seconds const due = dueTime(next_);
+    Seconds delay = std::max(0.0, due - now);
+    if (now + delay < due) // by rounding, which must not make the run come early
+        delay = std::nextafter(delay, Mox::endOfTime);
+    task_->scheduleTaskDelay(delay);
+}
+
+} // namespace Kel
