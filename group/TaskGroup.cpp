@@ -64,6 +64,8 @@ void TaskGroup::hasNotificationActiveIs(bool active) {
     TaskScheduler::hasNotificationActiveIs(active);
     if (parentTask_)
         parentTask_->hasNotificationActiveIs(active);
+    if (active && schedulerHasRunnableTasks() && canBeRequested())
+        requestSchedulerRun(); // a run of the parent task that came meanwhile was spent
 }
 
 void TaskGroup::moxDoZombieReactors(bool zombie) {
@@ -115,7 +117,7 @@ void TaskGroup::mox_handleTaskGroupQuantum() {
 // Registration and running
 
 void TaskGroup::taskRegister(Task* task) {
-    if (enforceTaskGroupPriority_ && !makesOwnTask())
+    if (task && enforceTaskGroupPriority_ && !makesOwnTask())
         MOX_ASSERT_AS("task->taskPriority() == taskGroupPriority()",
                       task->taskPriority() == taskGroupPriority());
     TaskScheduler::taskRegister(task);
@@ -126,6 +128,11 @@ void TaskGroup::requestSchedulerRun() {
     MOX_ASSERT_AS("__null != parentTask_", task || loops_ > 0);
     if (task)
         task->scheduleTask();
+}
+
+bool TaskGroup::canBeRequested() const {
+    Mox::Ptr<TaskGroupParentTask> const task = attachedTask();
+    return loops_ > 0 || (task && task->taskScheduler());
 }
 
 void TaskGroup::mox_handleParentTask_taskRun() {
@@ -142,8 +149,9 @@ void TaskGroup::mox_handleParentTask_taskRun() {
 
 void TaskGroup::runPasses() {
     while (schedulerHasRunnableTasks() && !quantumIsUsed()) {
+        bool const ignored = root()->suspended();
         handleSchedulerRun();
-        if (root()->suspended())
+        if (ignored)
             return;
     }
 }

@@ -13,7 +13,9 @@ namespace Kel {
 ///
 /// When the parent task runs, the group runs passes until nothing is runnable or its quantum is used; what is
 /// left waits for the parent task's next run. Each burst of work ends with one run of the parent task that
-/// finds nothing to do. While the root is suspended the group ends its loop after one ignored pass.
+/// finds nothing to do. While the root is suspended the group ends its loop after one ignored pass. The
+/// quantum is looked at before each pass, the first one included: one that is shorter than it takes to get
+/// there (well below a microsecond) never lets a pass run.
 ///
 /// Thread rule: that of the tree. Lifetime: counted; its tasks hold it and it holds its parent scheduler. It
 /// may be released at any moment, from inside one of its own tasks too; parent tasks that name it are told.
@@ -72,6 +74,7 @@ class MOX_EXPORT TaskGroup : public TaskScheduler {
     void mox_handleThis();
     void runPasses();
     bool quantumIsUsed() const;
+    bool canBeRequested() const;
     Mox::Ptr<TaskGroupParentTask> attachedTask() const;
 
     // Fixed at construction

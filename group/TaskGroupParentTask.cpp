@@ -47,7 +47,7 @@ void TaskGroupParentTask::taskGroupIs(TaskGroup* taskGroup) {
 
 void TaskGroupParentTask::resetStats() {
     Task::resetStats();
-    if (taskGroup_)
+    if (taskGroup_ && taskGroup_->canBeRequested()) // a detached group has nobody to run its reset
         taskGroup_->resetStats();
 }
 

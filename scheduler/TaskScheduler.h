@@ -248,9 +248,16 @@ class MOX_EXPORT TaskScheduler::MoxResetStatsTask : public Task::Notifiee {
     /// The scheduler is told until null is given.
     void taskSchedulerIs(TaskScheduler* scheduler) { scheduler_ = scheduler; }
     void onTaskRun() override;
+    ~MoxResetStatsTask() override;
 
   private:
+    friend class TaskScheduler;
+    void ownTaskIs(Task* task);
+    /// Orphans the scheduler's own task when the reactor loses it.
+    void handleNotifier() override;
+
     TaskScheduler* scheduler_ = nullptr;
+    Task* ownTask_ = nullptr; // which the scheduler made for itself, and the reactor holds
 };
 
 /// The scheduler's name and ":", as trace lines begin.

@@ -26,8 +26,8 @@ template <class Map, class Key, class Value> bool setTo(Map& map, Key const& key
     return true;
 }
 
-/// Adds to an entry, made when there is none. Returns where it stands, and whether that changed anything.
-template <class Map, class Key> std::pair<U32&, bool> add(Map& map, Key const& key, U32 count) {
+/// Adds to an entry, made when there is none. Returns the sum, and whether that changed anything.
+template <class Map, class Key> std::pair<U32, bool> add(Map& map, Key const& key, U32 count) {
     if (U32* const there = map.find(key)) {
         *there += count;
         return {*there, count != 0};
@@ -171,8 +171,9 @@ void TaskScheduler::newDeadTaskStats(Mox::String8 const& name, TaskStat const& s
 TaskStat TaskScheduler::deadTaskStatsInc(Mox::String8 const& name, TaskStat const& stat) {
     if (TaskStat* const there = deadTaskStats_.find(name))
         return *there += stat;
-    newDeadTaskStats(name, TaskStat() + stat);
-    return *deadTaskStats_.find(name);
+    TaskStat const merged = TaskStat() + stat;
+    newDeadTaskStats(name, merged);
+    return merged;
 }
 
 void TaskScheduler::deadTaskStatsIs(Mox::String8 const& name, TaskStat const& stat) {

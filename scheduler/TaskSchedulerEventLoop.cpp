@@ -97,7 +97,13 @@ void TaskSchedulerEventLoop::moxDoZombieReactors(bool zombie) {
     TaskSchedulerRoot::moxDoZombieReactors(zombie);
 }
 
-void TaskSchedulerEventLoop::clockIs(Mox::Ptr<TimerEvent> const& event) { clockOn(clock_, this, event); }
+void TaskSchedulerEventLoop::clockIs(Mox::Ptr<TimerEvent> const& event) {
+    if (clock_ && clock_->rawEvent() == event)
+        return;
+    clockOn(clock_, this, event);
+    if (schedulerHasRunnableTasks())
+        requestSchedulerRun(); // the former event took the request along
+}
 
 void TaskSchedulerEventLoop::clockDel() { dropClock(clock_); }
 

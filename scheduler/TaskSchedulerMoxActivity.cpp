@@ -71,7 +71,11 @@ void TaskSchedulerMoxActivity::clockIs(Mox::Ptr<Mox::Clock const> const& clock) 
         clock_->moxFwkActivityIs(moxFwkActivity());
         clock_->taskSchedulerMoxActivityIs(this);
     }
+    if (clock_->notifier() == clock)
+        return;
     clock_->notifierIs(clock);
+    if (clock && schedulerHasRunnableTasks())
+        requestSchedulerRun(); // the former clock took the request along
 }
 
 void TaskSchedulerMoxActivity::clockDel() {
@@ -81,7 +85,10 @@ void TaskSchedulerMoxActivity::clockDel() {
     }
 }
 
-void TaskSchedulerMoxActivity::requestSchedulerRun() { clock_->timeMinIs(0.0); }
+void TaskSchedulerMoxActivity::requestSchedulerRun() {
+    if (clock_)
+        clock_->timeMinIs(0.0);
+}
 
 void TaskSchedulerMoxActivity::MoxClock::onTime() {
     if (root_)

@@ -137,9 +137,16 @@ class MOX_EXPORT TaskSchedulerRoot::MoxTrimHistoryTask : public TimerTask::Notif
     /// The task, made when there is none.
     Mox::Ptr<TimerTask> trimHistoryTaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
                                           Mox::String8 const& name);
+    ~MoxTrimHistoryTask() override;
 
   private:
+    friend class TaskSchedulerRoot;
+    void ownTaskIs(TimerTask* task);
+    /// Orphans the root's own task when the reactor loses it.
+    void handleNotifier() override;
+
     TaskSchedulerRoot* root_ = nullptr;
+    TimerTask* ownTask_ = nullptr; // which the root made for itself, and the reactor holds
 };
 
 MOX_EXPORT Mox::Ptr<TaskSchedulerRoot> taskSchedulerRootFactory(Mox::String8 const& name);

@@ -67,12 +67,13 @@ void TaskSchedulerRoot::trimHistoryTaskSchedule() {
 
 Mox::Ptr<TimerTask> TaskSchedulerRoot::newTrimHistoryTask(Mox::Ptr<TaskScheduler> const& scheduler,
                                                           TaskPriority priority, Mox::String8 const& name) {
+    TaskSchedulerRoot::trimHistoryTaskDel();
     Mox::Ptr<MoxTrimHistoryTask> const reactor = new MoxTrimHistoryTask;
     reactor->moxFwkActivityIs(moxFwkActivity());
     reactor->taskSchedulerRootIs(this);
     Mox::Ptr<TimerTask> const task = reactor->newTrimHistoryTask(scheduler, priority, name);
     if (scheduler == this)
-        task->ownedBySchedulerIs(); // nobody owns himself
+        reactor->ownTaskIs(task.ptr());
     trimHistoryTask_ = reactor;
     return task;
 }
@@ -95,9 +96,19 @@ Mox::Ptr<TimerTask> TaskSchedulerRoot::trimHistoryTaskDel() {
     reactor->moxDoZombieReactors(true);
     reactor->taskSchedulerRootIs(nullptr);
     reactor->notifierIs(nullptr);
-    if (task && task->scheduler() == this)
-        task->orphan();
     return task;
+}
+
+TaskSchedulerRoot::MoxTrimHistoryTask::~MoxTrimHistoryTask() { notifierIs(nullptr); }
+
+void TaskSchedulerRoot::MoxTrimHistoryTask::ownTaskIs(TimerTask* task) {
+    ownTask_ = task;
+    ownTask_->ownedBySchedulerIs(); // nobody owns himself
+}
+
+void TaskSchedulerRoot::MoxTrimHistoryTask::handleNotifier() {
+    if (ownTask_ && ownTask_ != rawNotifier())
+        std::exchange(ownTask_, nullptr)->orphan();
 }
 
 void TaskSchedulerRoot::handleTrimHistoryTaskRun() {

@@ -111,17 +111,18 @@ Mox::Ptr<Task> TaskScheduler::resetStatsTaskIs(Mox::Ptr<TaskScheduler> const& sc
 
 Mox::Ptr<Task> TaskScheduler::newResetStatsTask(Mox::Ptr<TaskScheduler> const& scheduler,
                                                 TaskPriority priority, Mox::String8 const& name) {
+    TaskScheduler::resetStatsTaskDel();
     Mox::Ptr<Task> task;
     {
         MakingOwnTask const making(makesOwnTask_);
         task = Task::TaskIs(scheduler, priority, name);
     }
-    if (scheduler == this)
-        task->ownedBySchedulerIs(); // nobody owns himself
     Mox::Ptr<MoxResetStatsTask> const reactor = new MoxResetStatsTask;
     reactor->moxFwkActivityIs(moxFwkActivity_);
     reactor->taskSchedulerIs(this);
     reactor->notifierIs(task);
+    if (scheduler == this)
+        reactor->ownTaskIs(task.ptr());
     resetStatsTask_ = reactor;
     return task;
 }
@@ -134,9 +135,19 @@ Mox::Ptr<Task> TaskScheduler::resetStatsTaskDel() {
     reactor->moxDoZombieReactors(true);
     reactor->taskSchedulerIs(nullptr);
     reactor->notifierIs(nullptr);
-    if (task && task->scheduler() == this)
-        task->orphan();
     return task;
+}
+
+TaskScheduler::MoxResetStatsTask::~MoxResetStatsTask() { notifierIs(nullptr); }
+
+void TaskScheduler::MoxResetStatsTask::ownTaskIs(Task* task) {
+    ownTask_ = task;
+    ownTask_->ownedBySchedulerIs(); // nobody owns himself
+}
+
+void TaskScheduler::MoxResetStatsTask::handleNotifier() {
+    if (ownTask_ && ownTask_ != rawNotifier())
+        std::exchange(ownTask_, nullptr)->orphan();
 }
 
 void TaskScheduler::resetStatsTaskBookmarkIs(TaskKey const& key) { resetStatsTaskBookmark_ = key; }

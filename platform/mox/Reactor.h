@@ -109,7 +109,10 @@ template <class X, class Base = Reactor> class NotifieeOf : public Base {
         this->attach(notifier, notifier ? notifier->moxReactors() : nullptr);
         this->handleNotifier();
     }
-    Ptr<X const> notifier() const {
+    Ptr<X const> notifier() const { return typedNotifier(); }
+
+  protected:
+    X const* typedNotifier() const {
         if constexpr (std::is_same_v<Base, Reactor>)
             return static_cast<X const*>(this->rawNotifier());
         else // attached through the base's notifierIs, it may react to a plain base
@@ -120,7 +123,7 @@ template <class X, class Base = Reactor> class NotifieeOf : public Base {
 /// Adds the non-const view of the notifier; Const is the type's NotifieeConst.
 template <class X, class Const> class NonConstNotifieeOf : public Const {
   public:
-    Ptr<X> notifier() const { return const_cast<X*>(Const::notifier().ptr()); }
+    Ptr<X> notifier() const { return const_cast<X*>(this->typedNotifier()); }
 };
 
 } // namespace Mox

@@ -72,6 +72,12 @@ struct Stage {
         while (turn() > 0) {
         }
     }
+    void moveRoot() {
+        if (auto const onLoop = dynamic_cast<Kel::TaskSchedulerEventLoop*>(root.ptr()))
+            onLoop->clockIs(Kel::TimerEvent::TimerEventIs(loop));
+        else
+            dynamic_cast<Kel::TaskSchedulerMoxActivity&>(*root).clockIs(Mox::VirtualClock::VirtualClockIs());
+    }
     Seconds nextDue() const { return loop ? loop->nextDue() : timers.manager->nextDue(); }
     Mox::TurnLoop& turnLoop() const { return loop ? loop->turnLoop() : timers.manager->turnLoop(); }
 
@@ -200,11 +206,28 @@ TEST_P(BehaviourSuite, MayBeSuspendedInsideATask) {
     timers.clock->nowInc(1.0);
     turnUntilIdle();
     EXPECT_EQ("first", takeOrder());
-    EXPECT_EQ(1u, events("RunIgnoredWhileSuspended").size());
+    EXPECT_EQ(GetParam().isGroup ? 2u : 1u, events("RunIgnoredWhileSuspended").size());
     EXPECT_EQ(3u, scheduler->runnableTaskCount(TaskPriority::normal)) << "the timer has queued its task";
     root->suspendedIs(false);
     turnUntilIdle();
     EXPECT_EQ("n1 n2 timer", takeOrder());
+}
+
+TEST_P(BehaviourSuite, SwitchedOnAgainRunsWhatCameDueMeanwhile) {
+    scheduler->hasNotificationActiveIs(false);
+    schedule("n");
+    turnUntilIdle();
+    EXPECT_EQ("", takeOrder());
+    scheduler->hasNotificationActiveIs(true);
+    turnUntilIdle();
+    EXPECT_EQ("n", takeOrder());
+}
+
+TEST_P(BehaviourSuite, RootThatIsMovedToAnotherClockKeepsItsRequest) {
+    schedule("n");
+    moveRoot();
+    turnUntilIdle();
+    EXPECT_EQ("n", takeOrder());
 }
 
 TEST_P(BehaviourSuite, TimerTasksRunAtTheFirstTickNotBeforeTheirTime) {

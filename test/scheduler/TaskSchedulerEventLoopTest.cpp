@@ -183,15 +183,4 @@ TEST_F(TaskSchedulerEventLoopTest, TracesItsMakingAndNeedsALoop) {
                  HasSubstr("__null != evLoop_"));
 }
 
-TEST_F(TaskSchedulerEventLoopTest, SwitchedOnAgainRunsWhatCameDueMeanwhile) {
-    auto const t = task();
-    t->scheduleTask();
-    root->hasNotificationActiveIs(false);
-    loop->runOnce();
-    EXPECT_EQ(0u, t->taskRun());
-    root->hasNotificationActiveIs(true);
-    loop->runOnce();
-    EXPECT_EQ(1u, t->taskRun());
-}
-
 } // namespace

@@ -254,6 +254,16 @@ TEST_F(TaskSchedulerStatsTest, ClockThatGoesBackDuringAPassEndsTheProcess) {
     EXPECT_DEATH(root->runUntilIdle(), HasSubstr("now >= taskLastRunTimeStamp_"));
 }
 
+TEST_F(TaskSchedulerStatsTest, ResetTaskIsOrphanedWhenItIsReplacedOrLost) {
+    root->resetStats();
+    Ptr<Task> const first = root->resetStatsTask()->notifier();
+    Ptr<Task> const second = root->newResetStatsTask(root, TaskPriority::normal, "again");
+    EXPECT_EQ(nullptr, first->taskScheduler());
+    EXPECT_EQ(root, second->taskScheduler());
+    root->resetStatsTask()->notifierIs(nullptr);
+    EXPECT_EQ(nullptr, second->taskScheduler());
+}
+
 TEST_F(TaskSchedulerStatsTest, ResetTaskIsOrphanedWhenItsSchedulerDropsIt) {
     auto const name = root->nameRecord();
     EXPECT_EQ(nullptr, root->resetStatsTaskDel());
