@@ -1,0 +1,190 @@
+#define MOX_SOURCE_NAME "Export"
+#include <export/ChromeTrace.h>
+
+#include <export/HistoryLanes.h>
+#include <export/HistoryQueueLength.h>
+#include <export/HistoryRuns.h>
+#include <export/OutputText.h>
+#include <mox/Assert.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace Kel {
+
+namespace {
+
+using EventType = TaskSchedulerEventType;
+using Event = TaskSchedulerHistory::Event;
+
+/// Microseconds with three decimals: no nanosecond is lost, as it would be in a double.
+struct Microseconds {
+    TaskTimeDuration time;
+};
+
+} // namespace
+
+} // namespace Kel
+
+template <> struct fmt::formatter<Kel::Microseconds> {
+    constexpr auto parse(format_parse_context& context) { return context.begin(); }
+    template <class Context> auto format(Kel::Microseconds const& value, Context& context) const {
+        Mox::S64 const count = value.time.count();
+        Mox::U64 const size = count < 0 ? 0 - static_cast<Mox::U64>(count) : static_cast<Mox::U64>(count);
+        return fmt::format_to(context.out(), "{}{}.{:03}", count < 0 ? "-" : "", size / 1000, size % 1000);
+    }
+};
+
+namespace Kel {
+
+namespace {
+
+/// What an instant says of an event; null for events that are shown otherwise or not at all.
+char const* instantName(EventType type) {
+    switch (type) {
+    case EventType::timerStart: return "timer started";
+    case EventType::timerStop: return "timer stopped";
+    case EventType::suspendOn: return "suspended";
+    case EventType::suspendOff: return "resumed";
+    case EventType::scheduleSus: return "scheduled while suspended";
+    case EventType::frcYieldOn: return "forced to yield";
+    case EventType::frcYieldOff: return "no longer forced to yield";
+    case EventType::schedulerSuspended: return "scheduler suspended";
+    case EventType::schedulerUnsuspended: return "scheduler resumed";
+    case EventType::schedulerRunIgnoredWhileSuspended: return "run ignored while suspended";
+    default: return nullptr;
+    }
+}
+
+/// A run against its task's quantum.
+class Percentage {
+  public:
+    Percentage(HistoryRun const& run, Task const* task)
+        : length_(Mox::toSeconds(elapsed(run.start, run.end))),
+          quantum_(task ? task->taskQuantum() : Task::taskQuantumDefault) {}
+
+    /// A task that is forced to yield has none.
+    bool exists() const { return quantum_ > 0; }
+    /// Requires: it exists.
+    double value() const { return length_ / quantum_ * 100; }
+    /// 500, 200, or 0 for no violation.
+    int limitReached() const { return length_ >= 5 * quantum_ ? 500 : length_ >= 2 * quantum_ ? 200 : 0; }
+
+  private:
+    Mox::Seconds length_;
+    Mox::Seconds quantum_;
+};
+
+class ChromeTrace {
+  public:
+    explicit ChromeTrace(TaskSchedulerRoot const& root)
+        : root_(root), lanes_(root), now_(Mox::SteadyClock::now()) {
+        if (!root.history().empty())
+            begin_ = std::prev(root.history().end())->timeStamp();
+    }
+
+    std::string text() {
+        writeNames();
+        for (HistoryRun const& run : historyRuns(root_.history(), now_))
+            writeRun(run);
+        for (Event const& event : oldestFirst(root_.history()))
+            writeInstant(event);
+        writeQueueLengths();
+        return "{\"traceEvents\":[" + text_ + "\n],\"displayTimeUnit\":\"ns\"}\n";
+    }
+
+  private:
+    Microseconds time(TaskTimeStamp const& stamp) const { return {elapsed(begin_, stamp)}; }
+
+    /// Appends an event of that phase; the arguments of the format are its further members.
+    template <class... Members>
+    void event(char phase, fmt::format_string<Members...> format, Members&&... members) {
+        fmt::format_to(std::back_inserter(text_), "{}\n{{\"ph\":\"{}\",\"pid\":1,", text_.empty() ? "" : ",",
+                       phase);
+        fmt::format_to(std::back_inserter(text_), format, std::forward<Members>(members)...);
+        text_ += '}';
+    }
+
+    void writeNames() {
+        event('M', R"("name":"process_name","args":{{"name":{}}})", jsonString(root_.schedulerName()));
+        for (auto const& [key, lane] : lanes_.lanes()) {
+            event('M', R"("tid":{},"name":"thread_name","args":{{"name":{}}})", lane.number,
+                  jsonString(laneName(key)));
+            event('M', R"("tid":{0},"name":"thread_sort_index","args":{{"sort_index":{0}}})", lane.number);
+        }
+    }
+    static std::string laneName(HistoryLanes::Key const& key) {
+        return fmt::format("{} {}", std::get<1>(key), std::get<2>(key).toStrep());
+    }
+
+    void writeRun(HistoryRun const& run) {
+        HistoryTask const& task = lanes_.task(*run.task);
+        Percentage const percentage(run, task.task);
+        TaskTimeDuration const length = std::max(elapsed(run.start, run.end), TaskTimeDuration(0));
+        std::string arguments;
+        auto const argument = [&](auto format, auto const& value) {
+            fmt::format_to(std::back_inserter(arguments), "{}", arguments.empty() ? "" : ",");
+            fmt::format_to(std::back_inserter(arguments), format, value);
+        };
+        if (run.latency)
+            argument(FMT_STRING("\"latency_us\":{}"), Microseconds{*run.latency});
+        if (run.isWhole() && percentage.exists())
+            argument(FMT_STRING("\"quantum_percent\":{:.1f}"), percentage.value());
+        if (run.isWhole() && !task.task)
+            argument(FMT_STRING("\"about\":{}"), true);
+        if (!run.isWhole())
+            argument(FMT_STRING("\"cut\":\"{}\""), run.startIsKnown ? "end" : "beginning");
+        event('X', R"("tid":{},"ts":{},"dur":{},"cat":"run","name":{},"args":{{{}}})", task.lane->number,
+              time(run.start), Microseconds{length}, task.name, arguments);
+        if (int const limit = percentage.limitReached(); limit != 0 && run.isWhole())
+            writeTaskInstant(*run.task, run.end,
+                             fmt::format(FMT_STRING("{}{}% violation"), task.task ? "" : "about ", limit));
+    }
+
+    void writeInstant(Event const& event) {
+        char const* const name = instantName(event.eventType());
+        if (!name)
+            return;
+        if (event.task())
+            return writeTaskInstant(*event.task(), event.timeStamp(), name);
+        this->event('i', R"("s":"p","tid":1,"ts":{},"cat":"scheduler","name":"{}")", time(event.timeStamp()),
+                    name);
+    }
+
+    void writeTaskInstant(TaskRecord const& record, TaskTimeStamp const& stamp, std::string_view name) {
+        HistoryTask const& task = lanes_.task(record);
+        event('i', R"("s":"t","tid":{},"ts":{},"cat":"task","name":"{}","args":{{"task":{}}})",
+              task.lane->number, time(stamp), name, task.name);
+    }
+
+    void writeQueueLengths() {
+        std::map<HistoryLane const*, HistoryQueueLength> lengths;
+        for (Event const& event : oldestFirst(root_.history()))
+            if (event.task())
+                lengths[lanes_.task(*event.task()).lane].add(event);
+        for (auto const& [key, lane] : lanes_.lanes()) {
+            std::string const name = jsonString("run queue of " + laneName(key));
+            for (auto const& point : lengths[&lane].finish(begin_, now_, lane.runnableTasks))
+                event('C', R"("tid":{},"ts":{},"name":{},"args":{{"tasks":{}}})", lane.number, time(point.at),
+                      name, point.length);
+        }
+    }
+
+    TaskSchedulerRoot const& root_;
+    HistoryLanes const lanes_;
+    TaskTimeStamp const now_;
+    TaskTimeStamp begin_ = now_;
+    std::string text_;
+};
+
+} // namespace
+
+void writeChromeTrace(Mox::Ptr<TaskSchedulerRoot const> const& root, std::ostream& sink) {
+    MOX_ASSERT(root);
+    root->sanityCheckCurrentRunningThread();
+    writeWhole(sink, ChromeTrace(*root).text());
+}
+
+} // namespace Kel

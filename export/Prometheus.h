@@ -1,0 +1,33 @@
+#pragma once
+
+#include <mox/Export.h>
+#include <mox/Ptr.h>
+#include <scheduler/TaskSchedulerRoot.h>
+
+#include <iosfwd>
+
+namespace Kel {
+
+/// The task names that writePrometheus() tells apart, unless told otherwise.
+constexpr std::size_t prometheusTaskNamesMax = 200;
+
+/// Writes what the schedulers of a tree measured, in Prometheus' text format, version 0.0.4.
+///
+/// Tasks of one name, scheduler and priority are one series, the dead among them, so that its counters go on
+/// when a task dies. `taskNamesMax` such names are told apart, over all schedulers: those with the most run
+/// time. The others, and any of that name, are summed under the name "other", for each scheduler and
+/// priority. A name that comes in or falls out looks like a counter's reset. So does resetStats().
+///
+/// Latencies are not summed: of several tasks the greatest counts. The last latency is that of the living.
+/// Bytes that are not UTF-8 become U+FFFD.
+///
+/// Every task is visited: with a million of them that takes a while.
+///
+/// Thread rule: that of the tree. Nothing of the tree changes, and none of it is looked at any more when the
+/// sink gets the first byte.
+///
+/// Throws std::ios_base::failure when the sink does not take everything. Requires: a root.
+MOX_EXPORT void writePrometheus(Mox::Ptr<TaskSchedulerRoot const> const& root, std::ostream& sink,
+                                std::size_t taskNamesMax = prometheusTaskNamesMax);
+
+} // namespace Kel
