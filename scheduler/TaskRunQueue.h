@@ -88,7 +88,7 @@ class TaskRunQueue {
     /// More tasks than the nearest cache holds.
     bool isLong() const { return runnableTasks() > 128; }
     void noteAhead(TaskRunQueueLink& added) {
-        TaskRunQueueLink*& earlier = recent_[tasksAdded_ % recent_.size()];
+        TaskRunQueueLink*& earlier = recent_[static_cast<std::size_t>(tasksAdded_) % runsAhead];
         if (earlier)
             earlier->aheadIs(&added);
         earlier = &added;
