@@ -26,6 +26,7 @@ class MOX_EXPORT ProcessId {
     static ProcessId current() { return ProcessId(getpid()); }
 
     constexpr Mox::S64 value() const { return value_; }
+    constexpr Mox::U32 hash() const { return static_cast<Mox::U32>(value_); }
     bool isCurrent() const { return *this == current(); }
 
     friend constexpr auto operator<=>(ProcessId const& a, ProcessId const& b) = default;

@@ -15,12 +15,17 @@
 
 namespace Mox {
 
-/// A key's hash: its own `hash()` where it has one, the address of a pointer, the bytes of a string.
+/// A key's hash: its own `hash()` where it has one, the address of a pointer, the ticks of a time or a
+/// duration, the bytes of a string.
 template <class K> U32 hash(K const& key) {
     if constexpr (requires { key.hash(); })
         return static_cast<U32>(key.hash());
     else if constexpr (std::is_pointer_v<K>)
         return static_cast<U32>(reinterpret_cast<std::uintptr_t>(key));
+    else if constexpr (requires { key.time_since_epoch(); })
+        return hash(key.time_since_epoch());
+    else if constexpr (requires { typename K::period; })
+        return static_cast<U32>(key.count());
     else
         return static_cast<U32>(std::hash<std::string_view>{}(key));
 }

@@ -1,13 +1,19 @@
 #include <mox/Exception.h>
+#include <mox/HashMap.h>
+#include <task/ProcessId.h>
 #include <task/TaskStat.h>
+#include <task/TaskTime.h>
 
 #include <gmock/gmock.h>
 
 namespace {
 
+using Kel::ProcessId;
 using Kel::TaskKey;
 using Kel::TaskPriority;
 using Kel::TaskStat;
+using Kel::TaskTimeDuration;
+using Kel::TaskTimeStamp;
 using testing::HasSubstr;
 
 TEST(TaskPriority, OutsideTheEnumerationHasATextButNoLetter) {
@@ -49,6 +55,23 @@ TaskStat stat(char const* name, Mox::U64 key, TaskPriority priority, Mox::U32 ru
 }
 
 constexpr TaskPriority high = TaskPriority::high, low = TaskPriority::low;
+
+TEST(Hashing, TimesAndProcessesAreKeysOfMaps) {
+    Mox::HashMap<TaskTimeStamp, int> byStamp;
+    Mox::HashMap<TaskTimeDuration, int> byDuration;
+    Mox::HashMap<ProcessId, int> byProcess;
+    for (int i = -500; i < 500; ++i) {
+        Mox::Nanoseconds const duration(Mox::S64{i} << 31); // some differ in the upper half only
+        byStamp.valueIs(TaskTimeStamp(duration), i);
+        byDuration.valueIs(duration, i);
+        byProcess.valueIs(ProcessId(duration.count()), i);
+    }
+    EXPECT_EQ(byStamp.size() + byDuration.size() + byProcess.size(), 3000u);
+    Mox::Nanoseconds const sought(Mox::S64{-77} << 31);
+    EXPECT_EQ(*byStamp.find(TaskTimeStamp(sought)), -77);
+    EXPECT_EQ(*byDuration.find(sought), -77);
+    EXPECT_EQ(*byProcess.find(ProcessId(sought.count())), -77);
+}
 
 TEST(TaskStat, EachFieldCountsForEquality) {
     TaskStat const a = stat("n", 1, high, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1);
