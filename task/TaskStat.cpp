@@ -3,6 +3,7 @@
 
 #include <mox/Assert.h>
 #include <mox/Exception.h>
+#include <mox/StrepCursor.h>
 #include <task/FieldLog.h>
 #include <task/FieldText.h>
 
@@ -58,6 +59,22 @@ void TaskStat::TaskStatus::valueIs(Mox::U32 value) {
     value_ = value;
 }
 
+Mox::U32 TaskStat::TaskStatus::readValue(Mox::String::IteratorConst& position,
+                                         Mox::String::IteratorConst const& end) {
+    constexpr std::size_t digitsOfMax = 2;
+    Mox::StrepCursor cursor(position, end);
+    std::string_view digits = cursor.rest();
+    digits = digits.substr(0, digits.find_first_not_of("0123456789"));
+    std::size_t const zeros = std::min(digits.find_first_not_of('0'), digits.size());
+    Mox::U32 value = valueMax + 1;
+    if (digits.size() - zeros > digitsOfMax)
+        cursor.skip(static_cast<std::ptrdiff_t>(digits.size()));
+    else
+        cursor.read(&value);
+    position = cursor.position();
+    return std::min(value, valueMax + 1);
+}
+
 TaskStat::TaskStatus::TaskStatus(Mox::String::IteratorConst& position,
                                  Mox::String::IteratorConst const& end) {
     std::optional<TaskStatus> whole;
@@ -68,9 +85,7 @@ TaskStat::TaskStatus::TaskStatus(Mox::String::IteratorConst& position,
             Mox::sequenceToValue(at, end, &on);
             flagIs(static_cast<Mox::U32>(flag - flagNames.begin()), on);
         } else if (name == "value") {
-            Mox::U64 value = 0;
-            Mox::sequenceToValue(at, end, &value);
-            whole.emplace(static_cast<Mox::U32>(std::min(value, Mox::U64{valueMax} + 1)));
+            whole.emplace(readValue(at, end));
         } else
             return false;
         return true;

@@ -31,6 +31,11 @@ class MOX_EXPORT TaskStat {
             valueIs(value);
         }
 
+        /// Reads the number of a value, as texts have it, and moves `position` behind it; one that is too
+        /// great for any status, however long, is valueMax + 1. Throws as the constructor does.
+        static Mox::U32 readValue(Mox::String::IteratorConst& position,
+                                  Mox::String::IteratorConst const& end);
+
         constexpr Mox::U32 value() const { return value_; }
         /// Throws Mox::RangeException, and changes nothing, for a value above 0x1f.
         void valueIs(Mox::U32 value);

@@ -151,7 +151,7 @@ TEST(TextForm, EveryErrorHasItsMessage) {
 
     std::pair<std::string, char const*> const statusCases[] = {
         {statusText("'value': 32"), "TaskStatus::value > 0x1f not allowed"},
-        {statusText("'value': 18446744073709551615"), "TaskStatus::value > 0x1f not allowed"},
+        {statusText("'value': 18446744073709551616"), "TaskStatus::value > 0x1f not allowed"},
         {statusText("'value': 32, 'taskTimer': True"), "TaskStatus::value > 0x1f not allowed"},
         {statusText("'taskTimer': 1"), "expected True or False"},
         {statusText("'Value': 1"), "TaskStatus has no such attribute: Value"},
