@@ -1,5 +1,6 @@
 #include <registry/Building.h>
 #include <registry/Tables.h>
+#include <registry/ValueText.h>
 
 #include <group/TaskGroup.h>
 #include <scheduler/TaskSchedulerRoot.h>

@@ -8,6 +8,7 @@
 namespace Kel {
 
 class Task;
+class TaskGroup;
 class TaskScheduler;
 class TaskSchedulerRoot;
 
@@ -15,7 +16,8 @@ class TaskSchedulerRoot;
 
 /// Of anything that only the thread of the tree may do.
 Mox::Problem problemOfThread(TaskScheduler const& scheduler);
-/// Of having the scheduler run: a driver runs it, or a chain of groups below one.
+/// Of having the scheduler run: a driver runs it, or a chain of groups below one. A class of an application
+/// counts as a driver: as every scheduler must, it overrides requestSchedulerRun().
 Mox::Problem problemOfRequest(TaskScheduler const& scheduler);
 /// Of putting the task on its run queue.
 Mox::Problem problemOfScheduling(Task const& task);
@@ -24,6 +26,9 @@ Mox::Problem problemOfRunning(Task const& task);
 /// Of going idle, which schedules the root's trim task.
 Mox::Problem problemOfTrimming(TaskSchedulerRoot const& root);
 Mox::Problem problemOfResettingStats(TaskScheduler const& scheduler);
+/// Of resetting a group by its parent task, which has cleared its own figures by then: so also what the group
+/// would tell by an exception.
+Mox::Problem problemOfResettingGroup(TaskGroup const& group);
 /// Of making a task of that priority there.
 Mox::Problem problemOfRegistering(TaskScheduler const& scheduler, TaskPriority priority);
 

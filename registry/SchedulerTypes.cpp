@@ -1,5 +1,6 @@
 #include <registry/Building.h>
 #include <registry/Tables.h>
+#include <registry/ValueText.h>
 
 #include <scheduler/TaskSchedulerEventLoop.h>
 #include <scheduler/TaskSchedulerMoxActivity.h>
@@ -96,6 +97,16 @@ Problem problemOfKeepingAlive(TaskSchedulerEventLoop const& root) {
     return root.evLoop()->useMoxEventLoop() ? "the loop is the activity manager's" : "";
 }
 
+// Of each pair of operations of a name, the one by key.
+
+TaskStat deadTaskStatsDel(TaskScheduler& scheduler, String const& name) {
+    return scheduler.deadTaskStatsDel(name);
+}
+
+U32 deadTasksPerPriorityDel(TaskScheduler& scheduler, TaskPriority priority) {
+    return scheduler.deadTasksPerPriorityDel(priority);
+}
+
 // Factories
 
 String nameOf(char const* typeName, Mox::Ingredients const& ingredients) {
@@ -155,6 +166,10 @@ void addScheduler(Mox::TypeRegistry& registry) {
         .operation("queueStats", &TaskScheduler::queueStats)
         .operation<TaskPriority>("runTaskCount", &TaskScheduler::runTaskCount, problemOfPriority)
         .operation<TaskPriority>("runnableTaskCount", &TaskScheduler::runnableTaskCount, problemOfPriority)
+        .operation<TaskPriority, U32>("attemptLowerPriorityBump", &TaskScheduler::attemptLowerPriorityBump)
+        .operation("resetStatsTaskDel", &TaskScheduler::resetStatsTaskDel)
+        .operation<String>("deadTaskStatsDel", &deadTaskStatsDel)
+        .operation<TaskPriority>("deadTasksPerPriorityDel", &deadTasksPerPriorityDel)
         .operation("deadTaskStatsDelAll", &TaskScheduler::deadTaskStatsDelAll)
         .operation("deadTasksPerPriorityDelAll", &TaskScheduler::deadTasksPerPriorityDelAll)
         .operation("sanityCheckCurrentRunningThread", &TaskScheduler::sanityCheckCurrentRunningThread,
@@ -167,8 +182,7 @@ void addRoot(Mox::TypeRegistry& registry) {
         .readOnly("timerWheel", &TaskSchedulerRoot::timerWheel)
         .collection("taskScheduler", taskSchedulers())
         .constant("schedulerHistoryMaxAge", &TaskSchedulerRoot::schedulerHistoryMaxAge)
-        .readOnly("schedulerThread",
-                  [](TaskSchedulerRoot const& root) { return Mox::U64{root.schedulerThread().handle()}; })
+        .readOnly("schedulerThread", &TaskSchedulerRoot::schedulerThread)
         .readOnly("schedulerPid", &TaskSchedulerRoot::schedulerPid)
         .writable("trimHistoryEnabled", &TaskSchedulerRoot::trimHistoryEnabled,
                   &TaskSchedulerRoot::trimHistoryEnabledIs)
@@ -176,6 +190,7 @@ void addRoot(Mox::TypeRegistry& registry) {
         .writable("suspended", &TaskSchedulerRoot::suspended, &TaskSchedulerRoot::suspendedIs, {},
                   problemOfSuspending)
         .operation("clearHistory", &TaskSchedulerRoot::clearHistory)
+        .operation("trimHistoryTaskDel", &TaskSchedulerRoot::trimHistoryTaskDel)
         .operation("trimHistoryTaskSchedule", &TaskSchedulerRoot::trimHistoryTaskSchedule, problemOfTrimming)
         .operation("handleTrimHistoryTaskRun", &TaskSchedulerRoot::handleTrimHistoryTaskRun);
 }

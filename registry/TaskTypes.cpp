@@ -1,5 +1,6 @@
 #include <registry/Building.h>
 #include <registry/Tables.h>
+#include <registry/ValueText.h>
 
 #include <group/TaskGroup.h>
 #include <group/TaskGroupParentTask.h>
@@ -25,7 +26,7 @@ template <auto setter> void secondsIs(Task& task, Seconds seconds) {
 }
 
 Problem problemOfTask(Task const& task) {
-    auto const scheduler = task.taskScheduler();
+    TaskScheduler const* const scheduler = task.scheduler();
     return scheduler ? problemOfThread(*scheduler) : "";
 }
 
@@ -43,7 +44,7 @@ Problem problemOfRunIs(Task const& task, U32) { return problemOfRunning(task); }
 
 Problem problemOfTaskReset(Task const& task) {
     auto const* const parentTask = dynamic_cast<TaskGroupParentTask const*>(&task);
-    return parentTask && parentTask->taskGroup() ? problemOfResettingStats(*parentTask->taskGroup()) : "";
+    return parentTask && parentTask->taskGroup() ? problemOfResettingGroup(*parentTask->taskGroup()) : "";
 }
 
 Problem problemOfAskingForYield(Task const& task) {
@@ -65,6 +66,10 @@ Problem problemOfDelay(TimerTask const& task, Seconds delay) {
 
 Problem problemOfLowestDelay(TimerTask const& task, Seconds delay) {
     return isNever(delay) ? "the delay is not finite" : problemOfDelay(task, delay);
+}
+
+Problem problemOfDelayPrivate(TimerTask const& task, Seconds delay, bool) {
+    return problemOfLowestDelay(task, delay);
 }
 
 Problem problemOfJitterUp(TimerTask const& task, Seconds delay, U8) { return problemOfDelay(task, delay); }
@@ -161,6 +166,8 @@ void addTimerTask(Mox::TypeRegistry& registry) {
         .operation<Seconds, U8>("scheduleTaskJitterUp", &TimerTask::scheduleTaskJitterUp, problemOfJitterUp)
         .operation<Seconds, U8>("scheduleTaskJitterDown", &TimerTask::scheduleTaskJitterDown,
                                 problemOfJitterDown)
+        .operation<Seconds, bool>("scheduleTaskDelayedPrivate", &TimerTask::scheduleTaskDelayedPrivate,
+                                  problemOfDelayPrivate)
         .operation("stopTimerTask", &TimerTask::stopTimerTask)
         .operation("currentExpirationTime", &TimerTask::currentExpirationTime);
 }

@@ -1,11 +1,31 @@
 #include <registry/Tables.h>
+#include <registry/ValueText.h>
 
 #include <scheduler/TaskSchedulerQueueStats.h>
 #include <task/FieldText.h>
 #include <task/ProcessId.h>
 #include <task/TaskStat.h>
 
-#include <algorithm>
+namespace Kel {
+
+/// The word of a status as texts may have it: the status itself refuses what is too much.
+struct StatusWord {
+    Mox::U32 value = 0;
+};
+
+} // namespace Kel
+
+template <> struct Mox::AttributeText<Kel::StatusWord> {
+    static std::string type() { return typeNameOf<U32>(); }
+    static String write(Kel::StatusWord word) { return valueToStrep(word.value); }
+    static Kel::StatusWord read(String const& text) {
+        String::IteratorConst position = text.begin();
+        Kel::StatusWord const word{Kel::TaskStat::TaskStatus::readValue(position, text.end())};
+        if (position != text.end())
+            StrepImplementation::throwJunk(position - text.begin(), type());
+        return word;
+    }
+};
 
 namespace Kel {
 
@@ -20,11 +40,6 @@ template <class T> void addFieldType(Mox::TypeRegistry& registry) {
     });
 }
 
-/// The word of a status as wide as texts may have it: the status itself refuses what is too much.
-void statusValueIs(TaskStat::TaskStatus& status, Mox::U64 value) {
-    status.valueIs(static_cast<Mox::U32>(std::min(value, Mox::U64{TaskStat::TaskStatus::valueMax} + 1)));
-}
-
 void addStatus(Mox::TypeRegistry& registry) {
     using Status = TaskStat::TaskStatus;
     Mox::AttributeTable<Status>(registry)
@@ -34,20 +49,59 @@ void addStatus(Mox::TypeRegistry& registry) {
         .writable("taskCurrentlyRunning", &Status::taskCurrentlyRunning, &Status::taskCurrentlyRunningIs)
         .writable("taskSuspendedForTest", &Status::taskSuspendedForTest, &Status::taskSuspendedForTestIs)
         .writable(
-            "value", [](Status const& status) { return Mox::U64{status.value()}; }, statusValueIs);
+            "value", [](Status const& status) { return StatusWord{status.value()}; },
+            [](Status& status, StatusWord word) { status.valueIs(word.value); }, {"at most 0x1f"})
+        .wholeValue("value");
+}
+
+void addTimes(Mox::TypeRegistry& registry) {
+    Mox::AttributeTable<TaskTimeDuration>(registry).writable(
+        "value", [](TaskTimeDuration const& duration) { return Mox::S64{duration.count()}; },
+        [](TaskTimeDuration& duration, Mox::S64 value) { duration = TaskTimeDuration(value); });
+    Mox::AttributeTable<TaskTimeStamp>(registry).writable(
+        "value", [](TaskTimeStamp const& stamp) { return stamp.time_since_epoch(); },
+        [](TaskTimeStamp& stamp, TaskTimeDuration value) { stamp = TaskTimeStamp(value); });
+}
+
+void addPriority(Mox::TypeRegistry& registry) {
+    using Enum = TaskPriority::PriorityEnum;
+    Mox::AttributeTable<Enum>(registry).writable(
+        "value", [](Enum value) { return Mox::U32{value}; },
+        [](Enum& value, Mox::U32 number) { value = TaskPriority::PriorityEnumInstance(number); });
+    Mox::AttributeTable<TaskPriority>(registry).writable(
+        "value", &TaskPriority::numericValue, [](TaskPriority& priority, Enum value) { priority = value; });
+}
+
+constinit Mox::Range<Mox::U8> const eventTypeRange{
+    "at most 17", [](Mox::U8 const& number) {
+        return number <= static_cast<Mox::U8>(TaskSchedulerEventType::schedulerRunIgnoredWhileSuspended);
+    }};
+
+void addEvent(Mox::TypeRegistry& registry) {
+    using Event = TaskSchedulerHistory::Event;
+    using Type = TaskSchedulerEventType;
+    Mox::AttributeTable<Type>(registry).writable(
+        "value", [](Type type) { return static_cast<Mox::U8>(type); },
+        [](Type& type, Mox::U8 number) { type = static_cast<Type>(number); }, eventTypeRange);
+    Mox::AttributeTable<Event>(registry)
+        .readOnly("timeStamp", &Event::timeStamp)
+        .readOnly("eventType", &Event::eventType)
+        .readOnly("task", [](Event const& event) {
+            return event.task() ? Mox::String(event.task()->taskName()) : Mox::String();
+        });
 }
 
 } // namespace
 
 void addValueTypes(Mox::TypeRegistry& registry) {
-    Mox::AttributeTable<TaskPriority>(registry).writable(
-        "value", &TaskPriority::numericValue,
-        [](TaskPriority& priority, TaskPriority::PriorityEnum value) { priority = value; });
+    addTimes(registry);
+    addPriority(registry);
     Mox::AttributeTable<TaskKey>(registry).writable(
         "value", &TaskKey::value, [](TaskKey& key, Mox::U64 value) { key = TaskKey(value); });
     Mox::AttributeTable<ProcessId>(registry).writable(
         "value", &ProcessId::value, [](ProcessId& id, Mox::S64 value) { id = ProcessId(value); });
     addStatus(registry);
+    addEvent(registry);
     addFieldType<TaskStat>(registry);
     addFieldType<TaskSchedulerPriorityStats>(registry);
     Mox::AttributeTable<TaskSchedulerQueueStats>(registry).map(

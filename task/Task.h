@@ -106,6 +106,8 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
 
     /// Null for an orphan.
     Mox::Ptr<TaskScheduler> taskScheduler() const;
+    /// The same, not counted, so that a thread that may not touch the count can look.
+    TaskScheduler* scheduler() const { return taskScheduler_; }
     TaskPriority taskPriority() const { return record_->taskPriority(); }
     Mox::String taskName() const { return record_->taskName(); }
     TaskKey taskKey() const { return TaskKey::create(this); }
@@ -152,7 +154,6 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
         if (!taskBusy_ || !(taskCurrentlyRunning_ || taskRunQueueLink_.isLinked()))
             taskBusyIs(taskScheduled());
     }
-    TaskScheduler* scheduler() const { return taskScheduler_; }
 
   private:
     friend class TaskScheduler;

@@ -2,6 +2,7 @@
 
 #include <mox/Seconds.h>
 #include <mox/SteadyClock.h>
+#include <mox/Strep.h>
 
 namespace Kel {
 
@@ -26,3 +27,10 @@ constexpr TaskTimeDuration sum(TaskTimeDuration const& a, TaskTimeDuration const
 }
 
 } // namespace Kel
+
+namespace Mox {
+
+template <> inline std::string typeNameOf<Kel::TaskTimeStamp>() { return "Kel::TaskTimeStamp"; }
+template <> inline std::string typeNameOf<Kel::TaskTimeDuration>() { return "Kel::TaskTimeDuration"; }
+
+} // namespace Mox

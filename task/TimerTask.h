@@ -45,6 +45,9 @@ class MOX_EXPORT TimerTask : public Task {
     void scheduleTaskJitterUp(Mox::Seconds delayIntoFuture, Mox::U8 maxJitterPercentage);
     /// The same downwards. Requires: maxJitterPercentage <= 100, a delay that is not negative.
     void scheduleTaskJitterDown(Mox::Seconds delayIntoFuture, Mox::U8 maxJitterPercentage);
+    /// What these come to: with `resetDelayIfAlreadyRunning` in place of what was pending, else unless the
+    /// task runs earlier anyway. Requires: the thread may touch the tree.
+    void scheduleTaskDelayedPrivate(Mox::Seconds delay, bool resetDelayIfAlreadyRunning);
     /// Disarms the timer and takes the task off its run queue.
     void stopTimerTask();
 
@@ -69,7 +72,6 @@ class MOX_EXPORT TimerTask : public Task {
 
     bool timerArmed() const;
     void disarm();
-    void scheduleTaskDelayedPrivate(Mox::Seconds delay, bool resetDelayIfAlreadyRunning);
     void startTimer(Mox::Seconds delay, Mox::Seconds expiry);
 
     bool timerTaskInitComplete_ = false;

@@ -32,7 +32,7 @@ template <class T> class AttributeTable {
     using ProblemOf = std::type_identity_t<std::function<Problem(T const&, V const&...)>>;
 
     explicit AttributeTable(TypeRegistry& registry) : entry_(add(registry)) {
-        if constexpr (!Entity<T>)
+        if constexpr (!Entity<T> && std::default_initializable<T>)
             entry_.valueMakerIs([](auto const& fill) {
                 T value{};
                 fill(Subject::ofValue(value));
@@ -136,6 +136,11 @@ template <class T> class AttributeTable {
     /// Stands before every use: see TypeEntry::guardIs().
     AttributeTable& guard(ProblemOf<> problem) {
         entry_.guardIs([problem](Subject const& subject) { return problem(subject.as<T>()); });
+        return *this;
+    }
+    /// See TypeEntry::wholeValueIs().
+    AttributeTable& wholeValue(std::string attribute) {
+        entry_.wholeValueIs(std::move(attribute));
         return *this;
     }
     /// What the constructor needs, and the factory that is given it.

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <mox/Ptr.h>
-#include <mox/SteadyClock.h>
 #include <mox/Subject.h>
+#include <mox/ThreadId.h>
 
 namespace Mox {
 
@@ -25,20 +25,10 @@ template <class V> struct AttributeText {
     }
 };
 
-/// Times of the steady clock: whole nanoseconds.
-template <> struct AttributeText<Nanoseconds> {
-    static std::string type() { return "Mox::Nanoseconds"; }
-    static String write(Nanoseconds value) { return valueToStrep(S64{value.count()}); }
-    static Nanoseconds read(String const& text) { return Nanoseconds(AttributeText<S64>::read(text)); }
-};
-template <> struct AttributeText<SteadyClock::TimePoint> {
-    static std::string type() { return "Mox::SteadyClock::TimePoint"; }
-    static String write(SteadyClock::TimePoint value) {
-        return AttributeText<Nanoseconds>::write(value.time_since_epoch());
-    }
-    static SteadyClock::TimePoint read(String const& text) {
-        return SteadyClock::TimePoint(AttributeText<Nanoseconds>::read(text));
-    }
+/// A thread can be shown only.
+template <> struct AttributeText<ThreadId> {
+    static std::string type() { return typeNameOf<ThreadId>(); }
+    static String write(ThreadId const& thread) { return valueToStrep(U64{thread.handle()}); }
 };
 
 /// References can be shown only.

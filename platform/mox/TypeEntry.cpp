@@ -208,8 +208,10 @@ std::any TypeEntry::makeValue(std::vector<Ingredients::Text> const& texts) const
     if (String const* const name = repeated(texts))
         refuse(*name, "given twice");
     return valueMaker_([&](Subject const& value) {
-        for (auto const& [name, text] : texts)
-            textIs(value, name, text);
+        for (bool const whole : {false, true})
+            for (auto const& [name, text] : texts)
+                if ((name == wholeValue_) == whole)
+                    textIs(value, name, text);
     });
 }
 

@@ -39,7 +39,7 @@ class MOX_EXPORT TypeEntry {
     /// Makes a value, has it filled, and returns it.
     using ValueMaker = std::function<std::any(std::function<void(Subject const&)> const& fill)>;
 
-    TypeEntry(std::string name, TypeEntry const* base) : name_(std::move(name)), base_(base) {}
+    explicit TypeEntry(std::string name) : name_(std::move(name)) {}
 
     std::string const& name() const { return name_; }
     /// Null when the type extends none that is registered.
@@ -68,13 +68,17 @@ class MOX_EXPORT TypeEntry {
     /// Makes an entity. Every text is checked before; one that can then not be written all the same lets the
     /// entity go again.
     Ptr<PtrInterface> makeEntity(Ingredients const& ingredients) const;
-    /// Makes a value; attributes without a text keep their default.
+    /// Makes a value; attributes without a text keep their default. The order of the texts does not matter.
     std::any makeValue(std::vector<Ingredients::Text> const& texts) const;
 
     // For tables
 
+    /// The base became known after the type that extends it.
+    void baseIs(TypeEntry const* base) { base_ = base; }
     void add(Attribute attribute);
     void add(Operation operation);
+    /// The attribute stands for all of a value's others: given together with some of them, it counts.
+    void wholeValueIs(std::string attribute) { wholeValue_ = std::move(attribute); }
     /// Stands before every use of an entity of this type or of one that extends it.
     void guardIs(std::function<Problem(Subject const&)> guard) { guard_ = std::move(guard); }
     void factoryIs(std::vector<std::string> neededTexts, std::vector<std::string> neededReferences,
@@ -91,7 +95,7 @@ class MOX_EXPORT TypeEntry {
     bool isNeeded(std::string const& attribute) const;
 
     std::string const name_;
-    TypeEntry const* const base_;
+    TypeEntry const* base_ = nullptr;
     std::vector<Attribute> attributes_;
     std::vector<Operation> operations_;
     std::function<Problem(Subject const&)> guard_;
@@ -99,6 +103,7 @@ class MOX_EXPORT TypeEntry {
     std::vector<std::string> neededReferences_;
     Factory factory_;
     ValueMaker valueMaker_;
+    std::string wholeValue_;
 };
 
 } // namespace Mox

@@ -12,12 +12,14 @@ namespace Mox {
 namespace {
 
 // Plain words, so that they are good whatever source's static objects come first.
-constinit TypeTables const* lastTables = nullptr;
+constinit TypeTables const* firstTables = nullptr;
+constinit TypeTables const** endOfTables = &firstTables;
 constinit bool registryIsMade = false;
 
 } // namespace
 
-TypeTables::TypeTables(Add add) : add_(add), next_(std::exchange(lastTables, this)) {
+TypeTables::TypeTables(Add add) : add_(add) {
+    *std::exchange(endOfTables, &next_) = this;
     if (registryIsMade) // a library that was loaded late
         add_(typeRegistry());
 }
@@ -29,7 +31,7 @@ TypeRegistry::TypeRegistry() {
                   &PtrInterface::hasNotificationActiveIs)
         .operation<U32>("moxAuditErrors", &PtrInterface::moxAuditErrors)
         .operation<U32>("auditErrors", &PtrInterface::auditErrors);
-    for (TypeTables const* tables = lastTables; tables; tables = tables->next_)
+    for (TypeTables const* tables = firstTables; tables; tables = tables->next_)
         tables->add_(*this);
     registryIsMade = true;
 }
@@ -57,16 +59,24 @@ TypeEntry const& TypeRegistry::typeOf(Subject const& subject) const {
     return type(subject.typeName());
 }
 
-TypeEntry& TypeRegistry::add(Type const& type) {
+TypeEntry const* TypeRegistry::nearestBase(Type const& type) const {
     TypeEntry const* base = nullptr;
     for (Type const* above = type.base(); above && !base; above = above->base())
         base = find(above->name());
-    return add(std::string(type.name()), base);
+    return base;
 }
 
-TypeEntry& TypeRegistry::add(std::string name, TypeEntry const* base) {
+TypeEntry& TypeRegistry::add(Type const& type) {
+    TypeEntry& entry = add(std::string(type.name()));
+    ofEntities_.push_back({&type, &entry});
+    for (OfEntities const& known : ofEntities_) // it may be the base of some
+        known.entry->baseIs(nearestBase(*known.type));
+    return entry;
+}
+
+TypeEntry& TypeRegistry::add(std::string name) {
     MOX_ASSERT(!find(name));
-    return types_.emplace_back(std::move(name), base);
+    return types_.emplace_back(std::move(name));
 }
 
 } // namespace Mox

@@ -8,8 +8,9 @@ namespace Mox {
 
 class TypeRegistry;
 
-/// Makes the types of a library known: one static object in one of its sources. The types are added when the
-/// registry is first asked for, so that a program that never asks pays nothing.
+/// Makes the types of a library, or of a program that extends some of its types, known: one static object in
+/// one of its sources. The types are added when the registry is first asked for, so that a program that never
+/// asks pays nothing.
 class MOX_EXPORT TypeTables {
   public:
     using Add = void (*)(TypeRegistry& registry);
@@ -20,7 +21,7 @@ class MOX_EXPORT TypeTables {
   private:
     friend class TypeRegistry;
     Add const add_;
-    TypeTables const* const next_;
+    TypeTables const* next_ = nullptr;
 };
 
 /// The types that are known by name.
@@ -36,7 +37,7 @@ class MOX_EXPORT TypeRegistry {
     TypeEntry const* find(std::string_view name) const;
     /// Throws a RangeException when there is none of that name.
     TypeEntry const& type(std::string_view name) const;
-    /// Every type, a base before those that extend it.
+    /// Every type, in the order in which the tables were constructed.
     std::deque<TypeEntry> const& types() const { return types_; }
 
     /// The type of a subject; for an entity whose own type is not registered, the nearest one that it
@@ -44,16 +45,22 @@ class MOX_EXPORT TypeRegistry {
     TypeEntry const& typeOf(Subject const& subject) const;
 
     /// A new type that extends no other. Requires: the name is new.
-    TypeEntry& add(std::string name) { return add(std::move(name), nullptr); }
-    /// A new type of entities. Requires: the name is new, its base is registered or extends none.
+    TypeEntry& add(std::string name);
+    /// A new type of entities. Its base may follow: which tables come first is a matter of how a program is
+    /// linked. Requires: the name is new.
     TypeEntry& add(Type const& type);
 
   private:
     friend MOX_EXPORT TypeRegistry& typeRegistry();
     TypeRegistry();
-    TypeEntry& add(std::string name, TypeEntry const* base);
+    TypeEntry const* nearestBase(Type const& type) const;
 
+    struct OfEntities {
+        Type const* type;
+        TypeEntry* entry;
+    };
     std::deque<TypeEntry> types_;
+    std::vector<OfEntities> ofEntities_;
 };
 
 MOX_EXPORT TypeRegistry& typeRegistry();

@@ -11,7 +11,8 @@
 #include <sstream>
 
 // Lines of "entity member text": an attribute is written, an operation called with its words as arguments.
-// What was written reads back as its text; what is refused has changed nothing; and no text ends the process.
+// What was written reads back as its text; what is refused has changed no attribute; and no text ends the
+// process.
 
 namespace {
 
@@ -71,14 +72,23 @@ void write(PtrInterface& entity, Mox::Attribute const& attribute, String const& 
                   isAsWritten(attribute.type, text, Mox::attributeText(entity, attribute.name)));
 }
 
+std::vector<String> everyText(PtrInterface& entity) {
+    std::vector<String> texts;
+    for (Mox::Attribute const* attribute : Mox::typeRegistry().typeOf(entity).attributes())
+        texts.push_back(Mox::attributeText(entity, attribute->name));
+    return texts;
+}
+
 void call(PtrInterface& entity, Mox::Operation const& operation, String const& text) {
     std::vector<String> arguments;
     std::istringstream words(text);
     for (std::string word; words >> word;)
         arguments.emplace_back(word);
+    std::vector<String> const before = everyText(entity);
     try {
         Mox::callOperation(entity, operation.name, arguments);
     } catch (Mox::Exception const&) {
+        MOX_ASSERT_AS("a refused call changes nothing", everyText(entity) == before);
     }
 }
 

@@ -61,8 +61,12 @@ TEST_F(BuildingTest, ValuesAreBuiltFromTexts) {
                   "Kel::TaskStat::taskRun: given twice"},
              Case{"Kel::TaskStat::TaskStatus", {{"value", "32"}}, "TaskStatus::value > 0x1f not allowed"},
              Case{"Kel::TaskStat::TaskStatus",
-                  {{"value", "4294967296"}},
+                  {{"value", "18446744073709551616"}},
                   "TaskStatus::value > 0x1f not allowed"},
+             Case{"Kel::TaskStat::TaskStatus",
+                  {{"value", "007x"}},
+                  "Kel::TaskStat::TaskStatus::value: '007x' is no Mox::U32: junk at column 3 deserializing "
+                  "Mox::U32"},
          })
         try {
             Mox::typeRegistry().type(c.type).makeValue(c.texts);
@@ -74,12 +78,32 @@ TEST_F(BuildingTest, ValuesAreBuiltFromTexts) {
 
 TEST_F(BuildingTest, AttributesOfValuesAreTheFieldsOfTheirTextForms) {
     Kel::TaskStat stat;
-    std::string const text = Mox::valueToStrep(stat);
+    std::string fields;
     for (Mox::Attribute const* attribute :
          Mox::typeRegistry().typeOf(Mox::Subject::ofValue(stat)).attributes())
-        EXPECT_THAT(text,
-                    testing::HasSubstr("'" + attribute->name + "': " +
-                                       Mox::attributeText(Mox::Subject::ofValue(stat), attribute->name)));
+        fields += (fields.empty() ? "'" : ", '") + attribute->name +
+                  "': " + Mox::attributeText(Mox::Subject::ofValue(stat), attribute->name);
+    EXPECT_EQ(Mox::valueToStrep(stat), "Value('Kel::TaskStat', ** {" + fields + "})");
+}
+
+TEST_F(BuildingTest, StatusIsItsWholeValueWhereverThatStands) {
+    Texts const flagsLast{{"value", "7"}, {"taskTimer", "False"}, {"taskSuspendedForTest", "True"}};
+    for (Texts const& texts : {flagsLast, Texts(flagsLast.rbegin(), flagsLast.rend())}) {
+        auto const status = Mox::typeRegistry().type("Kel::TaskStat::TaskStatus").makeValue(texts);
+        EXPECT_EQ(std::any_cast<Kel::TaskStat::TaskStatus>(status).value(), 7u);
+    }
+}
+
+TEST_F(BuildingTest, TypesOfAttributesAreKnownByName) {
+    for (Mox::TypeEntry const& type : Mox::typeRegistry().types())
+        for (Mox::Attribute const* attribute : type.attributes())
+            if (attribute->type.starts_with("Kel::Task")) {
+                EXPECT_NE(Mox::typeRegistry().find(attribute->type), nullptr) << attribute->type;
+            }
+    auto const stamp = Mox::typeRegistry().type("Kel::TaskTimeStamp").makeValue({{"value", "-5"}});
+    EXPECT_EQ(std::any_cast<Kel::TaskTimeStamp>(stamp).time_since_epoch().count(), -5);
+    EXPECT_THROW(Mox::typeRegistry().type("Kel::TaskSchedulerEventType").makeValue({{"value", "18"}}),
+                 Mox::RangeException);
 }
 
 TEST_F(BuildingTest, EntitiesAreBuiltFromTextsAndReferences) {
