@@ -52,6 +52,11 @@ void answer(Connection& connection, Arguments words) {
         command->run(connection, words);
 }
 
-bool isAnsweredAtOnce(Arguments words) { return !words.empty() && isWord(words[0], "SCHED"); }
+bool isAnsweredAtOnce(Arguments words) {
+    if (words.empty())
+        return true;
+    Command const* const command = find(words[0]);
+    return !command || command->atOnce;
+}
 
 } // namespace KelKv

@@ -15,6 +15,8 @@ struct Command {
     std::size_t wordsMin;
     std::size_t wordsMax;
     void (*run)(Connection& connection, Arguments words);
+    /// The operator's connection does not wait for the scheduler.
+    bool atOnce = false;
 };
 
 /// Commands on keys, those for the operator, and all others.
@@ -26,7 +28,7 @@ std::span<Command const> serverCommands();
 /// walk. Requires: at least one word.
 void answer(Connection& connection, Arguments words);
 
-/// Whether the operator's connection answers it at once, whatever the scheduler does.
+/// Whether the operator's connection answers it at once, whatever the scheduler does, unknown commands too.
 bool isAnsweredAtOnce(Arguments words);
 
 /// Whether they are the same but for the case. Requires: the second is in capitals.

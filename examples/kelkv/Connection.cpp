@@ -78,8 +78,10 @@ void Connection::onReadable() {
 void Connection::proceed() {
     if (isOperator())
         answerAtOnce();
-    if (task_ && mayAnswer())
+    if (task_ && mayAnswer() && !unanswered().empty())
         task_->scheduleTask();
+    else
+        goOn();
 }
 
 /// False when the connection is broken.
@@ -148,7 +150,8 @@ bool Connection::answerAll() {
     return false;
 }
 
-/// The scheduler's own commands do not wait for the scheduler, which may be suspended.
+/// The scheduler's own commands, and what a client program says to begin and end, do not wait for the
+/// scheduler, which may be suspended.
 void Connection::answerAtOnce() {
     while (task_ && mayAnswer() && parser_.parse(unanswered()) == RequestParser::State::complete &&
            isAnsweredAtOnce(parser_.arguments())) {
@@ -215,12 +218,12 @@ void Connection::onWritable() {
         proceed();
 }
 
-/// After a run: reads on, or ends.
+/// With nothing more to answer for now: reads on, or ends.
 void Connection::goOn() {
     if (!task_)
         return;
-    bool const isIdle = !walk_ && unsent() == 0 && !task_->taskScheduled();
-    if (isIdle && (closing_ || atEnd_))
+    bool const isDone = closing_ || (atEnd_ && !task_->taskScheduled());
+    if (isDone && !walk_ && unsent() == 0)
         close();
     else
         waitReadable();

@@ -80,7 +80,7 @@ void sched(Connection& connection, Arguments words) {
     }
 }
 
-constexpr Command commands[] = {{"SCHED", 2, any, sched}};
+constexpr Command commands[] = {{"SCHED", 2, any, sched, true}};
 
 } // namespace
 

@@ -124,8 +124,9 @@ class SchedulerTree::Walk {
   public:
     Walk(TaskSchedulerRoot& root, std::string_view path) : path_(path), rest_(path) {
         std::string_view const name = takeName(rest_);
-        if (name != root.schedulerName())
-            throw RangeException("no root " + inQuotes(name) + ", it is " + inQuotes(root.schedulerName()));
+        if (name != root.schedulerName() && keyFrom(name) != keyOf(&root))
+            throw RangeException("no root " + inQuotes(name) + ", it is " + inQuotes(root.schedulerName()) +
+                                 " " + keyOf(&root).toStrep());
         entity_ = &root;
     }
 

@@ -19,8 +19,8 @@ namespace KelKv {
 /// name; its parent task stands there too, as "TaskGroup;" and that name. Behind the entity comes an
 /// attribute, behind a collection a key: `kelkv/suspended`, `kelkv/tasksPerPriority/'low'`.
 ///
-/// A name that several have, or that has a `/` in it, is replaced by the key that `list` shows (`@0x...`). A
-/// key is looked up, it is never taken for an address.
+/// A name that several have, or that has a `/` in it, is replaced by the key that `list` shows (`@0x...`);
+/// the root's is told to who gets its name wrong. A key is looked up, it is never taken for an address.
 ///
 /// Every function throws a Mox::Exception, for the operator to read, and has then changed nothing.
 ///

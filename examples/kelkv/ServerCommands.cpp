@@ -98,9 +98,10 @@ void command(Connection& connection, Arguments words) {
 }
 
 constexpr Command commands[] = {
-    {"PING", 1, 2, ping},         {"ECHO", 2, 2, echo},       {"QUIT", 1, any, quit},
-    {"INFO", 1, 2, info},         {"CONFIG", 2, any, config}, {"CLIENT", 2, any, client},
-    {"COMMAND", 1, any, command},
+    {"PING", 1, 2, ping, true},         {"ECHO", 2, 2, echo},
+    {"QUIT", 1, any, quit, true},       {"INFO", 1, 2, info},
+    {"CONFIG", 2, any, config},         {"CLIENT", 2, any, client, true},
+    {"COMMAND", 1, any, command, true},
 };
 
 } // namespace

@@ -295,7 +295,7 @@ TEST_F(DaemonTest, ClientThatDoesNotReadIsNotReadFrom) {
 
 TEST_F(DaemonTest, OperatorIsAnsweredWhileTheSchedulerIsSuspended) {
     Client op(*loop, daemon->operators());
-    op.expect("PING\r\nSCHED RESET\r\n", "+PONG\r\n+OK\r\n");
+    op.expect("ECHO x\r\nSCHED RESET\r\n", "$1\r\nx\r\n+OK\r\n");
     daemon->root()->suspendedIs(true);
     op.send("SCHED HISTORY\r\n");
     std::string const size = op.receive(6); // four digits
@@ -309,10 +309,30 @@ TEST_F(DaemonTest, OperatorIsAnsweredWhileTheSchedulerIsSuspended) {
     EXPECT_EQ(client.receive(7), "+PONG\r\n");
 }
 
+TEST_F(DaemonTest, InteractiveSessionOfTheOperatorBeginsAndEndsWhileTheSchedulerIsSuspended) {
+    daemon->root()->suspendedIs(true);
+    Client op(*loop, daemon->operators());
+    op.expect("*2\r\n$7\r\nCOMMAND\r\n$4\r\nDOCS\r\n", "*0\r\n");
+    op.expect("CLIENT SETINFO LIB-NAME x\r\n\r\nHELLO 3\r\n", "+OK\r\n-ERR unknown command 'HELLO'\r\n");
+    op.send("ECHO waits\r\n");
+    EXPECT_TRUE(op.waits(50));
+    Client other(*loop, daemon->operators());
+    other.send("PING\r\nQUIT\r\n");
+    EXPECT_EQ(other.receiveAll(), "+PONG\r\n+OK\r\n");
+    Client silent(*loop, daemon->operators());
+    silent.sendNoMore();
+    EXPECT_EQ(silent.receiveAll(), "");
+    EXPECT_EQ(daemon->operators().connections(), 1u);
+    daemon->root()->suspendedIs(false);
+    EXPECT_EQ(op.receive(11), "$5\r\nwaits\r\n");
+}
+
 TEST_F(DaemonTest, OperatorSteersTheTree) {
     Client op(*loop, daemon->operators());
     client.expect("PING\r\n", "+PONG\r\n");
-    for (auto const& [request, reply] : std::initializer_list<std::pair<char const*, char const*>>{
+    auto* const root = daemon->root().ptr();
+    std::string const key = Kel::TaskKey(reinterpret_cast<std::uintptr_t>(root)).toStrep();
+    for (auto const& [request, reply] : std::initializer_list<std::pair<std::string, std::string>>{
              {"SCHED GET kelkv/suspended\r\n", "$5\r\nFalse\r\n"},
              {"SCHED SET kelkv/client/taskQuantum 0.005\r\n", "+OK\r\n"},
              {"SCHED GET kelkv/client/taskQuantum\r\n", "$5\r\n0.005\r\n"},
@@ -321,7 +341,8 @@ TEST_F(DaemonTest, OperatorSteersTheTree) {
               "-ERR Kel::Task::taskRunInc: '-1' is no Mox::U32: expected a number\r\n"},
              {"SCHED GET kelkv/tasksPerPriority/'high'\r\n", "$1\r\n1\r\n"},
              {"SCHED SET kelkv/tasksRegistered\r\n", "-ERR wrong number of arguments for 'SCHED SET'\r\n"},
-             {"SCHED LS nowhere\r\n", "-ERR no root 'nowhere', it is 'kelkv'\r\n"},
+             {"SCHED LS nowhere\r\n", "-ERR no root 'nowhere', it is 'kelkv' " + key + "\r\n"},
+             {"SCHED GET " + key + "/suspended\r\n", "$5\r\nFalse\r\n"},
              {"SCHED SET kelkv/suspended True\r\n", "+OK\r\n"},
          })
         op.expect(request, reply);

@@ -84,6 +84,9 @@ TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKey) {
 
     auto const slashed = task("a/b");
     EXPECT_EQ(got("root/" + key(slashed.ptr()) + "/taskName"), "'a/b'");
+    auto const slashedRoot = Kel::taskSchedulerRootFactory("c/d");
+    EXPECT_EQ(std::get<0>(SchedulerTree(slashedRoot).get(key(slashedRoot.ptr()) + "/schedulerName")),
+              "'c/d'");
     auto const shadow = Kel::taskGroupFactory("suspended", TaskPriority::low, false, root);
     EXPECT_EQ(got("root/suspended"), "False");
     EXPECT_EQ(got("root/suspended/taskGroupQuantum"), "0.02");
@@ -101,15 +104,16 @@ TEST_F(SchedulerTreeTest, BadPathsAreRefusedWithTheReason) {
     };
     std::string const gone = key(task("gone").ptr());
     for (Case const& c : {
-             Case{"", "no root '', it is 'root'"},
-             Case{"/root/suspended", "no root '', it is 'root'"},
-             Case{"other/suspended", "no root 'other', it is 'root'"},
+             Case{"", "no root '', it is 'root' " + key(root.ptr())},
+             Case{"/root/suspended", "no root '', it is 'root' " + key(root.ptr())},
+             Case{"other/suspended", "no root 'other', it is 'root' " + key(root.ptr())},
              Case{"root", "no attribute at the end of 'root'"},
              Case{"root/", "no attribute at the end of 'root/'"},
              Case{"root/one/", "no attribute at the end of 'root/one/'"},
              Case{"root//suspended", "no task or group '' under 'root'"},
              Case{"root/work/one/taskRun", "no task or group 'one' under 'root/work'"},
              Case{"root/one/two/taskRun", "no task or group 'two' under 'root/one'"},
+             Case{gone + "/suspended", "no root '" + gone + "', it is 'root' " + key(root.ptr())},
              Case{"root/" + gone + "/taskRun", "no task or group '" + gone + "' under 'root'"},
              Case{"root/work/" + key(one.ptr()) + "/taskRun",
                   "no task or group '" + key(one.ptr()) + "' under 'root/work'"},
