@@ -1,23 +1,33 @@
 #include "Daemon.h"
 
+#include <export/ChromeTrace.h>
+#include <export/Prometheus.h>
+
+#include <sstream>
+
 namespace KelKv {
 
 namespace {
 
-// Together they leave room under the usual limit of 1024 descriptors.
+// Together, and with the HTTP port's, they leave room under the usual limit of 1024 descriptors.
 Port::Role const client{"client", Kel::TaskPriority::normal, false, 960};
 Port::Role const operatorRole{"operator", Kel::TaskPriority::high, true, 16};
 
 } // namespace
 
-Daemon::Daemon(Mox::Ptr<Kel::EventLoop> const& loop, unsigned short port, unsigned short operatorPort)
+Daemon::Daemon(Mox::Ptr<Kel::EventLoop> const& loop, unsigned short port, unsigned short operatorPort,
+               std::optional<boost::asio::ip::tcp::endpoint> const& http)
     : loop_(loop), root_(Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("kelkv", loop)),
       background_(Kel::TaskGroup::TaskGroupIs("background", Kel::TaskPriority::low, true, root_)),
       store_(root_), clients_(*this, client, port), operators_(*this, operatorRole, operatorPort) {
     background_->taskGroupQuantumIs(backgroundQuantum);
+    if (http)
+        http_.emplace(*this, *http);
 }
 
 Daemon::~Daemon() {
+    if (http_)
+        http_->close();
     clients_.close();
     operators_.close();
 }
@@ -34,6 +44,18 @@ std::string Daemon::history() const {
     auto const context = Kel::StringDumpContext::StringDumpContextIs();
     root_->printHistory(context, 0);
     return context->text();
+}
+
+std::string Daemon::trace() const {
+    std::ostringstream text;
+    Kel::writeChromeTrace(root_, text);
+    return std::move(text).str();
+}
+
+std::string Daemon::metrics() const {
+    std::ostringstream text;
+    Kel::writePrometheus(root_, text);
+    return std::move(text).str();
 }
 
 } // namespace KelKv

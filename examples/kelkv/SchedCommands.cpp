@@ -26,6 +26,8 @@ void bulks(Connection& connection, std::vector<std::string> const& texts) {
 
 void history(Connection& connection, Arguments) { connection.reply().bulk(connection.daemon().history()); }
 
+void trace(Connection& connection, Arguments) { connection.reply().bulk(connection.daemon().trace()); }
+
 void reset(Connection& connection, Arguments) {
     connection.daemon().root()->resetStats();
     connection.reply().status("OK");
@@ -58,7 +60,7 @@ void call(Connection& connection, Arguments words) {
 }
 
 constexpr Command subcommands[] = {
-    {"HISTORY", 0, 0, history}, {"RESET", 0, 0, reset}, {"LS", 0, 1, list},
+    {"HISTORY", 0, 0, history}, {"TRACE", 0, 0, trace}, {"RESET", 0, 0, reset}, {"LS", 0, 1, list},
     {"GET", 1, 1, get},         {"SET", 2, 2, set},     {"CALL", 2, any, call},
 };
 

@@ -6,7 +6,6 @@
 
 #include <charconv>
 #include <csignal>
-#include <cstring>
 #include <iostream>
 #include <optional>
 
@@ -15,19 +14,34 @@ namespace {
 struct Options {
     unsigned short port = 7379;
     unsigned short operatorPort = 7380;
+    std::optional<unsigned short> httpPort; // none: no such port
+    boost::asio::ip::address httpAddress = boost::asio::ip::address_v4::loopback();
 };
+
+bool readNumber(std::string_view text, unsigned short& number) {
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+bool readOption(Options& options, std::string_view name, char const* text) {
+    if (name == "--port")
+        return readNumber(text, options.port);
+    if (name == "--operator-port")
+        return readNumber(text, options.operatorPort);
+    if (name == "--http-port")
+        return readNumber(text, options.httpPort.emplace());
+    if (name != "--http-address")
+        return false;
+    boost::system::error_code error;
+    options.httpAddress = boost::asio::ip::make_address(text, error);
+    return !error;
+}
 
 std::optional<Options> readOptions(std::span<char*> words) {
     Options options;
-    for (; words.size() >= 2; words = words.subspan(2)) {
-        std::string_view const name = words[0];
-        unsigned short* const number = name == "--port"            ? &options.port
-                                       : name == "--operator-port" ? &options.operatorPort
-                                                                   : nullptr;
-        char const* const end = words[1] + std::strlen(words[1]);
-        if (!number || std::from_chars(words[1], end, *number).ptr != end)
+    for (; words.size() >= 2; words = words.subspan(2))
+        if (!readOption(options, words[0], words[1]))
             return std::nullopt;
-    }
     return words.empty() ? std::optional(options) : std::nullopt;
 }
 
@@ -58,10 +72,15 @@ class Signals {
 void serve(Options const& options) {
     auto const loop = Kel::EventLoop::EventLoopIs();
     {
-        KelKv::Daemon daemon(loop, options.port, options.operatorPort);
+        std::optional<boost::asio::ip::tcp::endpoint> http;
+        if (options.httpPort)
+            http.emplace(options.httpAddress, *options.httpPort);
+        KelKv::Daemon daemon(loop, options.port, options.operatorPort, http);
         Signals const signals(daemon);
         std::cout << "kelkv: port " << daemon.clients().number() << ", operator's port "
                   << daemon.operators().number() << std::endl;
+        if (daemon.http())
+            std::cout << "kelkv: http://" << daemon.http()->endpoint() << "/" << std::endl;
         loop->run();
     }
     loop->runOnce(); // what the closed sockets still had under way
@@ -72,7 +91,8 @@ void serve(Options const& options) {
 int main(int argc, char** argv) {
     auto const options = readOptions({argv + 1, argv + argc});
     if (!options) {
-        std::cerr << "usage: kelkv [--port N] [--operator-port N]     (0: a free port)\n";
+        std::cerr << "usage: kelkv [--port N] [--operator-port N] [--http-port N [--http-address ADDRESS]]\n"
+                     "       (port 0: a free one; HTTP listens on loopback unless an address is given)\n";
         return 2;
     }
     try {

@@ -1,5 +1,6 @@
 #include <kelkv/Daemon.h>
 
+#include <support/Python.h>
 #include <support/VirtualTime.h>
 
 #include <gmock/gmock.h>
@@ -22,7 +23,7 @@ std::size_t constexpr turnsMax = 200000;
 /// A client by a socket of the system, in the daemon's own thread: it turns the daemon's loop while it waits.
 class Client {
   public:
-    Client(Kel::EventLoop& loop, Port const& port) : loop_(loop), socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    Client(Kel::EventLoop& loop, auto const& port) : loop_(loop), socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port.number());
@@ -350,6 +351,68 @@ TEST_F(DaemonTest, OperatorSteersTheTree) {
     EXPECT_TRUE(client.waits(50));
     op.expect("SCHED SET kelkv/suspended False\r\n", "+OK\r\n");
     EXPECT_EQ(client.receive(7), "+PONG\r\n");
+}
+
+TEST_F(DaemonTest, OperatorTakesATraceWhileSuspended) {
+    Client op(*loop, daemon->operators());
+    client.expect("PING\r\n", "+PONG\r\n");
+    daemon->root()->suspendedIs(true);
+    op.send("SCHED TRACE\r\n");
+    std::string size;
+    while (!size.ends_with("\r\n"))
+        size += op.receive(1);
+    auto const lines = TestSupport::python("export/check_trace.py", op.receive(std::stoul(size.substr(1))));
+    EXPECT_THAT(lines, testing::Contains(HasSubstr(" kelkv normal: \"client\" for ")));
+}
+
+class HttpTest : public DaemonTest {
+  protected:
+    HttpTest() {
+        boost::asio::ip::tcp::endpoint const anyPort(boost::asio::ip::address_v4::loopback(), 0);
+        daemon = std::make_unique<Daemon>(loop, 0, 0, anyPort);
+    }
+    /// What the daemon answers before it closes its side.
+    std::string ask(std::string_view request) {
+        Client browser(*loop, *daemon->http());
+        browser.send(request);
+        return browser.receiveAll();
+    }
+    std::string body(std::string_view path) {
+        std::string const answer = ask("GET " + std::string(path) + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 OK\r\n"));
+        return answer.substr(answer.find("\r\n\r\n") + 4);
+    }
+};
+
+TEST_F(HttpTest, ServesThePageTheTraceAndTheMetrics) {
+    EXPECT_THAT(body("/"), StartsWith("<!doctype html>"));
+    EXPECT_THAT(body("/"), Not(testing::ContainsRegex("(src|href)=|https?:")))
+        << "needs nothing from outside";
+    EXPECT_THAT(TestSupport::python("export/check_trace.py", body("/trace.json?x")),
+                testing::Contains(HasSubstr(" kelkv normal: \"http\" for ")));
+    EXPECT_THAT(TestSupport::python("export/check_metrics.py", body("/metrics")),
+                testing::Contains("dead_tasks_total kelkv normal = 3"));
+}
+
+TEST_F(HttpTest, ServesNothingButGet) {
+    for (char const* method : {"POST", "PUT", "DELETE", "HEAD", "OPTIONS", "NONSENSE"})
+        EXPECT_THAT(
+            ask(std::string(method) + " /metrics HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc"),
+            AllOf(StartsWith("HTTP/1.1 405 "), HasSubstr("Allow: GET\r\n"), Not(HasSubstr("keltask"))));
+    EXPECT_THAT(ask("GET /etc/passwd HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 404 "));
+    EXPECT_THAT(ask("junk\r\n\r\n"), StartsWith("HTTP/1.1 400 "));
+    EXPECT_THAT(ask("GET / HTTP/1.1\r\nX: " + std::string(100000, 'x')), StartsWith("HTTP/1.1 400 "));
+    EXPECT_TRUE(daemon->http()->endpoint().address().is_loopback());
+}
+
+TEST_F(HttpTest, ClientsThatGoAwayOrStayAtTheEndOfTheDaemonLeaveNothing) {
+    Client gone(*loop, *daemon->http()), half(*loop, *daemon->http());
+    gone.send("GET /trace.json HTTP/1.1\r\n\r\n");
+    gone.close();
+    half.send("GET / HT");
+    EXPECT_THAT(body("/metrics"), HasSubstr("keltask_"));
+    daemon.reset();
+    EXPECT_EQ(half.receiveAll(), "");
 }
 
 TEST_F(DaemonTest, OperatorHasItsOwnTaskRunInTheMiddleOfItsCommand) {
