@@ -5,6 +5,7 @@
 #include <mox/Exception.h>
 #include <mox/Type.h>
 #include <scheduler/TaskSchedulerRoot.h>
+#include <task/Probes.h>
 #include <task/TaskTrace.h>
 
 #include <ostream>
@@ -165,8 +166,10 @@ void TaskScheduler::handleSchedulerRun() {
         schedulerMaxSchedulerSlip_ = slip;
 
     Mox::Ptr<Task> const task = pickOneTask(now, TaskPriority::absolute);
-    if (!task)
+    if (!task) {
+        KELTASK_PROBE(idle, schedulerName().data(), schedulerName().size());
         return schedulerHasRunnableTasksIs(false);
+    }
     TaskTimeStamp end{};
     task->taskDoRun(now, &end);
     MOX_TRACE_AT(taskSchedulerTrace, 8, this << " Scheduler completed task, request run");

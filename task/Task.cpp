@@ -6,6 +6,7 @@
 #include <mox/Type.h>
 #include <scheduler/TaskScheduler.h>
 #include <scheduler/TaskSchedulerRoot.h>
+#include <task/Probes.h>
 #include <task/TaskTrace.h>
 
 #include <boost/chrono/chrono_io.hpp>
@@ -200,6 +201,7 @@ inline void Task::measureRun(TaskTimeDuration runTime) {
 
 void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
     record(EventType::runStart, start);
+    KELTASK_TASK_PROBE(run_start, this, taskLastSchedulingLatency_.count());
     MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
     MOX_TRACE_AT(taskSchedulerTrace, 8, "Running " << this);
 
@@ -219,10 +221,12 @@ void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
     *end = now;
     measureRun(elapsed(start, now));
     record(EventType::runEnd, now);
+    KELTASK_TASK_PROBE(run_end, this, elapsed(start, now).count());
     updateTaskBusy();
 }
 
 void Task::countViolation(TaskTimeDuration runTime) {
+    KELTASK_TASK_PROBE(violation, this, runTime.count(), taskQuantumInternal_.count());
     MOX_TRACE_OF("taskDoRun", taskSchedulerTrace, 5,
                  "Ran " << this << " used " << runTime << " "
                         << Mox::toSeconds(runTime) / Mox::toSeconds(taskQuantumInternal_) * 100

@@ -5,6 +5,7 @@
 #include <mox/Type.h>
 #include <scheduler/TaskScheduler.h>
 #include <scheduler/TaskSchedulerRoot.h>
+#include <task/Probes.h>
 #include <task/TaskTrace.h>
 
 #include <algorithm>
@@ -98,6 +99,7 @@ void TimerTask::MoxTimer::onTime() {
 }
 
 void TimerTask::handleTimer() {
+    KELTASK_TASK_PROBE(timer, this);
     if (timerTaskInitComplete_)
         scheduleTask();
 }
