@@ -40,7 +40,7 @@ struct SchedulerTreeTest : TestSupport::HandTreeTest {
         return names;
     }
 
-    Mox::Ptr<Kel::TaskGroup> const group = Kel::taskGroupFactory("work", TaskPriority::low, false, root);
+    Mox::Ptr<Kel::TaskGroup> const group = Kel::taskGroupFactory("jobs", TaskPriority::low, false, root);
     Mox::Ptr<Kel::TaskGroup> const inner = Kel::taskGroupFactory("inner", TaskPriority::low, false, group);
     Mox::Ptr<Kel::Task> const twin1 = task("twin");
     Mox::Ptr<Kel::Task> const twin2 = task("twin");
@@ -52,11 +52,11 @@ struct SchedulerTreeTest : TestSupport::HandTreeTest {
 } // namespace
 
 TEST_F(SchedulerTreeTest, ListsGroupsThenTasksByName) {
-    EXPECT_THAT(listed("", "group "), ElementsAre("work"));
+    EXPECT_THAT(listed("", "group "), ElementsAre("jobs"));
     EXPECT_THAT(listed("root", "task "), ElementsAre("TaskGroup;work", "one", "twin", "twin"));
-    EXPECT_THAT(listed("root/work", "group "), ElementsAre("inner"));
-    EXPECT_THAT(listed("root/work", "task "), ElementsAre("TaskGroup;inner"));
-    EXPECT_THAT(listed("root/work/inner", "task "), ElementsAre("deep"));
+    EXPECT_THAT(listed("root/jobs", "group "), ElementsAre("inner"));
+    EXPECT_THAT(listed("root/jobs", "task "), ElementsAre("TaskGroup;inner"));
+    EXPECT_THAT(listed("root/jobs/inner", "task "), ElementsAre("deep"));
     EXPECT_THAT(listed("root/one", "task "), ElementsAre());
     EXPECT_THAT(tree.list("root/one"),
                 testing::IsSupersetOf({"attribute taskQuantum = 0.02 (double within 1e-09 and 1.0 seconds)",
@@ -74,7 +74,7 @@ TEST_F(SchedulerTreeTest, ListsSomeOfManyChildren) {
 }
 
 TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKey) {
-    tree.set("root/work/inner/deep/taskQuantum", "0.5");
+    tree.set("root/jobs/inner/deep/taskQuantum", "0.5");
     EXPECT_EQ(deep->taskQuantum(), 0.5);
     tree.set("root/" + key(twin2.ptr()) + "/taskWorkCount", "7");
     EXPECT_EQ(twin1->taskWorkCount() * 10 + twin2->taskWorkCount(), 7u);
@@ -111,12 +111,12 @@ TEST_F(SchedulerTreeTest, BadPathsAreRefusedWithTheReason) {
              Case{"root/", "no attribute at the end of 'root/'"},
              Case{"root/one/", "no attribute at the end of 'root/one/'"},
              Case{"root//suspended", "no task or group '' under 'root'"},
-             Case{"root/work/one/taskRun", "no task or group 'one' under 'root/work'"},
+             Case{"root/jobs/one/taskRun", "no task or group 'one' under 'root/jobs'"},
              Case{"root/one/two/taskRun", "no task or group 'two' under 'root/one'"},
              Case{gone + "/suspended", "no root '" + gone + "', it is 'root' " + key(root.ptr())},
              Case{"root/" + gone + "/taskRun", "no task or group '" + gone + "' under 'root'"},
-             Case{"root/work/" + key(one.ptr()) + "/taskRun",
-                  "no task or group '" + key(one.ptr()) + "' under 'root/work'"},
+             Case{"root/jobs/" + key(one.ptr()) + "/taskRun",
+                  "no task or group '" + key(one.ptr()) + "' under 'root/jobs'"},
              Case{"root/one", "Kel::TaskSchedulerRoot has no attribute 'one'"},
              Case{"root/suspended/x", "no task or group 'suspended' under 'root'"},
              Case{"root/deadTaskStats/'x'", "Kel::TaskSchedulerRoot::deadTaskStats: no entry 'x'"},
@@ -140,7 +140,7 @@ TEST_F(SchedulerTreeTest, ParentTaskMovedAwayTakesItsGroupAlong) {
     group->parentTaskIs(elsewhere);
     EXPECT_THAT(listed("root", "group "), ElementsAre());
     group->parentTaskDel();
-    EXPECT_THAT(listed("root", "group "), ElementsAre("work"));
+    EXPECT_THAT(listed("root", "group "), ElementsAre("jobs"));
 }
 
 } // namespace KelKv
