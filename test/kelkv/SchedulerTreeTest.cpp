@@ -53,7 +53,7 @@ struct SchedulerTreeTest : TestSupport::HandTreeTest {
 
 TEST_F(SchedulerTreeTest, ListsGroupsThenTasksByName) {
     EXPECT_THAT(listed("", "group "), ElementsAre("jobs"));
-    EXPECT_THAT(listed("root", "task "), ElementsAre("TaskGroup;work", "one", "twin", "twin"));
+    EXPECT_THAT(listed("root", "task "), ElementsAre("TaskGroup;jobs", "one", "twin", "twin"));
     EXPECT_THAT(listed("root/jobs", "group "), ElementsAre("inner"));
     EXPECT_THAT(listed("root/jobs", "task "), ElementsAre("TaskGroup;inner"));
     EXPECT_THAT(listed("root/jobs/inner", "task "), ElementsAre("deep"));
