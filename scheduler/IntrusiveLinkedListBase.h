@@ -43,7 +43,7 @@ class IntrusiveLinkedListBase {
     TaskRunQueueLink* firstTask() {
         auto at = list_.begin();
         while (at != list_.end() && at->isBookmark())
-            [[unlikely]]++ at;
+            ++at;
         return at == list_.end() ? nullptr : &*at;
     }
 

@@ -104,7 +104,6 @@ class MOX_EXPORT TaskSchedulerHistory::Event {
 };
 
 inline void TaskSchedulerHistory::insert(Event&& event) { ring_.push_front(std::move(event)); }
-
 inline Mox::U32 TaskSchedulerHistory::size() const { return static_cast<Mox::U32>(ring_.size()); }
 inline bool TaskSchedulerHistory::empty() const { return ring_.empty(); }
 inline TaskSchedulerHistory::Ring::const_iterator TaskSchedulerHistory::begin() const {

@@ -47,8 +47,7 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
     /// Drops the trim task; returns it, orphaned; null if there was none.
     virtual Mox::Ptr<TimerTask> trimHistoryTaskDel();
     /// The trim task, made with these arguments when there is none; the scheduler given is this root. Throws
-    /// Mox::RangeException
-    /// ("null ValidPtr") when its reactor has lost it.
+    /// Mox::RangeException ("null ValidPtr") when its reactor has lost it.
     virtual Mox::Ptr<TimerTask> trimHistoryTaskIs(Mox::Ptr<TaskScheduler> const& scheduler,
                                                   TaskPriority priority, Mox::String8 const& name);
     /// While suspended, passes run nothing and are recorded; tasks stay queued. Resuming requests a run.

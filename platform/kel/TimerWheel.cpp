@@ -153,10 +153,9 @@ void TimerWheel::fire() {
 
 TimerWheel::NotifieeConst::~NotifieeConst() { timeMinIs(Mox::endOfTime); }
 
-void TimerWheel::NotifieeConst::notifierIs(Mox::Ptr<TimerWheel const> const& wheel) {
-    timeMinIs(Mox::endOfTime);
-    wheel_ = const_cast<TimerWheel*>(wheel.ptr());
-    NotifieeOf::notifierIs(wheel);
+void TimerWheel::NotifieeConst::handleNotifier() {
+    timeMinIs(Mox::endOfTime); // on the former wheel, which is still there
+    wheel_ = const_cast<TimerWheel*>(static_cast<TimerWheel const*>(rawNotifier()));
 }
 
 void TimerWheel::NotifieeConst::file(Seconds time) {

@@ -100,15 +100,12 @@ class MOX_EXPORT TimerWheel : public Mox::PtrInterface {
 /// A timer of a wheel.
 ///
 /// `timeMinIs(t)` arms exactly one `onTime()` at the absolute framework time t; arming again replaces,
-/// endOfTime disarms. Within `onTime()` the timer is already disarmed. A timer that expires while it is muted
-/// is spent.
+/// endOfTime and another wheel disarm. Within `onTime()` the timer is already disarmed. A timer that expires
+/// while it is muted is spent.
 class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>, private WheelEntry {
   public:
     NotifieeConst() = default;
     ~NotifieeConst() override;
-
-    /// Disarms, and moves to another wheel or to none.
-    void notifierIs(Mox::Ptr<TimerWheel const> const& wheel);
 
     /// Requires: not a NaN; attached to a wheel, unless the time is endOfTime.
     void timeMinIs(Mox::Seconds time) {
@@ -123,6 +120,10 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
 
     void handleNotification(Mox::U32 notification) override;
     static constexpr auto callback(Mox::U32) { return &NotifieeConst::onTime; }
+
+  protected:
+    /// Disarms, and takes up the new wheel; overrides call it.
+    void handleNotifier() override;
 
   private:
     friend class TimerWheel;
