@@ -2,7 +2,7 @@
 
 namespace KelKv {
 
-// Names of tasks come in by textContent and fillText only: they are text, whatever stands in them.
+// Names come in by textContent and append() only: they are text, whatever stands in them.
 char const* const httpPage = R"page(<!doctype html>
 <html lang="en">
 <head>
@@ -10,79 +10,174 @@ char const* const httpPage = R"page(<!doctype html>
 <title>kelkv</title>
 <style>
 body { font: 14px sans-serif; margin: 1em; }
-canvas { width: 100%; border: 1px solid #ccc; }
-table { border-collapse: collapse; margin-top: 1em; }
-td, th { padding: 2px 8px; border-bottom: 1px solid #ddd; text-align: right; }
+h1 { margin: 0; }
+h2 { font-size: 1.1em; margin: 1.2em 0 0.3em; }
+#timeline { display: grid; grid-template-columns: 17em 1fr; border: 1px solid #ccc; }
+#lanes div { box-sizing: border-box; height: 44px; padding: 4px 8px; border-bottom: 1px solid #ddd;
+             white-space: nowrap; overflow: hidden; text-overflow: ellipsis; }
+#lanes small, #state, #axis, #legend { color: #555; }
+canvas { display: block; width: 100%; cursor: crosshair; }
+#axis { grid-column: 2; position: relative; height: 1.5em; overflow: hidden; font-size: 12px; }
+#axis span { position: absolute; top: 2px; transform: translateX(-50%); white-space: nowrap; }
+#legend span { margin-right: 1.2em; white-space: pre-wrap; }
+#legend i { display: inline-block; width: 12px; height: 12px; margin-right: 4px; vertical-align: -1px; }
+#pointed { min-height: 1.2em; margin: 0.5em 0; white-space: pre-wrap; }
+table { border-collapse: collapse; }
+td, th { padding: 2px 10px; border-bottom: 1px solid #ddd; text-align: right; }
+td { font-variant-numeric: tabular-nums; white-space: pre-wrap; }
+th { white-space: nowrap; }
 td:nth-child(-n+2), th:nth-child(-n+2), #tasks :nth-child(3) { text-align: left; }
 </style>
 </head>
 <body>
 <h1>kelkv</h1>
-<p>The last ten seconds: runs, violations of the quantum (red), the length of each run queue (line).
-<span id="state">loading</span></p>
-<canvas id="timeline"></canvas>
-<p id="pointed">&nbsp;</p>
+<p id="state">loading</p>
+<div id="timeline"><div id="lanes"></div><canvas id="canvas"></canvas><div id="axis"></div></div>
+<p id="pointed">Point at a run for its figures; the wheel zooms, and a double click goes back.</p>
+<div id="legend"></div>
+<h2>Run queues</h2>
 <table id="queues"></table>
+<h2>Tasks</h2>
 <table id="tasks"></table>
 <script>
 "use strict";
-const span = 10e6, row = 26, left = 200;
-const canvas = document.getElementById("timeline");
+const span = 10e6, laneHeight = 44, runs = { top: 4, height: 22 }, queue = { bottom: 40, height: 11 };
+const red = "#d00", grey = "#aaa", unknown = "#f2f2f2", namesShown = 24;
+const byId = id => document.getElementById(id);
+const canvas = byId("canvas"), context = canvas.getContext("2d"), colours = new Map();
+let trace = { lanes: [], begin: 0, end: 0, names: [] };
+let zoom = null; // or the times between which the standing timeline is shown, in microseconds
 let drawn = [];
 
 function colour(name) {
-  let hash = 0;
-  for (const c of name) hash = (hash * 31 + c.codePointAt(0)) >>> 0;
-  return `hsl(${hash % 300 + 30}, 60%, 50%)`;
+  if (!colours.has(name)) colours.set(name, `hsl(${30 + colours.size * 137 % 300}, 65%, 45%)`);
+  return colours.get(name);
 }
 
-function drawLane(context, lane, name, events, x) {
-  const top = (lane - 1) * row;
-  context.fillStyle = "black";
-  context.fillText(name, 4, top + 16, left - 8);
-  const lengths = events.filter(e => e.ph === "C");
-  const most = Math.max(1, ...lengths.map(e => e.args.tasks));
+function append(parent, tag, text) {
+  const child = parent.appendChild(document.createElement(tag));
+  child.textContent = text;
+  return child;
+}
+
+function readTrace(events) {
+  const lanes = new Map(), names = new Set();
+  let begin = Infinity, end = 0;
   for (const e of events) {
-    if (e.ph === "X" && e.ts + e.dur >= x.begin) {
-      const from = x(Math.max(e.ts, x.begin)), width = Math.max(1, x(e.ts + e.dur) - from);
-      context.fillStyle = colour(e.name);
-      context.fillRect(from, top + 3, width, row - 10);
-      drawn.push({ from, width, top, e });
-    } else if (e.ph === "i" && e.ts >= x.begin && e.name.endsWith("violation")) {
-      context.fillStyle = "red";
-      context.fillRect(x(e.ts) - 1, top, 3, row - 4);
+    if (e.ph === "M") {
+      if (e.name === "thread_name")
+        lanes.set(e.tid, { name: e.args.name, runs: [], violations: [], lengths: [] });
+      continue;
     }
+    begin = Math.min(begin, e.ts);
+    end = Math.max(end, e.ts + (e.dur ?? 0));
+    if (e.ph === "X") lanes.get(e.tid).runs.push(e), names.add(e.name);
+    else if (e.ph === "C") lanes.get(e.tid).lengths.push(e);
+    else if (e.name.endsWith("violation")) lanes.get(e.tid).violations.push(e);
   }
-  context.strokeStyle = "#555";
-  context.beginPath();
-  let y = top + row - 3;
-  context.moveTo(left, y);
-  for (const e of lengths) {
-    const at = x(Math.max(e.ts, x.begin));
-    context.lineTo(at, y);
-    y = top + row - 3 - 8 * e.args.tasks / most;
-    context.lineTo(at, y);
-  }
-  context.lineTo(canvas.width, y);
-  context.stroke();
+  return { lanes: [...lanes.values()], begin, end, names: [...names] };
 }
 
-function drawTimeline(events) {
-  const names = new Map(), lanes = new Map();
-  let end = 0;
-  for (const e of events) {
-    if (e.name === "thread_name") names.set(e.tid, e.args.name);
-    else if (e.ph !== "M") end = Math.max(end, e.ts + (e.dur ?? 0));
-    if (!lanes.has(e.tid)) lanes.set(e.tid, []);
-    if (e.ph !== "M" && e.s !== "p") lanes.get(e.tid).push(e);
+function view() {
+  const [begin, end] = zoom ?? [trace.end - span, trace.end], scale = canvas.clientWidth / (end - begin);
+  return { begin, end, x: time => (Math.min(Math.max(time, begin), end) - begin) * scale };
+}
+
+function drawRuns(lane, top, { begin, end, x }) {
+  for (const e of lane.runs) {
+    if (e.ts + e.dur < begin || e.ts > end) continue;
+    const from = x(e.ts), width = Math.max(1, x(e.ts + e.dur) - from);
+    context.fillStyle = colour(e.name);
+    context.fillRect(from, top + runs.top, width, runs.height);
+    drawn.push({ from, width, top, e });
   }
-  canvas.width = canvas.clientWidth;
-  canvas.height = Math.max(1, names.size) * row;
-  const begin = end - span, scale = (canvas.width - left) / span;
-  const x = Object.assign(time => left + (time - begin) * scale, { begin });
+  context.fillStyle = red;
+  for (const e of lane.violations)
+    if (e.ts >= begin && e.ts <= end) context.fillRect(x(e.ts) - 1, top + 1, 3, runs.height + 6);
+}
+
+function drawQueue({ lengths }, top, { begin, end, x }) {
+  const height = queue.height / Math.max(1, ...lengths.map(e => e.args.tasks));
+  context.fillStyle = grey;
+  lengths.forEach((e, i) => {
+    const until = lengths[i + 1]?.ts ?? trace.end;
+    if (e.args.tasks > 0 && e.ts <= end && until >= begin)
+      context.fillRect(x(e.ts), top + queue.bottom, Math.max(1, x(until) - x(e.ts)), -height * e.args.tasks);
+  });
+}
+
+/* A step of 1, 2 or 5 by a power of ten, so that there are six to fifteen of them. */
+function axisStep(length) {
+  const power = 10 ** Math.floor(Math.log10(length / 6));
+  return power * [5, 2, 1].find(factor => length / (power * factor) >= 6);
+}
+
+function axisText(before, step) {
+  const [unit, name] = step >= 1e5 ? [1e6, "s"] : step >= 100 ? [1e3, "ms"] : [1, "µs"];
+  const decimals = Math.max(0, Math.ceil(-Math.log10(step / unit)));
+  return before === 0 ? "now" : `−${(before / unit).toFixed(decimals)} ${name}`;
+}
+
+function drawAxis({ begin, end, x }, height) {
+  const step = axisStep(end - begin);
+  byId("axis").replaceChildren();
+  context.fillStyle = "#ddd";
+  for (let n = Math.ceil((trace.end - end) / step); n * step < trace.end - begin; ++n) {
+    const at = x(trace.end - n * step), label = append(byId("axis"), "span", axisText(n * step, step));
+    context.fillRect(at, 0, 1, height);
+    label.style.left = `clamp(1.5em, ${at}px, 100% - 1.5em)`;
+  }
+}
+
+function drawTimeline() {
+  const height = trace.lanes.length * laneHeight, ratio = devicePixelRatio, now = view();
+  canvas.style.height = `${height}px`;
+  canvas.width = canvas.clientWidth * ratio;
+  canvas.height = Math.max(1, height) * ratio;
+  context.scale(ratio, ratio);
+  context.fillStyle = unknown;
+  context.fillRect(0, 0, now.x(trace.begin), height);
+  drawAxis(now, height);
   drawn = [];
-  for (const [lane, name] of names)
-    drawLane(canvas.getContext("2d"), lane, name, lanes.get(lane), x);
+  trace.lanes.forEach((lane, i) => {
+    context.fillStyle = "#ddd";
+    context.fillRect(0, (i + 1) * laneHeight - 1, canvas.clientWidth, 1);
+    drawQueue(lane, i * laneHeight, now);
+    drawRuns(lane, i * laneHeight, now);
+  });
+}
+
+function nameLanes() {
+  byId("lanes").replaceChildren();
+  for (const lane of trace.lanes) {
+    const label = append(byId("lanes"), "div", lane.name);
+    label.title = lane.name;
+    label.appendChild(document.createElement("br"));
+    const queued = Math.max(0, ...lane.lengths.map(e => e.args.tasks));
+    append(label, "small", `${lane.runs.length} runs, ${queued} queued at most`);
+  }
+}
+
+function showLegend() {
+  byId("legend").replaceChildren();
+  const entry = (text, background) => {
+    const line = append(byId("legend"), "span", "");
+    append(line, "i", "").style.background = background;
+    line.append(text);
+  };
+  for (const name of trace.names.slice(0, namesShown)) entry(name, colour(name));
+  if (trace.names.length > namesShown)
+    append(byId("legend"), "span", `and ${trace.names.length - namesShown} more`);
+  entry("a violation of the quantum", red);
+  entry("tasks in the run queue", grey);
+  entry("before the history begins", unknown);
+}
+
+function showTrace(events) {
+  trace = readTrace(events);
+  nameLanes();
+  showLegend();
+  drawTimeline();
 }
 
 function parseMetrics(text) {
@@ -99,12 +194,11 @@ function parseMetrics(text) {
 }
 
 function fillTable(id, columns, rows) {
-  const table = document.getElementById(id);
+  const table = byId(id);
   table.replaceChildren();
   for (const cells of [columns, ...rows]) {
     const line = table.insertRow();
-    for (const cell of cells)
-      line.appendChild(document.createElement(cells === columns ? "th" : "td")).textContent = cell;
+    for (const cell of cells) append(line, cells === columns ? "th" : "td", cell);
   }
 }
 
@@ -119,30 +213,57 @@ function showMetrics(samples) {
   }
   const us = seconds => (seconds * 1e6).toFixed(1);
   fillTable("tasks", ["scheduler", "priority", "task", "runs", "run seconds", "last latency µs", "max latency µs",
-                      "200 %", "500 %"],
+                      "over 200 %", "over 500 %"],
     [...tasks.values()].sort((a, b) => b.task_run_seconds_total - a.task_run_seconds_total).map(t =>
       [t.scheduler, t.priority, t.task, t.task_runs_total, t.task_run_seconds_total.toFixed(6),
        us(t.task_last_latency_seconds), us(t.task_max_latency_seconds),
        t.task_quantum_violations_total200, t.task_quantum_violations_total500]));
   fillTable("queues", ["scheduler", "priority", "runnable", "idle", "dead"],
-    [...queues.values()].map(q =>
+    [...queues.values()].filter(q => q.runnable_tasks + q.idle_tasks + q.dead_tasks_total > 0).map(q =>
       [q.scheduler, q.priority, q.runnable_tasks, q.idle_tasks, q.dead_tasks_total]));
+}
+
+function showRun({ name, dur, args }) {
+  const parts = [`${name}: ${dur} µs`];
+  if (args.latency_us !== undefined) parts.push(`scheduled ${args.latency_us} µs before`);
+  if (args.quantum_percent !== undefined)
+    parts.push(`${args.about ? "about " : ""}${args.quantum_percent} % of the quantum`);
+  if (args.cut) parts.push(`its ${args.cut} is not in the history`);
+  byId("pointed").textContent = parts.join(", ");
 }
 
 canvas.onmousemove = event => {
   const hit = drawn.findLast(d => event.offsetX >= d.from - 1 && event.offsetX <= d.from + d.width + 1 &&
-                                  event.offsetY >= d.top && event.offsetY < d.top + row);
-  document.getElementById("pointed").textContent =
-    hit ? `${hit.e.name}: ${hit.e.dur} µs, ${JSON.stringify(hit.e.args)}` : "\u00a0";
+                                  event.offsetY >= d.top && event.offsetY < d.top + laneHeight);
+  if (hit) showRun(hit.e);
 };
 
+canvas.onwheel = event => {
+  event.preventDefault();
+  const { begin, end } = view(), factor = event.deltaY < 0 ? 0.5 : 2;
+  const at = begin + (end - begin) * event.offsetX / canvas.clientWidth;
+  const from = Math.max(trace.end - span, at - (at - begin) * factor);
+  const to = Math.min(trace.end, at + (end - at) * factor);
+  zoom = to - from >= span ? null : to - from >= 1 ? [from, to] : zoom;
+  drawTimeline();
+};
+
+canvas.ondblclick = () => {
+  zoom = null;
+  drawTimeline();
+};
+
+onresize = drawTimeline;
+
 async function refresh() {
-  const state = document.getElementById("state");
+  const state = byId("state");
   try {
-    const [trace, metrics] = [await fetch("/trace.json"), await fetch("/metrics")];
-    drawTimeline((await trace.json()).traceEvents);
+    const [events, metrics] = [await fetch("/trace.json"), await fetch("/metrics")];
+    const standing = zoom !== null, read = await events.json();
+    if (!standing) showTrace(read.traceEvents);
     showMetrics(parseMetrics(await metrics.text()));
-    state.textContent = `${drawn.length} runs`;
+    state.textContent = standing ? "The timeline stands still until a double click; the tables are live."
+                                 : "The last ten seconds, live.";
   } catch (error) {
     state.textContent = `no answer: ${error.message}`;
   }
