@@ -2,7 +2,7 @@
 #   component KelTask_Runtime       the libraries
 #   component KelTask_Development   headers, a package file for find_package(KelTask), which gives the targets
 #                                   KelTask::KelTask, KelTask::Kel and KelTask::Mox, and one for pkg-config
-#   component KelTask_Tools         kelkv (see examples/CMakeLists.txt) and what lies in tools/
+#   component KelTask_Tools         kelkv with its manual page (see examples/CMakeLists.txt) and what lies in tools/
 # find_package(KelTask) serves the build tree as well, with KelTask_DIR=<build directory>.
 include(CMakePackageConfigHelpers)
 

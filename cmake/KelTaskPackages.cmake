@@ -32,6 +32,8 @@ endfunction()
 keltask_package(KelTask_Runtime ${library})
 keltask_package(KelTask_Development libkeltask-dev)
 keltask_package(KelTask_Tools keltask-tools)
+install(FILES packaging/${library}.lintian-overrides DESTINATION "${CMAKE_INSTALL_DATADIR}/lintian/overrides"
+    RENAME ${library} COMPONENT KelTask_Runtime)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME keltask)
