@@ -1,7 +1,10 @@
-"""check_probes.py TOOLS LIBRARY OBJECT...: the probes in the objects' notes, none in the library's."""
+"""check_probes.py TOOLS LIBRARY MODULE OBJECT...: the probes in the objects' notes, none in the library's; bpftrace
+compiles the tools for the module, which is linked from the objects."""
 
+import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 
@@ -17,12 +20,21 @@ def probes(files):
     }
 
 
-tools, library, *objects = sys.argv[1:]
+def compile_script(text, module):
+    script = text.replace("usdt:*:", f"usdt:{module}:")
+    done = subprocess.run(["bpftrace", "-d", "-e", script], capture_output=True, text=True)
+    assert done.returncode == 0, done.stderr
+
+
+tools, library, module, *objects = sys.argv[1:]
+with_bpftrace = shutil.which("bpftrace") and os.geteuid() == 0
 assert probes(objects) == PROBES, probes(objects)
 assert probes([library]) == {}, probes([library])
 used = {}
 for script in pathlib.Path(tools).glob("*.bt"):
     for name, body in re.findall(r"^usdt:\*:keltask:(\w+)\n\{(.*?)^\}", script.read_text(), re.M | re.S):
         used[name] = max(map(int, re.findall(r"\barg(\d)", body)))
+    if with_bpftrace:
+        compile_script(script.read_text(), module)
 assert used.keys() == PROBES.keys(), used
 assert all(last < PROBES[name] for name, last in used.items()), used
