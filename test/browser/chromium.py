@@ -14,15 +14,15 @@ class Page:
 
     PATIENCE = 60  # seconds
 
-    def __init__(self, width, height):
-        self.errors = []
+    def __init__(self, width, height, log):
+        self.errors, self._log = [], pathlib.Path(log)
         self._profile = tempfile.TemporaryDirectory(prefix="keltask-browser-", ignore_cleanup_errors=True)
         # The browser reads commands from descriptor 3 and writes to 4. Its sandbox does not start as root.
         self._browser = subprocess.Popen(
             ["sh", "-c", 'exec chromium "$@" 3<&0 4>&1 0</dev/null 1>&2', "sh", "--headless", "--no-sandbox",
              "--remote-debugging-pipe", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run",
              f"--user-data-dir={self._profile.name}", f"--window-size={width},{height}", "about:blank"],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, bufsize=0,
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self._log.open("wb"), bufsize=0,
             env={**os.environ, "HOME": self._profile.name})
         self._input, self._calls, self._session = b"", 0, None
         target = self.call("Target.createTarget", url="about:blank")["targetId"]
@@ -72,7 +72,7 @@ class Page:
     def _receive(self):
         while b"\0" not in self._input:
             chunk = self._browser.stdout.read(1 << 16)
-            assert chunk, "the browser has gone"
+            assert chunk, "the browser has gone: " + self._log.read_text(errors="replace")[-2000:]
             self._input += chunk
         message, _, self._input = self._input.partition(b"\0")
         return json.loads(message)
