@@ -131,17 +131,14 @@ TimerQueue& TurnLoop::queueOf(Ptr<Clock const> const& clock) {
 
 // Running
 
-inline U64 TurnLoop::turn() {
-    U64 calls = 0;
-    U64 const turn = ++turn_;
-    while (!immediate_.empty() && !stopped_ && immediate_.front().askedInTurn_ < turn) {
-        Wakeup& wakeup = immediate_.front();
-        immediate_.pop_front();
-        wakeup.onWakeup(); // may destroy the wakeup, and turn this loop
-        ++calls;
-    }
-    ++budgetTurns_;
-    return calls;
+inline void TurnLoop::callFirst() {
+    Wakeup& wakeup = immediate_.front();
+    immediate_.pop_front();
+    wakeup.onWakeup(); // may destroy the wakeup, and turn this loop
+}
+
+inline bool TurnLoop::hasCallsOf(U64 turn) const {
+    return !immediate_.empty() && immediate_.front().askedInTurn_ < turn;
 }
 
 void TurnLoop::run(bool waitsWhenIdle) {
@@ -170,8 +167,11 @@ void TurnLoop::runUntil(Seconds time, bool waitsWhenIdle) {
 U64 TurnLoop::runOnce() {
     Driving const driving(*this);
     serveTimers();
-    U64 const handlers = pollDescriptors();
-    return handlers + turn();
+    U64 calls = pollDescriptors();
+    ++budgetTurns_;
+    for (U64 const turn = ++turn_; hasCallsOf(turn) && !stopped_; ++calls)
+        callFirst();
+    return calls;
 }
 
 void TurnLoop::runBudget() {
@@ -189,11 +189,15 @@ void TurnLoop::runTurns() {
     bool const hasVirtualTimers = serveVirtualTimers();
     budgetStart_ = SteadyClock::latest();
     budgetTurns_ = 0;
-    while (!immediate_.empty() && !stopped_ && !budgetSpent()) {
-        turn();
-        if (hasVirtualTimers)
-            serveVirtualTimers();
-    }
+    for (; !stopped_; callFirst())
+        if (!hasCallsOf(turn_)) {
+            if (hasVirtualTimers)
+                serveVirtualTimers();
+            if (immediate_.empty() || budgetSpent())
+                return;
+            ++turn_;
+            ++budgetTurns_;
+        }
 }
 
 // Timers and descriptors

@@ -85,7 +85,8 @@ class MOX_EXPORT TurnLoop {
     }
     TimerQueue& queueOf(Ptr<Clock const> const& clock);
 
-    U64 turn();
+    void callFirst();
+    bool hasCallsOf(U64 turn) const;
     void runBudget();
     void runTurns();
     bool budgetSpent() const;

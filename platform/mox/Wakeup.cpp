@@ -23,7 +23,13 @@ void Wakeup::atNextTurn() {
     if (turnHook_.is_linked())
         return;
     if (timerHook_.is_linked()) [[unlikely]]
-        cancel();
+        return atNextTurnInstead();
+    loop_.nextTurn(*this);
+}
+
+/// In place of a time. Not inline, so that the frequent case keeps no registers for this one.
+[[gnu::noinline]] void Wakeup::atNextTurnInstead() {
+    cancel();
     loop_.nextTurn(*this);
 }
 

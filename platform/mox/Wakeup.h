@@ -46,6 +46,7 @@ class MOX_EXPORT Wakeup {
 
     virtual void onWakeup() = 0;
 
+    void atNextTurnInstead();
     TimerQueue& queue();
 
     TurnLoop& loop_;
