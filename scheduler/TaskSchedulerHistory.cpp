@@ -31,17 +31,48 @@ Mox::String displayRecord(Mox::Ptr<TaskRecord const> const& task) {
 
 TaskSchedulerHistory::TaskSchedulerHistory() : ring_(capacity) {}
 
+/// The ring is not full, or the cursor is at its first slot.
+TaskSchedulerHistory::Event& TaskSchedulerHistory::nextSlotAtSeam() noexcept {
+    if (lowest_) {
+        newest_ = lowest_ + capacity;
+        return *--newest_;
+    }
+    ring_.push_front(Event({}, EventType::schedulerIdle));
+    watchFull();
+    return ring_.front();
+}
+
+/// The ring became full, or is so no longer.
+void TaskSchedulerHistory::watchFull() {
+    bool const full = ring_.full();
+    Ring::array_range const wrapped = ring_.array_two();
+    lowest_ = !full ? nullptr : wrapped.second > 0 ? wrapped.first : ring_.array_one().first;
+    newest_ = full ? &ring_.front() : nullptr;
+}
+
+TaskSchedulerHistory::Ring& TaskSchedulerHistory::turned() const {
+    if (lowest_) {
+        std::ptrdiff_t const moved = newest_ - &ring_.front();
+        ring_.rotate(ring_.begin() + (moved < 0 ? moved + std::ptrdiff_t{capacity} : moved));
+    }
+    return ring_;
+}
+
 Mox::U32 TaskSchedulerHistory::deleteOlderThan(TaskTimeDuration maxAge) noexcept {
     TaskTimeStamp const now = Mox::SteadyClock::now();
+    Ring& ring = turned();
     Mox::U32 deleted = 0;
-    for (; !ring_.empty() && elapsed(ring_.back().timeStamp(), now) > maxAge; ++deleted)
-        ring_.pop_back();
+    for (; !ring.empty() && elapsed(ring.back().timeStamp(), now) > maxAge; ++deleted)
+        ring.pop_back();
+    watchFull();
     return deleted;
 }
 
 void TaskSchedulerHistory::clear() noexcept {
-    while (!ring_.empty())
-        ring_.pop_back();
+    Ring& ring = turned();
+    while (!ring.empty())
+        ring.pop_back();
+    watchFull();
 }
 
 TaskSchedulerHistory::Event::Event(TaskTimeStamp const& timeStamp, EventType eventType, Task const* task)

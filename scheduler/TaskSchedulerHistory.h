@@ -38,6 +38,9 @@ enum class TaskSchedulerEventType : Mox::U8 {
 ///
 /// An event keeps what it shows of its task (TaskRecord), not the task. Inserting allocates nothing and runs
 /// nobody's destructor.
+///
+/// Three insertions a run are what the history costs. A busy root's ring is full; a cursor then goes down its
+/// slots, and the ring is turned to the cursor when somebody reads.
 class MOX_EXPORT TaskSchedulerHistory {
   public:
     static constexpr std::size_t capacity = 10000;
@@ -47,6 +50,8 @@ class MOX_EXPORT TaskSchedulerHistory {
     using Ring = boost::circular_buffer<Event>;
 
     TaskSchedulerHistory();
+    TaskSchedulerHistory(TaskSchedulerHistory const&) = delete;
+    TaskSchedulerHistory& operator=(TaskSchedulerHistory const&) = delete;
 
     void insert(Event&& event);
     /// Deletes, from the oldest on, the events that are older than the age, and stops at the first that is
@@ -61,7 +66,15 @@ class MOX_EXPORT TaskSchedulerHistory {
     Ring::const_iterator end() const;
 
   private:
-    Ring ring_;
+    Event& nextSlot() noexcept;
+    Event& nextSlotAtSeam() noexcept;
+    void watchFull();
+    Ring& turned() const;
+
+    mutable Ring ring_;
+    // Of a full ring: its first slot, and that of the newest event. Otherwise null.
+    Event* lowest_ = nullptr;
+    Event* newest_ = nullptr;
 };
 
 /// One event: what happened, when, and to which task.
@@ -103,11 +116,14 @@ class MOX_EXPORT TaskSchedulerHistory::Event {
     EventType eventType_;
 };
 
-inline void TaskSchedulerHistory::insert(Event&& event) { ring_.push_front(std::move(event)); }
+inline TaskSchedulerHistory::Event& TaskSchedulerHistory::nextSlot() noexcept {
+    return newest_ == lowest_ ? nextSlotAtSeam() : *--newest_;
+}
+inline void TaskSchedulerHistory::insert(Event&& event) { nextSlot() = std::move(event); }
 inline Mox::U32 TaskSchedulerHistory::size() const { return static_cast<Mox::U32>(ring_.size()); }
 inline bool TaskSchedulerHistory::empty() const { return ring_.empty(); }
 inline TaskSchedulerHistory::Ring::const_iterator TaskSchedulerHistory::begin() const {
-    return ring_.begin();
+    return turned().begin();
 }
 inline TaskSchedulerHistory::Ring::const_iterator TaskSchedulerHistory::end() const { return ring_.end(); }
 
