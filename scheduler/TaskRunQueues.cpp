@@ -43,7 +43,8 @@ template <U32 p> [[gnu::always_inline]] inline Task* TaskRunQueues::pickFrom() {
                 return lower;
     queue.backToBackRunCountIs(queue.backToBackRunCount() + 1);
     queue.takeToRun(*task);
-    queue.prefetchAfter(*task);
+    if (queue.isLong()) [[unlikely]]
+        queue.prefetchAfter(*task);
     return task;
 }
 
@@ -61,9 +62,11 @@ template <U32 p> [[gnu::noinline]] Task* TaskRunQueues::bumpBelow() {
     return lower;
 }
 
+Task* TaskRunQueues::pick() { return pickFrom<TaskPriority::absolute>(); }
+
 Task* TaskRunQueues::pick(TaskPriority from) {
     switch (from.numericValue()) {
-    case TaskPriority::absolute: return pickFrom<TaskPriority::absolute>();
+    case TaskPriority::absolute: return pick();
     case TaskPriority::high: return pickFrom<TaskPriority::high>();
     case TaskPriority::normal: return pickFrom<TaskPriority::normal>();
     case TaskPriority::low: return pickFrom<TaskPriority::low>();

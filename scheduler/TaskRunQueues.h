@@ -26,6 +26,8 @@ class TaskRunQueues {
     /// The next task of that or a lower priority, taken off its queue and counted there; null when there is
     /// none.
     Task* pick(TaskPriority from);
+    /// The same of all priorities.
+    Task* pick();
 
     /// Whether a streak of that length at that priority gives way to a lower one. Unsigned 32-bit arithmetic.
     bool attemptLowerPriorityBump(TaskPriority priority, Mox::U32 backToBackRunCount) const;

@@ -165,7 +165,7 @@ void TaskScheduler::handleSchedulerRun() {
     if (slip > schedulerMaxSchedulerSlip_)
         schedulerMaxSchedulerSlip_ = slip;
 
-    Mox::Ptr<Task> const task = pickOneTask(now, TaskPriority::absolute);
+    Mox::Ptr<Task> const task = picked(now, runQueues_.pick());
     if (!task) {
         KELTASK_PROBE(idle, schedulerName().data(), schedulerName().size());
         return schedulerHasRunnableTasksIs(false);
@@ -176,11 +176,14 @@ void TaskScheduler::handleSchedulerRun() {
     requestSchedulerRunAndRecord(end);
 }
 
-Task* TaskScheduler::pickOneTask(TaskTimeStamp const& now, TaskPriority from) {
-    Task* const task = runQueues_.pick(from);
+inline Task* TaskScheduler::picked(TaskTimeStamp const& now, Task* task) {
     if (task)
         task->doUpdateSchedulingLatency(now);
     return task;
+}
+
+Task* TaskScheduler::pickOneTask(TaskTimeStamp const& now, TaskPriority from) {
+    return picked(now, runQueues_.pick(from));
 }
 
 bool TaskScheduler::attemptLowerPriorityBump(TaskPriority priority, U32 backToBackRunCount) const {

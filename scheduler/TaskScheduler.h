@@ -217,9 +217,9 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     friend class Task;
 
     void taskSchedulerUnlinkTask(TaskTimeStamp const& now, TaskRunQueue& runQueue, Task* task);
+    Task* picked(TaskTimeStamp const& now, Task* task);
     void beginResetPass();
     Task* nextToReset(TaskKey const& after) const;
-    template <class Map> Mox::U32 countIn(Map const& map, TaskPriority priority) const;
 
     // Fixed at construction
     Mox::Ptr<SchedulerName const> const name_;

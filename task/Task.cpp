@@ -38,8 +38,7 @@ Mox::Ptr<Task> taskFactory(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriorit
 
 Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority, Mox::String8 const& name)
     : taskScheduler_(scheduler.ptr()),
-      record_(TaskRecord::TaskRecordIs(name, priority, scheduler ? scheduler->nameRecord() : nullptr)),
-      taskQuantumInternal_(Mox::toNanoseconds(taskQuantumDefault)) {
+      record_(TaskRecord::TaskRecordIs(name, priority, scheduler ? scheduler->nameRecord() : nullptr)) {
     handleInitialized();
     taskQuantumIs(taskQuantumDefault);
 }
@@ -109,6 +108,8 @@ void Task::taskHistoryInsertNow(EventType eventType) const {
 }
 
 [[gnu::always_inline]] inline void Task::record(EventType eventType, TaskTimeStamp const& stamp) const {
+    if (!record_)
+        __builtin_unreachable(); // a task has one all its life
     if (taskScheduler_) [[likely]]
         taskScheduler_->root()->historyInsert({stamp, eventType, record_});
 }
@@ -130,17 +131,19 @@ bool Task::taskScheduled() const {
 }
 
 void Task::scheduleTask() {
-    if (scheduleTaskPrivate())
+    if (enqueue())
         updateTaskBusy();
 }
 
-bool Task::scheduleTaskPrivate() {
+bool Task::scheduleTaskPrivate() { return enqueue(); }
+
+[[gnu::always_inline]] inline bool Task::enqueue() {
     MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
     MOX_ASSERT_AS("taskMagicNumber_ == taskMagicNumberConstructed()", record_->isAlive());
     sanityCheckCurrentRunningThread();
     if (taskRunQueueLink_.isLinked())
         return true;
-    if (taskSuspendedForTest_) {
+    if (taskSuspendedForTest_) [[unlikely]] {
         taskHistoryInsertNow(EventType::scheduleSus);
         return true;
     }
@@ -148,12 +151,17 @@ bool Task::scheduleTaskPrivate() {
     TaskTimeStamp const now = Mox::SteadyClock::now();
     record(EventType::schedule, now);
     taskLastAddedToRunQueueTimeStampIs(now);
-    taskScheduler_->runQueue(taskPriority()).append(*this);
-    if (taskScheduler_->schedulerHasRunnableTasks()) [[likely]] {
-        taskScheduler_->schedulerHasRunnableTasksIs(true);
-        return true;
-    }
-    // Waking a scheduler may wake a parent's task, whose reactors may let this task go.
+    TaskScheduler& scheduler = *taskScheduler_;
+    scheduler.runQueue(taskPriority()).append(*this);
+    if (!scheduler.schedulerHasRunnableTasks()) [[unlikely]]
+        return wakeScheduler();
+    scheduler.schedulerHasRunnableTasksIs(true);
+    return true;
+}
+
+/// False when a callback on the way has ended the task: waking a scheduler may wake a parent's task, whose
+/// reactors may let this task go.
+[[gnu::noinline]] bool Task::wakeScheduler() {
     Mox::Ptr<TaskRecord> const record = record_;
     taskScheduler_->schedulerHasRunnableTasksIs(true);
     return record->isAlive();
@@ -190,7 +198,7 @@ void Task::taskRunFromTest() {
 }
 
 inline void Task::measureRun(TaskTimeDuration runTime) {
-    if (runTime >= 2 * taskQuantumInternal_) [[unlikely]]
+    if (runTime >= 2 * record_->taskQuantum()) [[unlikely]]
         countViolation(runTime);
     else
         MOX_TRACE_OF("taskDoRun", taskSchedulerTrace, 7, "Ran " << this << " used " << runTime);
@@ -226,12 +234,12 @@ void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
 }
 
 void Task::countViolation(TaskTimeDuration runTime) {
-    KELTASK_TASK_PROBE(violation, this, runTime.count(), taskQuantumInternal_.count());
+    TaskTimeDuration const quantum = record_->taskQuantum();
+    KELTASK_TASK_PROBE(violation, this, runTime.count(), quantum.count());
     MOX_TRACE_OF("taskDoRun", taskSchedulerTrace, 5,
                  "Ran " << this << " used " << runTime << " "
-                        << Mox::toSeconds(runTime) / Mox::toSeconds(taskQuantumInternal_) * 100
-                        << "% violation");
-    if (runTime < 5 * taskQuantumInternal_)
+                        << Mox::toSeconds(runTime) / Mox::toSeconds(quantum) * 100 << "% violation");
+    if (runTime < 5 * quantum)
         ++taskQuantumViolation200_;
     else
         ++taskQuantumViolation500_;
@@ -240,7 +248,7 @@ void Task::countViolation(TaskTimeDuration runTime) {
 bool Task::taskShouldYield() const {
     TaskTimeStamp const now = Mox::SteadyClock::now();
     MOX_ASSERT_AS("now >= taskLastRunTimeStamp_", now >= taskLastRunTimeStamp_);
-    return elapsed(taskLastRunTimeStamp_, now) >= taskQuantumInternal_;
+    return elapsed(taskLastRunTimeStamp_, now) >= record_->taskQuantum();
 }
 
 void Task::taskQuantumIs(Mox::Seconds const& quantum) {
@@ -250,7 +258,7 @@ void Task::taskQuantumIs(Mox::Seconds const& quantum) {
     MOX_ASSERT_AS("taskQuantumInternal_ > TaskTimeDuration( 0 )", internal > TaskTimeDuration(0));
     MOX_ASSERT_AS("taskQuantumInternal_ <= boost::chrono::seconds( 1 )",
                   internal <= boost::chrono::seconds(1));
-    taskQuantumInternal_ = internal;
+    record_->taskQuantumIs(internal);
 }
 
 // Statistics
@@ -342,7 +350,7 @@ void Task::taskForceYieldInTestIs(bool force) {
 void Task::handleTaskForceYieldInTest() {
     if (taskForceYieldInTest_) {
         taskHistoryInsertNow(EventType::frcYieldOn);
-        taskQuantumInternal_ = TaskTimeDuration(0);
+        record_->taskQuantumIs(TaskTimeDuration(0));
         MOX_TRACE_AT(taskSchedulerTrace, 1, "Set quantum " << this << " to " << 0);
     } else {
         taskHistoryInsertNow(EventType::frcYieldOff);

@@ -128,7 +128,7 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     Mox::U32 taskQuantumViolation200() const { return taskQuantumViolation200_; }
     TaskTimeStamp taskLastAddedToRunQueueTimeStamp() const { return taskLastAddedToRunQueueTimeStamp_; }
     TaskTimeStamp taskLastRunTimeStamp() const { return taskLastRunTimeStamp_; }
-    Mox::Seconds taskQuantum() const { return Mox::toSeconds(taskQuantumInternal_); }
+    Mox::Seconds taskQuantum() const { return Mox::toSeconds(record_->taskQuantum()); }
     Mox::Seconds taskTotalRunTime() const { return Mox::toSeconds(taskTotalRunTime_); }
     Mox::Seconds taskRunTimeHighWaterMark() const { return Mox::toSeconds(taskRunTimeHighWaterMark_); }
     Mox::Seconds taskLastSchedulingLatency() const { return Mox::toSeconds(taskLastSchedulingLatency_); }
@@ -168,6 +168,8 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     void handleTaskSuspendedForTest();
     void handleTaskForceYieldInTest();
 
+    bool enqueue();
+    bool wakeScheduler();
     void record(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
     template <Mox::U32 notification> void notify() const;
     template <Mox::U32 notification, class T> void change(T& attribute, T value);
@@ -214,7 +216,6 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     // The run pass
     TaskTimeStamp taskLastAddedToRunQueueTimeStamp_{};
     TaskTimeStamp taskLastRunTimeStamp_{};
-    TaskTimeDuration taskQuantumInternal_;
 
     // Statistics
     TaskTimeDuration taskLastSchedulingLatency_{0};

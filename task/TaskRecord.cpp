@@ -3,15 +3,15 @@
 
 #include <mox/Assert.h>
 
+#include <algorithm>
 #include <cstring>
-#include <limits>
 #include <new>
 
 namespace Kel {
 
 Mox::Ptr<TaskRecord> TaskRecord::TaskRecordIs(std::string_view taskName, TaskPriority priority,
                                               Mox::Ptr<SchedulerName const> schedulerName) {
-    MOX_ASSERT_AS("taskName.size() <= 0xffffffff", taskName.size() <= std::numeric_limits<Mox::U32>::max());
+    MOX_ASSERT(taskName.size() < 1u << 29);
     void* const memory = ::operator new(sizeof(TaskRecord) + taskName.size());
     if (!taskName.empty())
         std::memcpy(static_cast<char*>(memory) + sizeof(TaskRecord), taskName.data(), taskName.size());
@@ -25,7 +25,8 @@ void TaskRecord::destroy(TaskRecord const* record) noexcept {
 
 TaskRecord::TaskRecord(std::string_view taskName, TaskPriority priority,
                        Mox::Ptr<SchedulerName const> schedulerName)
-    : priority_(priority), nameLength_(static_cast<Mox::U32>(taskName.size())),
+    : priority_(std::min<Mox::U32>(priority.numericValue(), 7) & 7u),
+      nameLength_(static_cast<Mox::U32>(taskName.size()) & 0x1fffffffu),
       schedulerName_(std::move(schedulerName)) {}
 
 } // namespace Kel

@@ -4,6 +4,7 @@
 #include <mox/Ptr.h>
 #include <mox/String.h>
 #include <task/TaskPriority.h>
+#include <task/TaskTime.h>
 
 #include <boost/smart_ptr/intrusive_ref_counter.hpp>
 
@@ -28,9 +29,9 @@ class SchedulerName : public boost::intrusive_ref_counter<SchedulerName, RecordC
     Mox::String const name_;
 };
 
-/// What is left of a task when it is dead: name, priority, the guard against running it, its scheduler's
-/// name. Shared by the task and its events in the history; nothing in it refers to an entity, so letting it
-/// go runs nobody's destructor and the history makes no cycle.
+/// What is left of a task when it is dead: name, priority, quantum, the guard against running it, its
+/// scheduler's name. Shared by the task and its events in the history; nothing in it refers to an entity, so
+/// letting it go runs nobody's destructor and the history makes no cycle.
 ///
 /// One allocation with the name behind it; the task's name lives here and nowhere else.
 class MOX_EXPORT TaskRecord {
@@ -38,11 +39,15 @@ class MOX_EXPORT TaskRecord {
     static constexpr Mox::U32 taskMagicNumberConstructed = 0x42BE5AFE;
     static constexpr Mox::U32 taskMagicNumberDestroyed = 0xDEADDEAD;
 
+    /// Requires: a name of less than 512 MiB. A priority outside the enumeration stays outside.
     static Mox::Ptr<TaskRecord> TaskRecordIs(std::string_view taskName, TaskPriority priority,
                                              Mox::Ptr<SchedulerName const> schedulerName);
 
     std::string_view taskName() const { return {reinterpret_cast<char const*>(this + 1), nameLength_}; }
-    TaskPriority taskPriority() const { return priority_; }
+    TaskPriority taskPriority() const { return TaskPriority::PriorityEnumInstance(priority_); }
+    TaskTimeDuration taskQuantum() const { return TaskTimeDuration(quantum_); }
+    /// Requires: from 0 to one second.
+    void taskQuantumIs(TaskTimeDuration quantum) { quantum_ = static_cast<Mox::U32>(quantum.count()); }
     Mox::String const& schedulerName() const { return schedulerName_->name(); }
 
     Mox::U32 taskMagicNumber() const { return magicNumber_; }
@@ -66,9 +71,10 @@ class MOX_EXPORT TaskRecord {
 
     // What a run touches comes first, and lies in one line of the cache.
     mutable RecordCounter::type references_{0};
-    TaskPriority const priority_;
     Mox::U32 magicNumber_ = taskMagicNumberConstructed;
-    Mox::U32 const nameLength_;
+    Mox::U32 quantum_ = 0; // nanoseconds
+    Mox::U32 const priority_ : 3;
+    Mox::U32 const nameLength_ : 29;
     Mox::Ptr<SchedulerName const> const schedulerName_;
 };
 
