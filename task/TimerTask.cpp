@@ -104,6 +104,12 @@ void TimerTask::handleTimer() {
         scheduleTask();
 }
 
+/// With many timers nothing of this one is in a cache: it is fetched while the clock is read.
+inline void TimerTask::prefetchTimer() const {
+    Mox::prefetch(taskRecord().ptr());
+    timer_->prefetch();
+}
+
 bool TimerTask::timerArmed() const { return timer_->timeMin() != Mox::endOfTime; }
 
 void TimerTask::disarm() { timer_->timeMinIs(Mox::endOfTime); }
@@ -138,6 +144,7 @@ void TimerTask::taskRunFromTest() {
 }
 
 void TimerTask::scheduleTaskDelay(Seconds delayIntoFuture) {
+    prefetchTimer();
     sanityCheckCurrentRunningThread();
     if (delayIntoFuture > std::numeric_limits<Seconds>::max())
         stopTimerTask();

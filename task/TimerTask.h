@@ -71,6 +71,7 @@ class MOX_EXPORT TimerTask : public Task {
     void orphan();
 
     bool timerArmed() const;
+    void prefetchTimer() const;
     void disarm();
     void startTimer(Mox::Seconds delay, Mox::Seconds expiry);
 

@@ -73,7 +73,7 @@ void TimerWheel::file(NotifieeConst& timer) {
     buckets_.insert(timer, tick);
     timer.keptFrom_ = movesLazily_ ? timeOf(tick) : Mox::endOfTime;
     if (tick < wakeTick_ && !isCollecting_)
-        requestWake();
+        requestWakeAt(tick); // no other tick is earlier than the one asked for
 }
 
 void TimerWheel::unfile(NotifieeConst& timer) {
@@ -88,12 +88,15 @@ void TimerWheel::unfile(NotifieeConst& timer) {
 }
 
 void TimerWheel::requestWake() {
-    S64 const next = buckets_.size() == 0 ? WheelBuckets::never : buckets_.next();
-    wakeTick_ = next;
-    if (next >= farTick)
+    requestWakeAt(buckets_.size() == 0 ? WheelBuckets::never : buckets_.next());
+}
+
+void TimerWheel::requestWakeAt(S64 tick) {
+    wakeTick_ = tick;
+    if (tick >= farTick)
         wake_.cancel();
     else
-        wake_.at(timeOf(next));
+        wake_.at(timeOf(tick));
 }
 
 void TimerWheel::poll() {

@@ -3,6 +3,7 @@
 #include <kel/WheelBuckets.h>
 
 #include <mox/Clock.h>
+#include <mox/Prefetch.h>
 #include <mox/ReactorList.h>
 #include <mox/Wakeup.h>
 
@@ -77,6 +78,7 @@ class MOX_EXPORT TimerWheel : public Mox::PtrInterface {
     bool collect(Mox::Seconds now);
     void fire();
     void requestWake();
+    void requestWakeAt(Mox::S64 tick);
     void wakeAtNextTurn();
 
     // Fixed at construction.
@@ -116,6 +118,12 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
     }
     Mox::Seconds timeMin() const { return timeMin_; }
 
+    /// Has the caches fetch what arming touches.
+    void prefetch() const {
+        Mox::prefetch(static_cast<WheelEntry const*>(this));
+        Mox::prefetch(&wheel_);
+    }
+
     virtual void onTime() {}
 
     void handleNotification(Mox::U32 notification) override;
@@ -130,11 +138,12 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
 
     void file(Mox::Seconds time);
 
-    TimerWheel* wheel_ = nullptr; // the notifier, beside what a move touches
-
+    // These two, which are all that a move to a later time touches, lie in one line of the cache.
     Mox::Seconds timeMin_ = Mox::endOfTime;
     /// From this time on a new one changes nothing in where the timer is filed.
     Mox::Seconds keptFrom_ = Mox::endOfTime;
+
+    TimerWheel* wheel_ = nullptr; // the notifier, beside what the other moves touch
 };
 
 } // namespace Kel
