@@ -9,9 +9,10 @@ namespace KelKv {
 
 namespace {
 
-// Together, and with the HTTP port's, they leave room under the usual limit of 1024 descriptors.
+// Together they leave room under the usual limit of 1024 descriptors.
 Port::Role const client{"client", Kel::TaskPriority::normal, false, 960};
 Port::Role const operatorRole{"operator", Kel::TaskPriority::high, true, 16};
+constexpr std::size_t httpConnectionsMax = 16;
 
 } // namespace
 
@@ -22,7 +23,10 @@ Daemon::Daemon(Mox::Ptr<Kel::EventLoop> const& loop, unsigned short port, unsign
       store_(root_), clients_(*this, client, port), operators_(*this, operatorRole, operatorPort) {
     background_->taskGroupQuantumIs(backgroundQuantum);
     if (http)
-        http_.emplace(*this, *http);
+        http_.emplace(loop->ioContext(), *http, httpConnectionsMax,
+                      [this](boost::asio::ip::tcp::socket socket) {
+                          return new HttpConnection(*this, *http_, std::move(socket));
+                      });
 }
 
 Daemon::~Daemon() {

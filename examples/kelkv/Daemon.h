@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HttpPort.h"
+#include "HttpConnection.h"
 #include "Port.h"
 #include "Store.h"
 
@@ -40,7 +40,7 @@ class Daemon {
     Port const& clients() const { return clients_; }
     Port const& operators() const { return operators_; }
     /// Null when it was not asked for.
-    HttpPort const* http() const { return http_ ? &*http_ : nullptr; }
+    Listener<HttpConnection> const* http() const { return http_ ? &*http_ : nullptr; }
     Mox::Seconds upTime() const { return Mox::now() - started_; }
 
     /// Where sockets are read to; what is in it is good until the next socket is read.
@@ -62,7 +62,7 @@ class Daemon {
     std::array<char, 1 << 16> scratch_;
     Port clients_;
     Port operators_;
-    std::optional<HttpPort> http_;
+    std::optional<Listener<HttpConnection>> http_;
 };
 
 } // namespace KelKv

@@ -2,7 +2,6 @@
 
 #include "Daemon.h"
 #include "HttpPage.h"
-#include "HttpPort.h"
 
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
@@ -13,8 +12,9 @@ namespace KelKv {
 
 namespace http = boost::beast::http;
 
-HttpConnection::HttpConnection(Daemon& daemon, HttpPort& port, boost::asio::ip::tcp::socket socket)
-    : daemon_(daemon), port_(port), stream_(std::move(socket)),
+HttpConnection::HttpConnection(Daemon& daemon, Listener<HttpConnection>& listener,
+                               boost::asio::ip::tcp::socket socket)
+    : daemon_(daemon), listener_(listener), stream_(std::move(socket)),
       task_(Kel::Task::TaskIs(daemon.root(), Kel::TaskPriority::normal, "http")) {
     request_.header_limit(headerLimit);
     notifierIs(task_);
@@ -34,10 +34,16 @@ void HttpConnection::onRequest(Error error) {
     if (error && (error.category() != ofTheProtocol || error == http::error::end_of_stream))
         return close();
     isMalformed_ = static_cast<bool>(error);
-    task_->scheduleTask();
+    isWaiting_ = true;
+    if (daemon_.root()->suspended())
+        onTaskRun();
+    else
+        task_->scheduleTask();
 }
 
 void HttpConnection::onTaskRun() {
+    if (!std::exchange(isWaiting_, false)) // an operator may run any task
+        return;
     Mox::Ptr<HttpConnection> const self = this; // closing lets it go
     answer();
     send();
@@ -50,6 +56,10 @@ void HttpConnection::answer() {
         answerIs(Status::bad_request, "text/plain", "malformed request\n");
     else if (request.method() != http::verb::get)
         answerIs(Status::method_not_allowed, "text/plain", "GET only\n");
+    else if (request.version() >= 11 && request.count(http::field::host) != 1)
+        answerIs(Status::bad_request, "text/plain", "one host has to be named\n");
+    else if (!namesThisHost())
+        answerIs(Status::misdirected_request, "text/plain", "not this host\n");
     else if (path == "/")
         answerIs(Status::ok, "text/html; charset=utf-8", httpPage);
     else if (path == "/metrics")
@@ -58,6 +68,21 @@ void HttpConnection::answer() {
         answerIs(Status::ok, "application/json", daemon_.trace());
     else
         answerIs(Status::not_found, "text/plain", "there is /, /metrics and /trace.json\n");
+}
+
+/// A page from elsewhere whose name resolves to this host (DNS rebinding) has another name.
+bool HttpConnection::namesThisHost() const {
+    Error error;
+    auto const here = stream_.socket().local_endpoint(error).address();
+    std::string_view host = request_.get()[http::field::host];
+    if (error || !here.is_loopback() || host.empty())
+        return true;
+    bool const hasBrackets = host.front() == '[';
+    host = host.substr(0, hasBrackets ? host.find(']') : host.find(':'));
+    if (hasBrackets)
+        host.remove_prefix(1);
+    boost::asio::ip::make_address(host, error);
+    return !error || boost::beast::iequals(host, "localhost");
 }
 
 void HttpConnection::answerIs(Status status, char const* contentType, std::string body) {
@@ -72,6 +97,8 @@ void HttpConnection::answerIs(Status status, char const* contentType, std::strin
     response_.body() = std::move(body);
     response_.keep_alive(false);
     response_.prepare_payload();
+    if (request_.get().method() == http::verb::head)
+        response_.body().clear(); // its length stays in the header
 }
 
 void HttpConnection::send() {
@@ -105,7 +132,7 @@ void HttpConnection::close() {
     notifierIs(nullptr);
     task_ = nullptr;
     stream_.close();
-    port_.closed(self);
+    listener_.closed(self);
 }
 
 } // namespace KelKv

@@ -183,10 +183,10 @@ function showTrace(events) {
 function parseMetrics(text) {
   const samples = [];
   for (const line of text.split("\n")) {
-    const sample = /^keltask_(\w+)\{(.*)\} (\S+)$/.exec(line);
+    const sample = /^keltask_(\w+)\{(.*)\} (\S+)$/s.exec(line);
     if (!sample) continue;
     const labels = {};
-    for (const [, name, value] of sample[2].matchAll(/(\w+)="((?:[^"\\]|\\.)*)"/g))
+    for (const [, name, value] of sample[2].matchAll(/(\w+)="((?:[^"\\]|\\.)*)"/gs))
       labels[name] = value.replace(/\\(.)/g, (_, c) => c === "n" ? "\n" : c);
     samples.push({ name: sample[1], labels, value: Number(sample[3]) });
   }
@@ -258,7 +258,8 @@ onresize = drawTimeline;
 async function refresh() {
   const state = byId("state");
   try {
-    const [events, metrics] = [await fetch("/trace.json"), await fetch("/metrics")];
+    const get = path => fetch(path, { signal: AbortSignal.timeout(5000) });
+    const [events, metrics] = [await get("/trace.json"), await get("/metrics")];
     const standing = zoom !== null, read = await events.json();
     if (!standing) showTrace(read.traceEvents);
     showMetrics(parseMetrics(await metrics.text()));

@@ -1,43 +1,32 @@
 #pragma once
 
 #include "Connection.h"
-
-#include <set>
+#include "Listener.h"
 
 namespace KelKv {
 
-/// A listening socket on the loopback address and the connections that came by it.
+/// A port on the loopback address, and how its connections are served.
 class Port {
   public:
-    /// How its connections are served.
     struct Role {
         char const* name; // of their tasks
         Kel::TaskPriority priority;
         bool isOperator;
-        std::size_t connectionsMax; // more wait until one closes
+        std::size_t connectionsMax;
     };
 
-    /// Port 0 takes a free one. Throws boost::system::system_error when the port cannot be had.
     Port(Daemon& daemon, Role const& role, unsigned short number);
 
     Role const& role() const { return role_; }
-    unsigned short number() const { return acceptor_.local_endpoint().port(); }
-    std::size_t connections() const { return connections_.size(); }
+    unsigned short number() const { return listener_.number(); }
+    std::size_t connections() const { return listener_.connections(); }
 
-    /// Closes all connections and listens no more.
-    void close();
-    /// A connection has closed.
-    void closed(Mox::Ptr<Connection> const& connection);
+    void close() { listener_.close(); }
+    void closed(Mox::Ptr<Connection> const& connection) { listener_.closed(connection); }
 
   private:
-    void accept();
-    void accepted(Connection::Socket socket);
-
-    Daemon& daemon_;
     Role const role_;
-    boost::asio::ip::tcp::acceptor acceptor_;
-    bool isAccepting_ = false;
-    std::set<Mox::Ptr<Connection>> connections_;
+    Listener<Connection> listener_;
 };
 
 } // namespace KelKv

@@ -14,8 +14,8 @@ namespace {
 struct Options {
     unsigned short port = 7379;
     unsigned short operatorPort = 7380;
-    std::optional<unsigned short> httpPort; // none: no such port
-    boost::asio::ip::address httpAddress = boost::asio::ip::address_v4::loopback();
+    std::optional<unsigned short> httpPort;              // none: no such port
+    std::optional<boost::asio::ip::address> httpAddress; // none: loopback
 };
 
 bool readNumber(std::string_view text, unsigned short& number) {
@@ -42,7 +42,8 @@ std::optional<Options> readOptions(std::span<char*> words) {
     for (; words.size() >= 2; words = words.subspan(2))
         if (!readOption(options, words[0], words[1]))
             return std::nullopt;
-    return words.empty() ? std::optional(options) : std::nullopt;
+    bool const isWhole = words.empty() && (options.httpPort || !options.httpAddress);
+    return isWhole ? std::optional(options) : std::nullopt;
 }
 
 /// SIGUSR1 prints what the scheduler measured, SIGINT and SIGTERM end the daemon.
@@ -74,7 +75,8 @@ void serve(Options const& options) {
     {
         std::optional<boost::asio::ip::tcp::endpoint> http;
         if (options.httpPort)
-            http.emplace(options.httpAddress, *options.httpPort);
+            http.emplace(options.httpAddress.value_or(boost::asio::ip::address_v4::loopback()),
+                         *options.httpPort);
         KelKv::Daemon daemon(loop, options.port, options.operatorPort, http);
         Signals const signals(daemon);
         std::cout << "kelkv: port " << daemon.clients().number() << ", operator's port "

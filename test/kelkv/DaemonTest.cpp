@@ -378,7 +378,8 @@ class HttpTest : public DaemonTest {
         return browser.receiveAll();
     }
     std::string body(std::string_view path) {
-        std::string const answer = ask("GET " + std::string(path) + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        std::string const answer =
+            ask("GET " + std::string(path) + " HTTP/1.1\r\nHost: localhost:80\r\n\r\n");
         EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 OK\r\n"));
         return answer.substr(answer.find("\r\n\r\n") + 4);
     }
@@ -399,15 +400,33 @@ TEST_F(HttpTest, ServesNothingButGet) {
         EXPECT_THAT(
             ask(std::string(method) + " /metrics HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc"),
             AllOf(StartsWith("HTTP/1.1 405 "), HasSubstr("Allow: GET\r\n"), Not(HasSubstr("keltask"))));
-    EXPECT_THAT(ask("GET /etc/passwd HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 404 "));
+    EXPECT_THAT(ask("GET /etc/passwd HTTP/1.0\r\n\r\n"), StartsWith("HTTP/1.1 404 "));
     EXPECT_THAT(ask("junk\r\n\r\n"), StartsWith("HTTP/1.1 400 "));
     EXPECT_THAT(ask("GET / HTTP/1.1\r\nX: " + std::string(100000, 'x')), StartsWith("HTTP/1.1 400 "));
+    EXPECT_TRUE(ask("HEAD / HTTP/1.0\r\n\r\n").ends_with("\r\n\r\n"));
     EXPECT_TRUE(daemon->http()->endpoint().address().is_loopback());
+}
+
+TEST_F(HttpTest, OnLoopbackARequestNamesThisHost) {
+    for (char const* host : {"localhost", "LOCALHOST:80", "127.0.0.1:80", "[::1]:80"})
+        EXPECT_THAT(ask("GET / HTTP/1.1\r\nHost: " + std::string(host) + "\r\n\r\n"),
+                    StartsWith("HTTP/1.1 200 "));
+    EXPECT_THAT(ask("GET / HTTP/1.1\r\nHost: elsewhere.example\r\n\r\n"), StartsWith("HTTP/1.1 421 "));
+    EXPECT_THAT(ask("GET / HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 400 "));
+}
+
+TEST_F(HttpTest, AnswersOnceWhoeverRunsItsTaskAndWhileSuspended) {
+    Client op(*loop, daemon->operators()), browser(*loop, *daemon->http());
+    browser.send("GET /metrics HTTP/1.0\r\n");
+    op.expect("SCHED CALL kelkv/http scheduleTask\r\n", "+OK\r\n");
+    op.expect("SCHED SET kelkv/suspended True\r\n", "+OK\r\n");
+    browser.send("\r\n");
+    EXPECT_THAT(browser.receiveAll(), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("keltask_")));
 }
 
 TEST_F(HttpTest, ClientsThatGoAwayOrStayAtTheEndOfTheDaemonLeaveNothing) {
     Client gone(*loop, *daemon->http()), half(*loop, *daemon->http());
-    gone.send("GET /trace.json HTTP/1.1\r\n\r\n");
+    gone.send("GET /trace.json HTTP/1.0\r\n\r\n");
     gone.close();
     half.send("GET / HT");
     EXPECT_THAT(body("/metrics"), HasSubstr("keltask_"));
