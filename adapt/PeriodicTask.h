@@ -7,10 +7,11 @@ namespace Kel {
 /// Has a timer task run once a period, without drift and without bunching.
 ///
 /// The runs are due at start, start + period, start + 2 * period ...: a run that comes late delays none of
-/// the later ones. Periods that went by meanwhile are skipped and counted, never made up for by runs in quick
-/// succession. As all timer tasks it runs at the first 10 ms tick not before the due time. A run in between,
-/// because somebody scheduled the task, moves no due time; so a function with work left may call
-/// `task()->scheduleTask()` and go on in the next run.
+/// the later ones. Periods that went by meanwhile are skipped and counted, never made up for; a run that is
+/// late by nearly a period comes shortly before the next one, which keeps its time. As all timer tasks it
+/// runs at the first 10 ms tick not before the due time. A run in between, because somebody scheduled the
+/// task, moves no due time; so a function with work left may call `task()->scheduleTask()` and go on in the
+/// next run. Taking the task off its queue ends the repetition.
 ///
 /// For a delay that counts from the end of the last run, use a TimerTask alone.
 ///

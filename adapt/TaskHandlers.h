@@ -14,7 +14,8 @@ namespace Kel {
 ///     boost::asio::co_spawn(handlers->executor(), session(...), boost::asio::detached);
 ///
 /// For work that comes from no Asio operation, a reactor on the task costs less (<adapt/Callbacks.h>). What a
-/// handler throws goes the way of all that reactors throw, and the rest is called in the next run.
+/// handler throws goes the way of all that reactors throw, and the rest is called in the next run. A handler
+/// must not turn the loop until another one of its task is done: that one waits for the next run.
 ///
 /// Thread rule: that of the task. Lifetime: counted; it holds the task and the loop, and no executor holds
 /// it. When it goes, handlers that wait are destroyed, and so are those whose operations end later. It goes

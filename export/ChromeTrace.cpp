@@ -61,20 +61,19 @@ char const* instantName(EventType type) {
 /// A run against its task's quantum.
 class Percentage {
   public:
-    Percentage(HistoryRun const& run, Task const* task)
-        : length_(Mox::toSeconds(elapsed(run.start, run.end))),
-          quantum_(task ? task->taskQuantum() : Task::taskQuantumDefault) {}
+    explicit Percentage(HistoryRun const& run)
+        : length_(elapsed(run.start, run.end)), quantum_(run.task->taskQuantum()) {}
 
     /// A task that is forced to yield has none.
-    bool exists() const { return quantum_ > 0; }
+    bool exists() const { return quantum_ > TaskTimeDuration(0); }
     /// Requires: it exists.
-    double value() const { return length_ / quantum_ * 100; }
+    double value() const { return Mox::toSeconds(length_) / Mox::toSeconds(quantum_) * 100; }
     /// 500, 200, or 0 for no violation.
     int limitReached() const { return length_ >= 5 * quantum_ ? 500 : length_ >= 2 * quantum_ ? 200 : 0; }
 
   private:
-    Mox::Seconds length_;
-    Mox::Seconds quantum_;
+    TaskTimeDuration length_;
+    TaskTimeDuration quantum_;
 };
 
 class ChromeTrace {
@@ -121,7 +120,7 @@ class ChromeTrace {
 
     void writeRun(HistoryRun const& run) {
         HistoryTask const& task = lanes_.task(*run.task);
-        Percentage const percentage(run, task.task);
+        Percentage const percentage(run);
         TaskTimeDuration const length = std::max(elapsed(run.start, run.end), TaskTimeDuration(0));
         std::string arguments;
         auto const argument = [&](auto format, auto const& value) {
@@ -132,15 +131,16 @@ class ChromeTrace {
             argument(FMT_STRING("\"latency_us\":{}"), Microseconds{*run.latency});
         if (run.isWhole() && percentage.exists())
             argument(FMT_STRING("\"quantum_percent\":{:.1f}"), percentage.value());
-        if (run.isWhole() && !task.task)
+        if (run.isWhole() && !run.task->isAlive())
             argument(FMT_STRING("\"about\":{}"), true);
         if (!run.isWhole())
             argument(FMT_STRING("\"cut\":\"{}\""), run.startIsKnown ? "end" : "beginning");
         event('X', R"("tid":{},"ts":{},"dur":{},"cat":"run","name":{},"args":{{{}}})", task.lane->number,
               time(run.start), Microseconds{length}, task.name, arguments);
         if (int const limit = percentage.limitReached(); limit != 0 && run.isWhole())
-            writeTaskInstant(*run.task, run.end,
-                             fmt::format(FMT_STRING("{}{}% violation"), task.task ? "" : "about ", limit));
+            writeTaskInstant(
+                *run.task, run.end,
+                fmt::format(FMT_STRING("{}{}% violation"), run.task->isAlive() ? "" : "about ", limit));
     }
 
     void writeInstant(Event const& event) {

@@ -16,8 +16,8 @@ namespace Kel {
 /// oldest event.
 ///
 /// The history does not tell everything; what is made up for it:
-/// - A run is measured against the quantum that its task has now. That of a dead task is not known any more:
-///   the default one is taken, and what was found with it says "about".
+/// - A run is measured against the quantum that its task has now, or had at its death: what was found with
+///   that says "about".
 /// - When a task died in its run queue is not known: it leaves the counter when a task that was scheduled
 ///   behind it runs, or at the end.
 /// - A run whose beginning is not in the history begins with the trace, one that goes on ends now; their

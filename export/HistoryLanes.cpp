@@ -14,7 +14,7 @@ HistoryLanes::HistoryLanes(TaskSchedulerRoot const& root) : rootName_(root.sched
         lane.number = ++number;
     for (auto const& [scheduler, isRegistered] : root.taskScheduler())
         if (isRegistered)
-            find(*scheduler);
+            count(*scheduler);
 }
 
 HistoryLanes::Key HistoryLanes::key(std::string_view scheduler, TaskPriority priority) const {
@@ -27,29 +27,15 @@ void HistoryLanes::add(TaskRecord const& record) {
         return;
     entry->second.lane = &lanes_[key(record.schedulerName(), record.taskPriority())];
     entry->second.name = jsonString(record.taskName());
-    if (record.isAlive())
-        ++wanted_[record.schedulerName()];
 }
 
-/// Looks no further once all are found: a scheduler may have a million tasks that the history is silent of.
-void HistoryLanes::find(TaskScheduler const& scheduler) {
+void HistoryLanes::count(TaskScheduler const& scheduler) {
     for (Mox::U32 p = 0; p < TaskRunQueues::count; ++p) {
         TaskPriority const priority = TaskPriority::PriorityEnumInstance(p);
         auto const lane = lanes_.find(key(scheduler.schedulerName(), priority));
         if (lane != lanes_.end())
             lane->second.runnableTasks =
                 lane->second.runnableTasks.value_or(0) + scheduler.runnableTaskCount(priority);
-    }
-    auto const wanted = wanted_.find(scheduler.schedulerName());
-    if (wanted == wanted_.end())
-        return;
-    for (auto at = scheduler.tasksRegistered().first(); at && wanted->second > 0;
-         at = scheduler.tasksRegistered().after(at)) {
-        auto const entry = tasks_.find(at->taskRecord().ptr());
-        if (entry == tasks_.end())
-            continue;
-        entry->second.task = at;
-        --wanted->second;
     }
 }
 

@@ -16,15 +16,13 @@ struct HistoryLane {
     std::optional<Mox::U32> runnableTasks; // now; none when the scheduler is gone
 };
 
-/// A task in the history; what is alive of it.
+/// A task in the history, dead or alive.
 struct HistoryTask {
     HistoryLane const* lane = nullptr;
-    Mox::String name;           // as JSON
-    Task const* task = nullptr; // null: dead
+    Mox::String name; // as JSON
 };
 
-/// The lanes and tasks that a root's history speaks of. A living task is found in its scheduler, by the name
-/// that its record has: the record outlives the task, and knows no more of it.
+/// The lanes and tasks that a root's history speaks of.
 ///
 /// Good until the tree changes.
 class HistoryLanes {
@@ -40,13 +38,12 @@ class HistoryLanes {
 
   private:
     void add(TaskRecord const& record);
-    void find(TaskScheduler const& scheduler);
+    void count(TaskScheduler const& scheduler);
     Key key(std::string_view scheduler, TaskPriority priority) const;
 
     std::string_view const rootName_;
     std::map<Key, HistoryLane> lanes_;
     std::unordered_map<TaskRecord const*, HistoryTask> tasks_;
-    std::unordered_map<std::string_view, std::size_t> wanted_; // living tasks, by scheduler
 };
 
 } // namespace Kel

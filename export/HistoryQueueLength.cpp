@@ -21,8 +21,8 @@ void HistoryQueueLength::add(TaskSchedulerHistory::Event const& event) {
 }
 
 void HistoryQueueLength::leaves(TaskRecord const* task, TaskTimeStamp const& at, bool runs) {
-    auto const place = [&] { return std::ranges::find(waiting_, task); };
-    if (place() == waiting_.end()) {
+    auto const place = std::ranges::find(waiting_, task);
+    if (place == waiting_.end()) {
         if (!known_.insert(task).second)
             return; // it was run directly
         ++atBegin_;
@@ -31,7 +31,7 @@ void HistoryQueueLength::leaves(TaskRecord const* task, TaskTimeStamp const& at,
     // The first in a queue runs first: the dead in front of it had left.
     for (; runs && waiting_.front() != task && !waiting_.front()->isAlive(); waiting_.pop_front())
         changes(at, -1);
-    waiting_.erase(place());
+    waiting_.erase(place);
     changes(at, -1);
 }
 

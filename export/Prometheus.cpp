@@ -175,12 +175,13 @@ class Exposition {
         using F = Figures const&;
         taskFamily("keltask_task_runs_total", "counter", "Runs of the tasks of that name",
                    [](F f) { return f.runs; });
-        taskFamily("keltask_task_run_seconds_total", "counter", "Time that their runs took",
-                   [](F f) { return f.runTime; });
+        taskFamily("keltask_task_run_seconds_total", "counter",
+                   "Time that the runs of the tasks of that name took", [](F f) { return f.runTime; });
         taskFamily("keltask_task_last_latency_seconds", "gauge",
-                   "Time from being scheduled to leaving the run queue, the last time",
+                   "Time from being scheduled to leaving the run queue, of the last run",
                    [](F f) { return f.living != 0 ? f.lastLatency : f.lastLatencyDead; });
-        taskFamily("keltask_task_max_latency_seconds", "gauge", "The same, at most",
+        taskFamily("keltask_task_max_latency_seconds", "gauge",
+                   "Time from being scheduled to leaving the run queue, at most",
                    [](F f) { return f.maxLatency; });
         family(
             "keltask_task_quantum_violations_total", "counter",

@@ -14,9 +14,11 @@ constexpr std::size_t prometheusTaskNamesMax = 200;
 /// Writes what the schedulers of a tree measured, in Prometheus' text format, version 0.0.4.
 ///
 /// Tasks of one name, scheduler and priority are one series, the dead among them, so that its counters go on
-/// when a task dies. `taskNamesMax` such names are told apart, over all schedulers: those with the most run
+/// when a task dies (of tasks that share a name but not the priority, the dead have that of the first).
+/// `taskNamesMax` such names are told apart, over all schedulers: those with the most run
 /// time. The others, and any of that name, are summed under the name "other", for each scheduler and
-/// priority. A name that comes in or falls out looks like a counter's reset. So does resetStats().
+/// priority. A name that comes in or falls out looks like a counter's reset, also of "other": rates of
+/// "other" mean something only while the names are fewer than that. So does resetStats().
 ///
 /// Latencies are not summed: of several tasks the greatest counts. The last latency is that of the living.
 /// Bytes that are not UTF-8 become U+FFFD.

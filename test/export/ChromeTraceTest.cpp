@@ -104,8 +104,8 @@ TEST_F(ChromeTraceTest, DeadTasksHaveTheirLaneAndLeaveTheQueue) {
     auto const lines = shown();
     EXPECT_THAT(lines,
                 testing::IsSupersetOf({"0.000 TaskGroup;g low: \"slow\" for 50000.000 latency_us=0.000 "
-                                       "quantum_percent=250.0 about=True",
-                                       "50000.000 TaskGroup;g low: about 200% violation \"slow\"",
+                                       "quantum_percent=5.0 about=True",
+                                       "50000.000 root high: about 200% violation \"TaskGroup;g\"",
                                        "51000.000 root normal: 2 queued", "51000.000 root normal: 1 queued",
                                        "52000.000 root normal: 0 queued"}));
 }
