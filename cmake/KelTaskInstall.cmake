@@ -13,20 +13,23 @@ set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/KelTask")
 install(TARGETS ${libraries} EXPORT KelTaskTargets
     LIBRARY COMPONENT KelTask_Runtime NAMELINK_COMPONENT KelTask_Development
     ARCHIVE COMPONENT KelTask_Development)
+# Not for users: what only our own sources include.
+list(REMOVE_ITEM folders registry)
+set(own "/(FieldLog|FieldText|Probes|IndentedPrint|HistoryLanes|HistoryQueueLength|HistoryRuns|OutputText)\\.h$")
 foreach(folder IN LISTS folders)
     install(DIRECTORY "${folder}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/keltask"
-        COMPONENT KelTask_Development FILES_MATCHING PATTERN "*.h")
+        COMPONENT KelTask_Development FILES_MATCHING PATTERN "*.h" REGEX "${own}" EXCLUDE)
 endforeach()
 
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/KelTaskConfigVersion.cmake"
     COMPATIBILITY SameMajorVersion)
-configure_file(cmake/KelTaskConfig.cmake "${PROJECT_BINARY_DIR}/KelTaskConfig.cmake" COPYONLY)
+configure_file(cmake/KelTaskConfig.cmake.in "${PROJECT_BINARY_DIR}/KelTaskConfig.cmake" @ONLY)
 configure_file(cmake/FindBoostHeaders.cmake "${PROJECT_BINARY_DIR}/FindBoostHeaders.cmake" COPYONLY)
 export(EXPORT KelTaskTargets NAMESPACE KelTask:: FILE "${PROJECT_BINARY_DIR}/KelTaskTargets.cmake")
 install(EXPORT KelTaskTargets NAMESPACE KelTask:: DESTINATION "${package_dir}"
     COMPONENT KelTask_Development)
-install(FILES cmake/KelTaskConfig.cmake cmake/FindBoostHeaders.cmake
-              "${PROJECT_BINARY_DIR}/KelTaskConfigVersion.cmake"
+install(FILES "${PROJECT_BINARY_DIR}/KelTaskConfig.cmake" "${PROJECT_BINARY_DIR}/KelTaskConfigVersion.cmake"
+              cmake/FindBoostHeaders.cmake
     DESTINATION "${package_dir}" COMPONENT KelTask_Development)
 
 # The file's paths follow from where the file lies, so that the tree may be moved and packed.

@@ -61,7 +61,7 @@ set(CPACK_COMPONENT_KELTASK_RUNTIME_DESCRIPTION "${summary}, libraries\n${about}
 set(CPACK_DEBIAN_KELTASK_DEVELOPMENT_PACKAGE_NAME libkeltask-dev)
 set(CPACK_DEBIAN_KELTASK_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_KELTASK_DEVELOPMENT_PACKAGE_DEPENDS
-    "${library} (= ${PROJECT_VERSION}), libboost1.81-dev | libboost-dev (>= 1.81)")
+    "${library} (= ${PROJECT_VERSION}), libboost1.81-dev")
 set(CPACK_COMPONENT_KELTASK_DEVELOPMENT_DESCRIPTION
     "${summary}, headers\n${about}\n.\nThis package has the headers and what CMake and pkg-config read.")
 
