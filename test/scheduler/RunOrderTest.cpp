@@ -159,6 +159,72 @@ struct Model {
     std::array<Queue, 5> queues;
 };
 
+/// How many passes go by, at most, until a low task that is runnable runs, whatever the tasks of higher
+/// priority do: before each pass every number of them may be runnable.
+class LongestWait {
+  public:
+    LongestWait(U32 high, U32 normal) {
+        for (auto const& [tasks, count, priority] : {std::tuple(&high_, high, TaskPriority::high),
+                                                     std::tuple(&normal_, normal, TaskPriority::normal)})
+            while (tasks->size() < count)
+                tasks->push_back(tree_.task("t", priority));
+        low_->scheduleTask();
+    }
+
+    /// With the pass that runs it, from these streaks on.
+    U64 passes(U32 highStreak, U32 normalStreak) {
+        auto const [known, isNew] = known_.try_emplace({highStreak, normalStreak}, forEver);
+        if (!isNew)
+            return known->second; // for ever: back where it came from
+        U64 longest = 0;
+        for (std::size_t high = 0; high <= high_.size(); ++high)
+            for (std::size_t normal = 0; normal <= normal_.size(); ++normal) {
+                streaksAre(highStreak, normalStreak);
+                runnableAre(high_, high);
+                runnableAre(normal_, normal);
+                longest = std::max(longest, 1 + afterPick());
+            }
+        return known->second = longest;
+    }
+
+  private:
+    static constexpr U64 forEver = 1'000'000'000;
+
+    using Tasks = std::vector<Ptr<Task>>;
+
+    void streaksAre(U32 high, U32 normal) {
+        tree_.root->runQueue(TaskPriority::high).backToBackRunCountIs(high);
+        tree_.root->runQueue(TaskPriority::normal).backToBackRunCountIs(normal);
+    }
+    static void runnableAre(Tasks const& tasks, std::size_t count) {
+        for (std::size_t i = 0; i < tasks.size(); ++i)
+            i < count ? tasks[i]->scheduleTask() : tasks[i]->unscheduleTask();
+    }
+    U64 afterPick() {
+        if (tree_.root->pickOneTask({}, TaskPriority::absolute) == low_) {
+            low_->scheduleTask();
+            return 0;
+        }
+        return passes(tree_.root->runQueue(TaskPriority::high).backToBackRunCount(),
+                      tree_.root->runQueue(TaskPriority::normal).backToBackRunCount());
+    }
+
+    TestSupport::HandTree tree_;
+    Tasks high_, normal_;
+    Ptr<Task> const low_ = tree_.task("low", TaskPriority::low);
+    std::map<std::pair<U32, U32>, U64> known_;
+};
+
+TEST(LongestWaitOfALowTask, IsWhatTheDesignDocumentProves) {
+    for (U32 const high : {0u, 1u, 2u})
+        for (U32 const normal : {0u, 1u, 2u}) {
+            U64 const bound = (high == 0 ? 1 : 64 * high + 2) * (normal == 0 ? 1 : 8 * normal + 2);
+            LongestWait wait(high, normal);
+            EXPECT_EQ(bound, wait.passes(0, 0)) << high << " high tasks, " << normal << " normal ones";
+            EXPECT_GE(bound, wait.passes(1'000'000, 1'000)) << "after a time without lower tasks";
+        }
+}
+
 /// A random program of operations on a root and on the model.
 class RandomSchedule {
   public:
