@@ -12,6 +12,7 @@ namespace Kel {
 /// what is there now.
 class HistoryQueueLength {
   public:
+    /// From that time on, until the next point.
     struct Point {
         TaskTimeStamp at;
         Mox::S64 length;

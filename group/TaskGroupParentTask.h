@@ -45,6 +45,7 @@ class MOX_EXPORT TaskGroupParentTask : public Task {
     GroupHook groupHook_;  // among those that the group tells when it goes
 };
 
+/// A reactor on a parent task: what a reactor on a task has, and the change of its group.
 class MOX_EXPORT TaskGroupParentTask::NotifieeConst
     : public Mox::NotifieeOf<TaskGroupParentTask, Task::NotifieeConst> {
   public:

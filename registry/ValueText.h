@@ -16,6 +16,7 @@ template <> struct AttributeText<Kel::TaskTimeDuration> {
         return Kel::TaskTimeDuration(AttributeText<S64>::read(text));
     }
 };
+/// Whole nanoseconds since the clock's epoch.
 template <> struct AttributeText<Kel::TaskTimeStamp> {
     static std::string type() { return typeNameOf<Kel::TaskTimeStamp>(); }
     static String write(Kel::TaskTimeStamp const& stamp) {

@@ -65,6 +65,7 @@ class MOX_EXPORT TaskSchedulerEventLoop::MoxClock : public TimerEvent::Notifiee 
     TaskSchedulerEventLoop* root_ = nullptr;
 };
 
+/// The root's reactor on the timer that keeps a loop turning.
 class MOX_EXPORT TaskSchedulerEventLoop::MoxEventLoopKeepAliveClock : public TimerEvent::Notifiee {
   public:
     /// The root is told until null is given.

@@ -90,6 +90,7 @@ class MOX_EXPORT TimerTask::MoxTimer : public TimerWheel::NotifieeConst {
     TimerTask* timerTask_ = nullptr;
 };
 
+/// A reactor on a timer task: what a reactor on a task has, and the end of its construction.
 class MOX_EXPORT TimerTask::NotifieeConst : public Mox::NotifieeOf<TimerTask, Task::NotifieeConst> {
   public:
     enum Notification : Mox::U32 { timerTaskInitCompleteChanged = notificationsOfTask };

@@ -51,6 +51,7 @@ class MOX_EXPORT TimerEvent : public Mox::PtrInterface {
     mutable Mox::ReactorList<NotifieeConst> reactors_;
 };
 
+/// A reactor on a timer event.
 class MOX_EXPORT TimerEvent::NotifieeConst : public Mox::NotifieeOf<TimerEvent> {
   public:
     virtual void onClock() {}

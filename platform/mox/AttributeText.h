@@ -36,6 +36,7 @@ template <Entity E> struct AttributeText<E*> {
     static std::string type() { return std::string(std::remove_const_t<E>::type().name()); }
     static String write(E const* entity) { return referenceToStrep(entity); }
 };
+/// As the plain pointer.
 template <Entity E> struct AttributeText<Ptr<E>> : AttributeText<E*> {
     static String write(Ptr<E> const& entity) { return referenceToStrep(entity.ptr()); }
 };

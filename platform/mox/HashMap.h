@@ -181,6 +181,7 @@ template <class K, class V> class HashMap {
     using Table = HashTable<Traits>;
 
   public:
+    /// Good until its entry is erased.
     class IteratorConst {
       public:
         using iterator_category = std::forward_iterator_tag;

@@ -10,10 +10,12 @@ namespace Mox {
 
 /// What a value or an entity is built from: a text for each of some attributes, and entities by name.
 struct Ingredients {
+    /// An attribute's value.
     struct Text {
         String attribute;
         String text;
     };
+    /// An entity that the new one refers to; null where that is allowed.
     struct Reference {
         String attribute;
         Ptr<PtrInterface> entity;
