@@ -6,7 +6,6 @@
 #include <support/VirtualTime.h>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -22,96 +21,130 @@ using Mox::Ptr;
 using Mox::Seconds;
 using TestSupport::EventCall;
 
-/// The three forms of a loop, under a virtual clock that jumps.
-enum class Form { own, attached, carried };
+/// The three forms of a loop, under a virtual clock that jumps, and one whose timers with odd letters (a, c,
+/// e) are alarms of that clock.
+enum class Form { own, attached, carried, carriedWithAlarms };
 
 struct EventLoopTest : testing::TestWithParam<Form> {
     EventLoopTest() {
-        switch (GetParam()) {
-        case Form::own: loop = EventLoop::EventLoopIs(); break;
-        case Form::attached: loop = EventLoop::EventLoopIs(application.emplace()); break;
-        case Form::carried: loop = EventLoop::EventLoopIs(time.manager); break;
-        }
+        if (GetParam() == Form::own)
+            loop = EventLoop::EventLoopIs();
+        else if (GetParam() == Form::attached)
+            loop = EventLoop::EventLoopIs(application.emplace());
+        else
+            loop = EventLoop::EventLoopIs(time.manager);
     }
-    EventCall& event(char name, Seconds delay, std::function<void()> then = {}) {
-        events[name] = std::make_unique<EventCall>(loop, [this, name, then] {
+    /// Makes a timer that writes down its name and the time when it fires; `timers[name]` arms it again.
+    void timer(char name, Seconds delay, std::function<void()> then = {}) {
+        auto const call = [this, name, then] {
             order += name;
             times.push_back(Mox::now());
             if (then)
                 then();
-        });
-        events[name]->in(delay);
-        return *events[name];
+        };
+        using Alarm = TestSupport::TimerCall<Mox::Clock::NotifieeConst>;
+        if (GetParam() == Form::carriedWithAlarms && name % 2 != 0)
+            timers[name] = [alarm = Ptr<Alarm>(new Alarm(Ptr<Mox::Clock>(time.clock), call))](Seconds in) {
+                alarm->timeMinIs(Mox::now() + in);
+            };
+        else
+            timers[name] = [event = std::make_shared<EventCall>(loop, call)](Seconds in) { event->in(in); };
+        timers[name](delay);
     }
 
     TestSupport::VirtualTime time{true};
     std::optional<boost::asio::io_context> application;
     Ptr<EventLoop> loop;
-    std::map<char, std::unique_ptr<EventCall>> events;
+    std::map<char, std::function<void(Seconds)>> timers;
     std::string order;
     std::vector<Seconds> times;
 };
 
-INSTANTIATE_TEST_SUITE_P(Form, EventLoopTest, testing::Values(Form::own, Form::attached, Form::carried),
-                         [](auto const& form) {
-                             return std::string(form.param == Form::own        ? "own"
-                                                : form.param == Form::attached ? "attached"
-                                                                               : "carried");
-                         });
+INSTANTIATE_TEST_SUITE_P(Form, EventLoopTest,
+                         testing::Values(Form::own, Form::attached, Form::carried, Form::carriedWithAlarms));
 
-TEST_P(EventLoopTest, FiresTimersInTheOrderOfTheirTimes) {
+TEST_P(EventLoopTest, FiresTimersInTheOrderOfTheirTimesAndThenOfTheirArming) {
     time.clock->nowIs(100);
-    event('c', 600);
-    event('b', 0.02);
-    event('a', 0);
-    event('z', 1000.5);
+    timer('f', 600);
+    timer('d', 600);
+    timer('c', 600.5);
+    timer('b', 0.02);
+    timer('a', 0);
+    timer('z', 1000.5);
+    timer('e', 1000, [this] { timer('h', 0); });
     loop->runUntil(1100);
-    EXPECT_EQ("abc", order);
-    EXPECT_THAT(times, testing::ElementsAre(100, 100.02, 700));
+    EXPECT_EQ("abfdceh", order);
+    EXPECT_THAT(times, testing::ElementsAre(100, 100.02, 700, 700, 700.5, 1100, 1100));
     EXPECT_EQ(1100, Mox::now());
     EXPECT_EQ(0.5, loop->nextDue());
 }
 
 TEST_P(EventLoopTest, ArmingReplacesAndEndOfTimeDisarms) {
-    event('a', 5).in(1);
-    event('b', 0).in(2); // no longer at the next turn
-    event('c', 0).in(Mox::endOfTime);
-    event('d', 1).in(Mox::endOfTime);
-    event('e', 1).reactor->hasNotificationActiveIs(false);
-    event('f', 1).event->hasNotificationActiveIs(false);
+    timer('a', 5);
+    timers['a'](1);
+    timer('b', 0);
+    timers['b'](2); // no longer at the next turn
+    for (char name : {'c', 'd'}) {
+        timer(name, name - 'c');
+        timers[name](Mox::endOfTime);
+    }
     loop->runUntil(10);
     EXPECT_EQ("ab", order);
     EXPECT_THAT(times, testing::ElementsAre(1, 2));
 }
 
-TEST_P(EventLoopTest, SelfRearmedTimerRunsOnTheNextTurn) {
-    event('a', 0, [this] { events['a']->in(0); });
-    event('b', 0);
+TEST_P(EventLoopTest, TurnsNestAndWhatReArmsItselfRunsOnTheNextOne) {
+    timer('a', 0, [this] { timers['a'](0); });
+    timer('b', 0, [this] {
+        timer('e', 0);
+        order += '(';
+        EXPECT_EQ(4u, loop->runOnce());
+        order += ')';
+    });
+    timer('c', 0);
+    timer('d', 0);
     EXPECT_EQ(2u, loop->runOnce());
+    EXPECT_EQ("ab(cdae)", order);
     EXPECT_EQ(1u, loop->runOnce());
-    EXPECT_EQ("aba", order);
+    EXPECT_EQ("ab(cdae)a", order);
 }
 
 TEST_P(EventLoopTest, CallbackMayDestroyTimersAndThrow) {
-    event('a', 1, [this] { events.erase('a'), events.erase('b'); });
-    event('b', 1);
-    event('c', 1, [] { throw Mox::RangeException("c fails"); });
-    event('d', 1);
+    timer('a', 1, [this] { timers.erase('a'), timers.erase('c'); });
+    timer('c', 1);
+    timer('b', 2, [] { throw Mox::RangeException("b fails"); });
+    timer('d', 2);
     testing::internal::CaptureStderr(); // the trace of the exception
-    loop->runUntil(2);
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ("acd", order);
+    loop->runUntil(3);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr("A reactor threw: b fails"));
+    EXPECT_EQ("abd", order);
 }
 
-TEST_P(EventLoopTest, RunIsEndedByStopAndKeepsTheLoopMeanwhile) {
-    event('a', 1, [this] {
+TEST_P(EventLoopTest, StopEndsTheRunAfterThePresentCallbackAndTheLoopMayGo) {
+    timer('a', 1, [this] { loop->stop(), loop->runOnce(); }); // which undoes nothing
+    timer('c', 1.5, [this] {
         loop->stop();
         loop = nullptr;
-        events.clear();
+        timers.clear();
     });
-    event('b', 2);
+    timer('e', 1.5);
     loop->run();
     EXPECT_EQ("a", order);
+    EXPECT_EQ(0.5, loop->nextDue());
+    loop->run();
+    EXPECT_EQ("ac", order);
+}
+
+TEST(EventLoop, MutedEventsAndReactorsAreSpent) {
+    TestSupport::VirtualTime const time(true);
+    Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
+    EventCall a(loop, [] { FAIL(); }), b(loop, [] { FAIL(); });
+    a.reactor->hasNotificationActiveIs(false);
+    b.event->hasNotificationActiveIs(false);
+    for (EventCall* event : {&a, &b})
+        event->in(1);
+    loop->run();
+    EXPECT_FALSE(a.event->armed() || b.event->armed());
 }
 
 TEST(CarriedEventLoopDeathTest, AlwaysRunsWhenIdle) {
@@ -120,41 +153,14 @@ TEST(CarriedEventLoopDeathTest, AlwaysRunsWhenIdle) {
     EXPECT_DEATH(loop->runsWhenIdleIs(false), "runsWhenIdle \\|\\| !useMoxEventLoop\\(\\), source EventLoop");
 }
 
-TEST(AttachedEventLoop, IoContextTurnsItAndReturnsWhenNothingIsPending) {
-    boost::asio::io_context ioContext;
-    Ptr<EventLoop> loop = EventLoop::EventLoopIs(ioContext);
-    std::string order;
-    int turns = 0;
-    std::optional<EventCall> busy;
-    busy.emplace(loop, [&] {
-        if (++turns < 10'000)
-            busy->in(0);
-        else
-            order += 'b';
-    });
-    EventCall far(loop, [&] { order += '!'; });
-    busy->in(0);
-    far.in(3600);
-    boost::asio::post(ioContext, [&] { order += 'h', far.in(Mox::endOfTime); });
-    ioContext.run();
-    EXPECT_EQ("hb", order) << "the application's handlers come in between";
-
-    busy->in(0); // with the loop goes what it asked of the io_context
-    far.in(3600);
-    loop = nullptr;
-    ioContext.restart();
-    boost::asio::post(ioContext, [&] { busy.reset(), far.in(Mox::endOfTime); });
-    ioContext.run();
-}
-
 // A jumping clock belongs to the thread; the application's io_context lets it jump too when it has run dry.
 TEST(AttachedEventLoop, IoContextFollowsTheThreadsVirtualClock) {
     TestSupport::VirtualTime const time(true);
     boost::asio::io_context ioContext;
     Ptr<EventLoop> const loop = EventLoop::EventLoopIs(ioContext);
     std::vector<Seconds> times;
-    EventCall late(loop, [&] { times.push_back(Mox::now()); });
-    EventCall early(loop, [&] { times.push_back(Mox::now()); });
+    auto const call = [&] { times.push_back(Mox::now()); };
+    EventCall late(loop, call), early(loop, call);
     late.in(86400);
     early.in(1);
     ioContext.run();

@@ -2,74 +2,39 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-
 namespace {
 
 using Mox::Ptr;
 
-struct Life {
-    int zeroes = 0;
-    int deaths = 0;
-};
-
-/// Counts what happens to it, and does something while it dies.
-class Mortal : public Mox::PtrInterface {
-  public:
-    using Action = std::function<void(Mortal*)>;
-
-    explicit Mortal(Life& life, Action atZero = {}) : life_(life), atZero_(std::move(atZero)) {}
-    ~Mortal() override { ++life_.deaths; }
-
+/// Is pointed to while it dies, and from then on by whoever wants.
+struct Mortal : Mox::PtrInterface {
+    Mortal(int& zeroes, Ptr<Mortal>* tooLong) : counted(zeroes), keeper(tooLong) {}
     void zeroReferencesIs(bool zero) override {
-        ++life_.zeroes;
-        if (atZero_)
-            atZero_(this);
+        ++counted;
+        for (int i = 0; i < 3; ++i) {
+            Ptr<Mortal> const one = this, two = one;
+            EXPECT_EQ(2u, references());
+        }
+        if (keeper)
+            *keeper = this;
         PtrInterface::zeroReferencesIs(zero);
     }
-
-  private:
-    Life& life_;
-    Action const atZero_;
+    int& counted;
+    Ptr<Mortal>* const keeper;
 };
 
-TEST(Ptr, LastOfSeveralReferencesEndsTheEntityOnce) {
-    Life life;
-    Ptr<Mortal> first = new Mortal(life);
+TEST(PtrDeathTest, LastOneEndsTheEntityOnceAndNoneMayOutliveIt) {
+    int zeroes = 0;
+    Ptr<Mortal> first = new Mortal(zeroes, nullptr);
     Ptr<Mox::PtrInterface> base = first;                  // copied to the base
     Ptr<Mox::PtrInterface const> moved = std::move(base); // moved, and moves its count along
     EXPECT_EQ(2u, first->references());
     first = nullptr;
-    EXPECT_EQ(0, life.zeroes);
+    EXPECT_EQ(0, zeroes);
     moved = nullptr;
-    EXPECT_EQ(1, life.zeroes);
-    EXPECT_EQ(1, life.deaths);
-}
-
-TEST(Ptr, MadeWhileDyingNeitherRevivesNorDestroysTwice) {
-    Life life;
-    Ptr<Mortal> entity = new Mortal(life, [](Mortal* self) {
-        for (int i = 0; i < 3; ++i) {
-            Ptr<Mortal> const one = self;
-            Ptr<Mortal> const two = one;
-            EXPECT_EQ(2u, self->references());
-        }
-        EXPECT_EQ(0u, self->references());
-    });
-    entity = nullptr;
-    EXPECT_EQ(1, life.zeroes);
-    EXPECT_EQ(1, life.deaths);
-}
-
-TEST(PtrDeathTest, ThatOutlivesItsEntityIsAnAssertion) {
-    auto const keepOneTooLong = [] {
-        Life life;
-        Ptr<Mortal> kept;
-        Ptr<Mortal> entity = new Mortal(life, [&](Mortal* self) { kept = self; });
-        entity = nullptr;
-    };
+    EXPECT_EQ(1, zeroes);
     EXPECT_DEATH(
-        keepOneTooLong(),
+        Ptr<Mortal>(new Mortal(zeroes, &first)),
         "Assertion failed: references\\(\\) == 0, source PtrInterface, function ~PtrInterface, line");
 }
 

@@ -6,10 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
-#include <cctype>
 #include <functional>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -25,20 +26,12 @@ class Lamp : public Mox::PtrInterface {
     using Notifiee = Mox::NonConstNotifieeOf<Lamp, NotifieeConst>;
     enum : U32 { light, heat };
 
-    explicit Lamp(std::function<void()> atEnd = {}) : atEnd_(std::move(atEnd)) {}
-    ~Lamp() override {
-        if (atEnd_)
-            atEnd_();
-    }
     void lightUp() const { reactors_.notify<light>(); }
     void heatUp() const { reactors_.notify<heat>(); }
     Mox::ReactorChain* moxReactors() const { return &reactors_; }
 
   protected:
     mutable Mox::ReactorList<NotifieeConst> reactors_;
-
-  private:
-    std::function<void()> const atEnd_;
 };
 
 class Lamp::NotifieeConst : public Mox::NotifieeOf<Lamp> {
@@ -63,158 +56,73 @@ class ColouredLamp::NotifieeConst : public Mox::NotifieeOf<ColouredLamp, Lamp::N
     static constexpr auto callback(U32) { return &NotifieeConst::onColour; }
 };
 
-/// Writes its name down when told, then does what the test wants, once.
-class Watcher : public Lamp::Notifiee {
-  public:
-    Watcher(char name, std::string& told, Ptr<Lamp> const& lamp) : name_(name), told_(told) {
-        notifierIs(lamp);
-    }
+/// Writes down what it is told, then does what the test wants.
+struct Watcher : ColouredLamp::NotifieeConst {
+    explicit Watcher(std::string& log) : told(log) {}
     void onLight() override {
-        told_ += name_;
+        told += 'l';
         if (then)
-            std::exchange(then, nullptr)();
+            then();
     }
-    void onHeat() override { told_ += static_cast<char>(std::toupper(name_)); }
-    void onException(std::exception_ptr thrown) noexcept override {
-        handled = thrown;
-        if (!handles)
-            Reactor::onException(thrown);
-    }
+    void onHeat() override { told += 'h'; }
+    void onColour() override { told += 'c'; }
 
+    std::string& told;
     std::function<void()> then;
-    std::exception_ptr handled;
-    bool handles = true;
-
-  private:
-    char const name_;
-    std::string& told_;
 };
 
-/// Four watchers, a to d, of one lamp.
-struct ReactorTest : testing::Test {
-    ReactorTest() { reset(); }
-
-    void reset() {
-        watchers.clear();
-        for (char name : {'a', 'b', 'c', 'd'})
-            add(name);
-    }
-    Watcher& at(char name) { return *watchers.at(name); }
-    void add(char name) { watchers[name] = new Watcher(name, told, lamp); }
-    void leave(char name) { at(name).notifierIs(nullptr); }
-    void comeBack(char name) { at(name).notifierIs(lamp); }
-    void mute(char name, bool muted = true) { at(name).hasNotificationActiveIs(!muted); }
-    void zombie(char name) {
-        for (bool const zombie : {true, false}) // the second changes nothing: once and for all
-            at(name).moxDoZombieReactors(zombie);
-    }
-    std::string walk() {
-        told.clear();
-        lamp->lightUp();
-        return told;
-    }
-
-    std::string told;
-    Ptr<Lamp> lamp = new Lamp;
-    std::map<char, Ptr<Watcher>> watchers;
-};
-
-// What b does in its callback decides who else is told in this walk, and in the next one.
-TEST_F(ReactorTest, WalkTellsItsSnapshotWithoutThoseThatLeft) {
-    using T = ReactorTest;
-    struct {
-        char const* what;
-        void (*then)(T&);
-        char const* thisWalk;
-        char const* nextWalk;
-    } const cases[] = {
-        {"leaves", [](T& t) { t.leave('b'); }, "abcd", "acd"},
-        {"removes the next", [](T& t) { t.leave('c'); }, "abd", "abd"},
-        {"removes all that follow", [](T& t) { t.leave('d'), t.leave('c'); }, "ab", "ab"},
-        {"destroys itself", [](T& t) { t.watchers.erase('b'); }, "abcd", "acd"},
-        {"destroys the last", [](T& t) { t.watchers.erase('d'); }, "abc", "abc"},
-        {"makes the next a zombie", [](T& t) { t.zombie('c'), t.mute('c', false); }, "abd", "abd"},
-        {"adds one", [](T& t) { t.add('e'); }, "abcd", "abcde"},
-        {"comes back", [](T& t) { t.leave('b'), t.comeBack('b'); }, "abcd", "acdb"},
-        {"calls the last back", [](T& t) { t.mute('d'), t.mute('d', false); }, "abc", "abcd"},
-        {"adds one and walks within", [](T& t) { t.add('e'), t.lamp->lightUp(); }, "ababcdecd", "abcde"},
-        {"tells something else within", [](T& t) { t.lamp->heatUp(); }, "abABCDcd", "abcd"},
-        {"switches the next off this notification",
-         [](T& t) { t.at('c').notificationActiveIs(Lamp::light, false), t.lamp->heatUp(); }, "abABCDd",
-         "abd"},
-    };
-    for (auto const& c : cases) {
-        SCOPED_TRACE(std::string("b ") + c.what);
-        reset();
-        at('b').then = [&] { c.then(*this); };
-        EXPECT_EQ(c.thisWalk, walk());
-        EXPECT_EQ(c.nextWalk, walk());
-    }
-}
-
-TEST_F(ReactorTest, NotifierDestroyedInACallbackEndsTheWalk) {
-    std::string& log = told;
-    lamp = new Lamp([&log] { log += '!'; });
-    reset();
-    at('b').then = [this] {
-        lamp = nullptr;
-        EXPECT_EQ("ab", told) << "attached reactors keep their notifier";
-        watchers.clear();
-    };
+TEST(Reactor, WalksOfOtherNotificationsNestAndEachIsSwitchedOffByItself) {
+    std::string first, second;
+    Ptr<ColouredLamp> const lamp = new ColouredLamp;
+    Ptr<Watcher> const a = new Watcher(first), b = new Watcher(second);
+    a->notifierIs(lamp);
+    b->notifierIs(lamp);
+    a->then = [&] { b->notificationActiveIs(Lamp::light, false), lamp->heatUp(); };
     lamp->lightUp();
-    EXPECT_EQ("ab!", told);
+    EXPECT_EQ("lh", first);
+    EXPECT_EQ("h", second);
 }
 
-TEST_F(ReactorTest, WhatACallbackThrowsGoesToItsHandlerOrToTheTraceAndTheWalkGoesOn) {
-    std::string traced;
-    Mox::TraceHandle& handle = Mox::TraceHandle::traceHandle("Mox");
-    handle.sinkIs(
-        [&](Mox::TraceRecord const& r) { traced += std::to_string(r.level) + std::string(r.text) + ';'; });
-    at('a').then = [] { throw Mox::RangeException("too bright"); };
-    at('b').then = [this] { at('b').handles = false, throw Mox::RangeException("too dark"); };
-    at('c').then = [this] {
-        watchers.erase('c');
-        throw std::string("gone with its thrower");
-    };
-    EXPECT_EQ("abcd", walk());
-    handle.sinkIs(nullptr);
-    EXPECT_THROW(std::rethrow_exception(at('a').handled), Mox::RangeException);
-    EXPECT_EQ("0A reactor threw: too dark;0A reactor threw: an exception of unknown type;", traced);
-}
-
-TEST(DerivedReactor, HearsBothTypesWhileAPlainOneHearsItsOwn) {
-    struct Both : ColouredLamp::NotifieeConst {
-        explicit Both(std::string& log) : told(log) {}
-        void onLight() override { told += 'l'; }
-        void onColour() override { told += 'c'; }
-        std::string& told;
+TEST(Reactor, OfADerivedTypeHearsBothWhileAPlainOneHearsItsOwn) {
+    struct Plain : Lamp::Notifiee {
+        void onLight() override { ++lights; }
+        int lights = 0;
     };
     std::string told;
     Ptr<ColouredLamp> const lamp = new ColouredLamp;
-    Ptr<Watcher> const plain = new Watcher('p', told, lamp);
-    Ptr<Both> const both = new Both(told);
+    Ptr<Plain> const plain = new Plain;
+    plain->notifierIs(lamp);
+    Ptr<Watcher> const both = new Watcher(told);
     both->notifierIs(lamp);
     lamp->lightUp();
     lamp->colourIs();
-    EXPECT_EQ("plc", told);
+    EXPECT_EQ("lc", told);
+    EXPECT_EQ(1, plain->lights);
 
     both->Lamp::NotifieeConst::notifierIs(new Lamp); // a plain lamp will do, but is no coloured one
     EXPECT_EQ(nullptr, both->notifier());
     both->Lamp::NotifieeConst::notifier()->lightUp();
-    EXPECT_EQ("plcl", told);
+    EXPECT_EQ("lcl", told);
 }
 
 /// A random program of walks, nested ones too, whose callbacks change the list, against a model: each joining
-/// draws a ticket, and a walk tells the tickets drawn before it that are still good.
+/// draws a ticket, and a walk tells the tickets drawn before it that are still good. What a callback throws
+/// goes to its handler, or to the trace when the reactor is gone.
 struct RandomWalks {
     struct Member : Lamp::Notifiee {
         explicit Member(RandomWalks& owner) : program(owner) {}
         void onLight() override { program.tell(*this); }
-        void onException(std::exception_ptr) noexcept override {}
-        bool isInTheList() const { return notifier() && hasNotificationActive() && isRegisteredNotifiee(); }
+        void onException(std::exception_ptr) noexcept override {
+            program.caught += std::to_string(number) + ' ';
+        }
+        bool isInTheList() const {
+            return notifier() && hasNotificationActive() && isRegisteredNotifiee() && !zombie;
+        }
 
         RandomWalks& program;
+        std::size_t const number = ++program.made;
         std::size_t ticket = 0;
+        bool zombie = false;
     };
     struct Frame {
         std::size_t next, end;
@@ -232,21 +140,38 @@ struct RandomWalks {
         ASSERT_TRUE(next != tickets.end() && next->first < frames.back().end);
         ASSERT_EQ(&member, next->second);
         frames.back().next = next->first + 1;
+        std::size_t const number = member.number;
         for (std::size_t changes = random.below(3); changes > 0; --changes)
             change();
         if (frames.size() < 4 && random.oneIn(6))
             walk();
         if (random.oneIn(10))
-            throw Mox::RangeException("a reactor failed"); // perhaps one that is gone
+            fail(number);
+    }
+    void fail(std::size_t number) {
+        bool const isThere = std::ranges::any_of(members, [&](auto& m) { return m && m->number == number; });
+        bool const isKnown = random.oneIn(2);
+        thrown += isThere   ? std::to_string(number)
+                  : isKnown ? "A reactor threw: too dark"
+                            : "A reactor threw: an exception of unknown type";
+        thrown += ' ';
+        if (isKnown)
+            throw Mox::RangeException("too dark");
+        throw 1;
     }
     void change() {
         Ptr<Member>& member = members[random.below(members.size())];
-        switch (member ? random.below(5) : 0) {
+        switch (member ? random.below(6) : 0) {
         case 0: tickets.erase(member ? member->ticket : 0), member = new Member(*this); break;
         case 1: tickets.erase(std::exchange(member->ticket, 0)), member->notifierIs(lamp); break;
         case 2: member->notifierIs(nullptr); break;
         case 3: member->hasNotificationActiveIs(random.oneIn(2)); break;
         case 4: member->isRegisteredNotifieeIs(random.oneIn(2)); break;
+        case 5: {
+            bool const zombie = random.oneIn(8);
+            member->zombie |= zombie; // once and for all
+            member->moxDoZombieReactors(zombie);
+        }
         }
         if (!member->isInTheList())
             tickets.erase(std::exchange(member->ticket, 0));
@@ -260,16 +185,20 @@ struct RandomWalks {
     std::map<std::size_t, Member*> tickets;
     std::size_t lastTicket = 0;
     std::vector<Frame> frames;
+    std::size_t made = 0;
+    std::string thrown, caught;
 };
 
 TEST(RandomWalks, TellWhomTheModelTells) {
     RandomWalks program;
-    Mox::TraceHandle::traceHandle("Mox").sinkIs([](Mox::TraceRecord const&) {});
+    Mox::TraceHandle& trace = Mox::TraceHandle::traceHandle("Mox");
+    trace.sinkIs([&](Mox::TraceRecord const& r) { program.caught += std::string(r.text) + ' '; });
     for (std::size_t left = TestSupport::operations(100'000); left > 0 && !HasFailure(); --left) {
         program.change();
         program.walk();
+        EXPECT_EQ(std::exchange(program.thrown, ""), std::exchange(program.caught, ""));
     }
-    Mox::TraceHandle::traceHandle("Mox").sinkIs(nullptr);
+    trace.sinkIs(nullptr);
 }
 
 } // namespace
