@@ -53,13 +53,6 @@ class Reader {
     State state_ = State::incomplete;
 };
 
-Reader readInTwo(std::string_view input, std::size_t split) {
-    Reader reader;
-    reader.read(input.substr(0, split));
-    reader.read(input.substr(split));
-    return reader;
-}
-
 /// Byte by byte, each request is whole at its last byte and not before, whatever comes after it.
 Reader readByteByByte(std::string_view input) {
     Reader reader;
@@ -99,9 +92,6 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     for (Request const& request : whole.requests())
         checkCanonicalForm(request);
     MOX_ASSERT(readByteByByte(input) == whole);
-    std::size_t const stride = 1 + size / 32; // else an input costs its size squared
-    for (std::size_t split = 1; split < size; split += stride)
-        MOX_ASSERT(readInTwo(input, split) == whole);
     // What waits for more was left as it is: read again from its beginning, it waits again.
     Reader again;
     again.read(whole.unread());
