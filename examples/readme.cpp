@@ -3,16 +3,17 @@
 
 #include <iostream>
 
+using namespace Kel;
+
 int main() {
-    auto const root =
-        Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", Kel::EventLoop::EventLoopIs());
-    auto const task = Kel::Task::TaskIs(root, Kel::TaskPriority::low, "counting");
-    auto const work = Kel::onTaskRun(task, [&] { // a slice, as long as the task's quantum allows
-        while (task->taskWorkCount() < 1'000'000 && !task->taskShouldYield())
+    auto const root = taskSchedulerEventLoopFactory("root", EventLoop::EventLoopIs());
+    auto const task = taskFactory(root, TaskPriority::low, "counting");
+    auto const work = onTaskRun(task, [&] { // a slice, as long as the task's quantum allows
+        while (!task->taskShouldYield())
             task->taskWorkCountInc(1);
-        task->taskWorkCount() < 1'000'000 ? task->scheduleTask() : root->evLoop()->stop();
+        task->taskRun() < 10 ? task->scheduleTask() : root->evLoop()->stop();
     });
     task->scheduleTask();
     root->evLoop()->run();
-    root->printStats(Kel::StreamDumpContext::StreamDumpContextIs(std::cout), 0, true, true, false, false);
+    root->printStats(StreamDumpContext::StreamDumpContextIs(std::cout), 0, true, true, false, false);
 }
