@@ -9,32 +9,31 @@
 
 #include <map>
 #include <set>
+#include <sstream>
 
 namespace KelKv {
 
 namespace {
 
-using TestSupport::Random;
+struct StoreTest : testing::Test {
+    void turn(int turns) {
+        for (int i = 0; i < turns; ++i)
+            loop->runOnce();
+    }
+    void timeIs(Mox::Seconds seconds) {
+        time.clock->nowIs(seconds);
+        turn(10);
+    }
 
-class Fixture {
-  public:
     TestSupport::VirtualTime time;
     Mox::Ptr<Kel::EventLoop> const loop = Kel::EventLoop::EventLoopIs();
     Mox::Ptr<Kel::TaskScheduler> const root =
         Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("kelkv", loop);
     Store store{root};
-
-    void turn(int turns) {
-        for (int i = 0; i < turns; ++i)
-            loop->runOnce();
-    }
 };
 
-class StoreTest : public testing::Test, public Fixture {};
-
 /// Collects a walk's reply.
-class Gathered final : public WalkClient {
-  public:
+struct Gathered final : WalkClient {
     bool pieceIs(std::string&& piece) override {
         reply += piece;
         return false;
@@ -44,11 +43,10 @@ class Gathered final : public WalkClient {
     /// The keys of a reply whose keys hold no line ends.
     std::multiset<std::string> keys() const {
         std::multiset<std::string> keys;
-        for (std::size_t at = reply.find('\n') + 1; at < reply.size();) {
-            std::size_t const begin = reply.find('\n', at) + 1;
-            at = reply.find('\n', begin) + 1;
-            keys.insert(reply.substr(begin, at - 2 - begin));
-        }
+        std::istringstream lines(reply);
+        for (std::string line; std::getline(lines, line);)
+            if (line[0] == 'k')
+                keys.insert(line.substr(0, line.size() - 1));
         return keys;
     }
 
@@ -60,36 +58,33 @@ class Gathered final : public WalkClient {
 
 // A walk is stepped shard by shard, with writes between the steps.
 TEST_F(StoreTest, WalkFindsWhatIsThereThroughoutOnceAndNothingThatNeverWas) {
-    Random random;
+    TestSupport::Random random;
     std::map<std::string, std::string> model;
+    std::set<std::string> throughout, ever;
     auto const change = [&] {
         std::string const key = "k" + std::to_string(random.below(20000));
         if (random.below(3) > 0) {
             store.set(key, key + "!");
             model[key] = key + "!";
+            ever.insert(key);
         } else {
             EXPECT_EQ(store.erase(key), model.erase(key) == 1);
+            throughout.erase(key);
         }
-        return key;
     };
     for (int i = 0; i < 20000; ++i)
         change();
-
-    std::set<std::string> throughout;
-    for (auto const& [key, value] : model)
+    ever.clear();
+    for (auto const& [key, value] : model) {
         throughout.insert(key);
-    std::set<std::string> ever = throughout;
+        ever.insert(key);
+    }
     Gathered client;
     Mox::Ptr<Walk> const walk = new Walk(root, store, client, "*");
     walk->task()->taskForceYieldInTestIs(true); // one shard a run
     for (std::size_t runs = 0; runs < 2 * Store::shards && !client.isDone; ++runs) {
-        for (int i = 0; i < 5; ++i) {
-            std::string const key = change();
-            if (model.contains(key))
-                ever.insert(key);
-            else
-                throughout.erase(key);
-        }
+        for (int i = 0; i < 5; ++i)
+            change();
         turn(1);
         walk->resume(); // for the handing over
     }
@@ -115,35 +110,23 @@ TEST_F(StoreTest, FlushEndsAWalkUnderWayEarlyButWhole) {
     turn(10);
     store.clear();
     store.set("new", "");
-    for (std::size_t runs = 0; runs < 2 * Store::shards; ++runs)
-        turn(1);
+    turn(2 * Store::shards);
     ASSERT_TRUE(client.isDone);
     EXPECT_THAT(client.reply, testing::StartsWith(":"));
     EXPECT_LT(std::stoul(client.reply.substr(1)), 1000u);
 }
 
-TEST_F(StoreTest, KeyIsGoneWhenItsTimeHasComeAndErasedSoonAfter) {
-    store.expiryIs("a", store.set("a", "1"), 10.0);
-    time.clock->nowIs(9.4);
-    turn(5);
-    EXPECT_NE(store.find("a"), nullptr);
-    time.clock->nowIs(10.0); // no task has run yet
-    EXPECT_EQ(store.size(), 1u);
-    EXPECT_EQ(store.find("a"), nullptr);
-
-    store.expiryIs("b", store.set("b", "1"), 10.0);
-    time.clock->nowIs(20.02);
-    turn(5);
-    EXPECT_EQ(store.size(), 0u);
-}
-
-TEST_F(StoreTest, AWrittenOrPersistedKeyForgetsItsExpiry) {
-    for (char const* key : {"written", "persisted", "left"})
-        store.expiryIs(key, store.set(key, "1"), 1.0);
+TEST_F(StoreTest, KeyIsGoneWhenItsTimeHasComeUnlessItWasWrittenOrPersistedSince) {
+    for (char const* key : {"written", "persisted", "left", "looked for"})
+        store.expiryIs(key, store.set(key, "1"), 10.0);
     store.expiryDel(*store.find("persisted"));
     store.set("written", "2");
-    time.clock->nowIs(2.0);
-    turn(10);
+    timeIs(9.4);
+    EXPECT_NE(store.find("looked for"), nullptr);
+    time.clock->nowIs(10.0); // no task has run yet
+    EXPECT_EQ(store.find("looked for"), nullptr);
+    EXPECT_EQ(store.size(), 3u);
+    timeIs(10.02);
     EXPECT_EQ(store.size(), 2u);
     EXPECT_NE(store.find("persisted"), nullptr);
     EXPECT_EQ(store.find("written")->text, "2");
@@ -157,8 +140,8 @@ TEST_F(StoreTest, AFlushedKeyThatIsNotFreedYetDoesNotEraseItsSuccessor) {
     store.expiryIs("key", store.set("key", "1"), 1.0);
     store.clear();
     store.set("key", "2");
-    time.clock->nowIs(2.0);
-    turn(20);
+    timeIs(2.0);
+    turn(10);
     ASSERT_NE(store.find("key"), nullptr);
 }
 
