@@ -4,11 +4,13 @@
 #include <scheduler/TaskSchedulerEventLoop.h>
 #include <scheduler/TaskSchedulerQueueStats.h>
 #include <support/HandRoot.h>
+#include <support/Refusal.h>
 
 #include <gmock/gmock.h>
 
 namespace {
 
+using namespace std::string_literals;
 using Mox::Ingredients;
 using Mox::String;
 using Texts = std::vector<Ingredients::Text>;
@@ -17,13 +19,8 @@ struct BuildingTest : TestSupport::HandTreeTest {
     static Mox::Ptr<Mox::PtrInterface> build(std::string_view type, Ingredients const& ingredients) {
         return Mox::typeRegistry().type(type).makeEntity(ingredients);
     }
-    static std::string refusal(std::string_view type, Ingredients const& ingredients) {
-        try {
-            build(type, ingredients);
-        } catch (Mox::RangeException const& e) {
-            return e.what();
-        }
-        return "";
+    static std::string refused(std::string_view type, Ingredients const& ingredients) {
+        return TestSupport::refusal([&] { build(type, ingredients); });
     }
     Texts const needed{{"taskName", "'built'"}, {"taskPriority", "'low'"}};
     Texts with(String const& attribute, String const& text) const {
@@ -49,31 +46,18 @@ TEST_F(BuildingTest, ValuesAreBuiltFromTexts) {
     expected.taskPriorityIs(Kel::TaskPriority::high);
     EXPECT_EQ(std::any_cast<Kel::TaskStat>(value), expected);
 
-    struct Case {
-        char const* type;
-        Texts texts;
-        char const* message;
-    };
-    for (Case const& c : {
-             Case{"Kel::TaskStat", {{"task", "1"}}, "Kel::TaskStat has no attribute 'task'"},
-             Case{"Kel::TaskStat",
-                  {{"taskRun", "1"}, {"taskRun", "2"}},
-                  "Kel::TaskStat::taskRun: given twice"},
-             Case{"Kel::TaskStat::TaskStatus", {{"value", "32"}}, "TaskStatus::value > 0x1f not allowed"},
-             Case{"Kel::TaskStat::TaskStatus",
-                  {{"value", "18446744073709551616"}},
-                  "TaskStatus::value > 0x1f not allowed"},
-             Case{"Kel::TaskStat::TaskStatus",
-                  {{"value", "007x"}},
-                  "Kel::TaskStat::TaskStatus::value: '007x' is no Mox::U32: junk at column 3 deserializing "
-                  "Mox::U32"},
+    std::string const status = "Kel::TaskStat::TaskStatus";
+    for (auto const& [type, texts, message] : {
+             std::tuple{"Kel::TaskStat"s, Texts{{"task", "1"}}, "Kel::TaskStat has no attribute 'task'"},
+             {"Kel::TaskStat"s, {{"taskRun", "1"}, {"taskRun", "2"}}, "Kel::TaskStat::taskRun: given twice"},
+             {status, {{"value", "32"}}, "TaskStatus::value > 0x1f not allowed"},
+             {status, {{"value", "18446744073709551616"}}, "TaskStatus::value > 0x1f not allowed"},
+             {status,
+              {{"value", "007x"}},
+              "Kel::TaskStat::TaskStatus::value: '007x' is no Mox::U32: junk at column 3 deserializing "
+              "Mox::U32"},
          })
-        try {
-            Mox::typeRegistry().type(c.type).makeValue(c.texts);
-            ADD_FAILURE() << c.message;
-        } catch (Mox::RangeException const& e) {
-            EXPECT_STREQ(e.what(), c.message);
-        }
+        EXPECT_EQ(TestSupport::refusal([&] { Mox::typeRegistry().type(type).makeValue(texts); }), message);
 }
 
 TEST_F(BuildingTest, AttributesOfValuesAreTheFieldsOfTheirTextForms) {
@@ -130,29 +114,25 @@ TEST_F(BuildingTest, RefusedIngredientsLeaveNothing) {
     auto const bareRoot = Kel::taskSchedulerRootFactory("bare");
     Texts const noPriority{{"taskName", "'built'"}, {"taskPriority", "'oneBeyondLast'"}};
     Texts const noName{{"taskPriority", "'low'"}};
-    struct Case {
-        Ingredients ingredients;
-        char const* message;
-    };
-    for (Case const& c : {
-             Case{{needed, {}}, "Kel::TimerTask::taskScheduler: the reference is missing"},
-             Case{{noName, {{"taskScheduler", root}}}, "Kel::TimerTask::taskName: the text is missing"},
-             Case{{needed, {{"taskScheduler", nullptr}}}, "Kel::TimerTask::taskScheduler: null"},
-             Case{{needed, {{"taskScheduler", root}, {"friend", root}}},
-                  "Kel::TimerTask::friend: not built from a reference"},
-             Case{{noPriority, {{"taskScheduler", root}}},
-                  "Kel::TimerTask::taskPriority: 'oneBeyondLast' is no priority of a task"},
-             Case{{with("taskQuantum", "2.0"), {{"taskScheduler", root}}},
-                  "Kel::TimerTask::taskQuantum: 2.0 is not within 1e-09 and 1.0 seconds"},
-             Case{{with("taskQuantums", "1.0"), {{"taskScheduler", root}}},
-                  "Kel::TimerTask has no attribute 'taskQuantums'"},
-             Case{{needed, {{"taskScheduler", group}}},
-                  "Kel::TimerTask::taskScheduler: the group takes tasks of priority high only"},
-             Case{{needed, {{"taskScheduler", bareRoot}}},
-                  "Kel::TimerTask::taskScheduler: the root has no timer wheel"},
+    for (auto const& [ingredients, message] : std::vector<std::pair<Ingredients, char const*>>{
+             {{needed, {}}, "Kel::TimerTask::taskScheduler: the reference is missing"},
+             {{noName, {{"taskScheduler", root}}}, "Kel::TimerTask::taskName: the text is missing"},
+             {{needed, {{"taskScheduler", nullptr}}}, "Kel::TimerTask::taskScheduler: null"},
+             {{needed, {{"taskScheduler", root}, {"friend", root}}},
+              "Kel::TimerTask::friend: not built from a reference"},
+             {{noPriority, {{"taskScheduler", root}}},
+              "Kel::TimerTask::taskPriority: 'oneBeyondLast' is no priority of a task"},
+             {{with("taskQuantum", "2.0"), {{"taskScheduler", root}}},
+              "Kel::TimerTask::taskQuantum: 2.0 is not within 1e-09 and 1.0 seconds"},
+             {{with("taskQuantums", "1.0"), {{"taskScheduler", root}}},
+              "Kel::TimerTask has no attribute 'taskQuantums'"},
+             {{needed, {{"taskScheduler", group}}},
+              "Kel::TimerTask::taskScheduler: the group takes tasks of priority high only"},
+             {{needed, {{"taskScheduler", bareRoot}}},
+              "Kel::TimerTask::taskScheduler: the root has no timer wheel"},
          })
-        EXPECT_EQ(refusal("Kel::TimerTask", c.ingredients), c.message);
-    EXPECT_THAT(refusal("Kel::TimerTask", {needed, {{"taskScheduler", group->parentTask()->notifier()}}}),
+        EXPECT_EQ(refused("Kel::TimerTask", ingredients), message);
+    EXPECT_THAT(refused("Kel::TimerTask", {needed, {{"taskScheduler", group->parentTask()->notifier()}}}),
                 testing::HasSubstr("is no Kel::TaskScheduler"));
     EXPECT_EQ(root->tasksRegistered().size(), 1u); // the group's
     EXPECT_TRUE(root->deadTaskStats().empty());
