@@ -9,29 +9,24 @@
 
 namespace {
 
-using Kel::EventLoop;
-using Kel::Task;
-using Kel::TaskPriority;
-using Kel::TaskSchedulerEventLoop;
-using Kel::TimerTask;
-using Mox::Ptr;
+using namespace Kel;
 using TestSupport::OnRun;
 
 /// Everything that a tree does, on a thread of its own: runs, timers, statistics, history, reports, death.
 void useATree(std::string const& name, Mox::U32 runs) {
     TestSupport::VirtualTime timers(true);
-    Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
+    Mox::Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
     auto const root = TaskSchedulerEventLoop::TaskSchedulerEventLoopIs(name, loop);
     auto const worker = Task::TaskIs(root, TaskPriority::high, "worker");
     auto const timer = TimerTask::TimerTaskIs(root, TaskPriority::low, "timer");
-    Ptr<OnRun> const works = new OnRun(worker, [&] {
+    Mox::Ptr<OnRun> const works = new OnRun(worker, [&] {
         Task::TaskIs(root, TaskPriority::normal, "short")->scheduleTask();
         if (!worker->taskShouldYield())
             worker->taskWorkCountInc(1);
         if (worker->taskRun() < runs)
             worker->scheduleTask();
     });
-    Ptr<OnRun> const ticks = new OnRun(timer, [&] { timer->scheduleTaskJitterUp(0.5, 20); });
+    Mox::Ptr<OnRun> const ticks = new OnRun(timer, [&] { timer->scheduleTaskJitterUp(0.5, 20); });
     worker->scheduleTask();
     timer->scheduleTaskDelay(0.5);
     loop->runUntil(100.0); // the history is trimmed meanwhile
@@ -49,8 +44,7 @@ void useATree(std::string const& name, Mox::U32 runs) {
 }
 
 TEST(Roots, OneAThreadRunSideBySide) {
-    Mox::U32 const runs = 2000;
-    std::thread first(useATree, "first", runs), second(useATree, "second", runs);
+    std::thread first(useATree, "first", 2000), second(useATree, "second", 2000);
     first.join();
     second.join();
 }

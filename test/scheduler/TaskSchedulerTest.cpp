@@ -1,13 +1,9 @@
-#include <mox/Exception.h>
 #include <support/HandRoot.h>
+#include <support/Refusal.h>
 #include <support/TaskReactors.h>
 #include <support/TraceLog.h>
 
 #include <gmock/gmock.h>
-
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -22,6 +18,7 @@ using testing::HasSubstr;
 using TestSupport::HandRoot;
 using TestSupport::HandScheduler;
 using TestSupport::OnRun;
+using TestSupport::refusal;
 
 struct TaskSchedulerTest : TestSupport::HandTreeTest {
     Ptr<HandScheduler> below = new HandScheduler("below", root.ptr());
@@ -44,22 +41,10 @@ TEST_F(TaskSchedulerTest, RunsOneTaskAPassAndAsksAgainUntilAPassFindsNone) {
     EXPECT_EQ(0u, root->takeRequests());
 }
 
-TEST_F(TaskSchedulerTest, BelowTheRootRecordsItsStateOnceAndInTheRoot) {
-    auto const t = Task::TaskIs(below, TaskPriority::high, "t");
-    t->scheduleTask();
-    t->unscheduleTask();
-    below->handleSchedulerRun();
-    EXPECT_EQ(1u, below->requests);
-    EXPECT_EQ(0u, root->takeRequests());
-    EXPECT_THAT(root->takeHistory(), ElementsAre("schedule   H t", "schedulerRunnable", "busy       H t",
-                                                 "unschedule H t", "idle       H t", "schedulerIdle"));
-}
-
 TEST_F(TaskSchedulerTest, SuspendedTreeRunsNothingAndIsAskedOnceWhenItGoesOn) {
     TestSupport::TraceLog traces({8});
-    root->suspendedIs(false); // was never suspended
-    root->suspendedIs(true);
-    root->suspendedIs(true);
+    for (bool const suspended : {false, true, true}) // not suspended at first
+        root->suspendedIs(suspended);
     EXPECT_THAT(root->takeHistory(), ElementsAre("schedulerSuspended"));
     auto const t = task();
     t->scheduleTask();
@@ -73,7 +58,6 @@ TEST_F(TaskSchedulerTest, SuspendedTreeRunsNothingAndIsAskedOnceWhenItGoesOn) {
               "8 TaskScheduler clearHistory: root: history cleared\n",
               traces.take());
     EXPECT_EQ(0u, root->takeRequests());
-    EXPECT_TRUE(t->taskScheduled());
     root->suspendedIs(false);
     EXPECT_EQ(1u, root->takeRequests());
     EXPECT_EQ(1u, root->runUntilIdle());
@@ -82,83 +66,100 @@ TEST_F(TaskSchedulerTest, SuspendedTreeRunsNothingAndIsAskedOnceWhenItGoesOn) {
 TEST_F(TaskSchedulerTest, KeepsTheLongestSlipFromRequestToPass) {
     auto const t = task();
     Ptr<OnRun> const reactor = new OnRun(t, [&] { steady.advance(50ms), t->scheduleTask(); });
-    struct {
-        TestSupport::ManualClock::Duration wait;
-        Mox::Seconds slip;
-    } const cases[] = {{3ms, 0.003}, {2ms, 0.003}, {4ms, 0.004}, {-1ms, 0.004}};
     t->scheduleTask();
-    for (auto const& c : cases) {
-        steady.advance(c.wait);
+    for (auto const& [wait, slip] : {std::pair{3ms, 0.003}, {2ms, 0.003}, {4ms, 0.004}, {-1ms, 0.004}}) {
+        steady.advance(wait);
         root->handleSchedulerRun();
-        EXPECT_EQ(c.slip, root->schedulerMaxSchedulerSlip()) << "the run itself is no slip";
+        EXPECT_EQ(slip, root->schedulerMaxSchedulerSlip()) << "the run itself is no slip";
     }
 }
 
-TEST_F(TaskSchedulerTest, ReleasedInsideARunDiesAfterIt) {
+/// The tasks that a root makes for itself, by what its interface says of each.
+struct OwnTask {
+    char const* name;
+    Ptr<Task> (*make)(TaskSchedulerRoot&);
+    Ptr<Task> (*replace)(TaskSchedulerRoot&);
+    Ptr<Task> (*drop)(TaskSchedulerRoot&);
+    void (*lose)(TaskSchedulerRoot&); // its reactor loses it
+};
+using Root = TaskSchedulerRoot;
+OwnTask const ownTasks[] = {
+    {"reset", [](Root& r) { return r.resetStatsTaskIs(&r, TaskPriority::low, "own"); },
+     [](Root& r) { return r.newResetStatsTask(&r, TaskPriority::low, "own"); },
+     [](Root& r) { return r.resetStatsTaskDel(); }, [](Root& r) { r.resetStatsTask()->notifierIs(nullptr); }},
+    {"trim", [](Root& r) -> Ptr<Task> { return r.trimHistoryTaskIs(&r, TaskPriority::low, "own"); },
+     [](Root& r) -> Ptr<Task> { return r.newTrimHistoryTask(&r, TaskPriority::low, "own"); },
+     [](Root& r) -> Ptr<Task> { return r.trimHistoryTaskDel(); },
+     [](Root& r) { r.trimHistoryTask()->notifierIs(nullptr); }},
+};
+
+TEST_F(TaskSchedulerTest, ItsOwnTaskIsMadeOnceOrphanedWhenItIsDroppedAndKeepsNothing) {
     below = nullptr;
-    for (bool const ofItsOwnTask : {false, true}) { // which does not hold it
+    for (auto const& own : ownTasks) {
+        SCOPED_TRACE(own.name);
         root = HandRoot::HandRootIs();
         auto const name = root->nameRecord();
-        auto t = ofItsOwnTask ? root->resetStatsTaskIs(root, TaskPriority::low, "own") : task();
+        EXPECT_EQ(nullptr, own.drop(*root));
+        auto first = own.make(*root);
+        auto t = own.replace(*root);
+        EXPECT_FALSE(std::exchange(first, nullptr)->taskScheduler());
+        EXPECT_EQ(t, own.make(*root));
+        t->scheduleTask();
+        EXPECT_EQ(t, own.drop(*root));
+        EXPECT_FALSE(t->taskScheduler() || t->taskRunQueueLink().isLinked() || t->taskBusy());
+        EXPECT_EQ(nullptr, root->tasksRegistered(t->taskKey()));
+        EXPECT_EQ(0u, root->auditErrors(1) + root->runUntilIdle());
+        EXPECT_DEATH(t->scheduleTask(), HasSubstr("__null != taskScheduler_"));
+
+        own.make(*root);
+        own.lose(*root); // which nobody else held
+        EXPECT_EQ(3u, root->deadTaskStats("own")->taskDeadCount());
+        EXPECT_EQ("null ValidPtr", refusal([&] { own.make(*root); }));
+        own.drop(*root);
+        t = own.make(*root);
         Ptr<OnRun> reactor = new OnRun(t, [&] { root = nullptr, t = nullptr, reactor = nullptr; });
         t->scheduleTask();
         root->handleSchedulerRun();
-        EXPECT_EQ(1u, name->use_count());
+        EXPECT_EQ(1u, name->use_count()) << "the root died after the run in which it was released";
     }
 }
 
 TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLose) {
     auto const a = task("a", TaskPriority::high), b = task("b", TaskPriority::low);
     EXPECT_EQ(3u, root->tasksPerPriorityInc(TaskPriority::low, 2));
-    EXPECT_EQ(3u, root->tasksPerPriorityDel(TaskPriority::low));
-    EXPECT_EQ(0u, root->tasksPerPriorityDel(TaskPriority::low));
-    root->newDeadTasksPerPriority(TaskPriority::low, 1);
-    EXPECT_EQ(6u, root->deadTasksPerPriorityInc(TaskPriority::low, 5));
-    root->newDeadTasksPerPriority(TaskPriority::high, 1);
+    EXPECT_EQ(3u,
+              root->tasksPerPriorityDel(TaskPriority::low) + root->tasksPerPriorityDel(TaskPriority::low));
+    for (Mox::U32 const count : {3u, 6u}) // the second replaces the first
+        root->deadTasksPerPriorityIs(TaskPriority::low, count);
+    root->deadTasksPerPriorityInc(TaskPriority::high, 1);
     auto dead = root->deadTasksPerPriority().begin();
     EXPECT_EQ(7u, root->deadTasksPerPriorityDel(dead) + root->deadTasksPerPriorityDel(dead));
     EXPECT_EQ(root->deadTasksPerPriority().end(), dead);
 
     Kel::TaskStat stat;
-    for (Mox::U32 const runs : {3u, 4u}) { // the second replaces the first
+    for (Mox::U32 const runs : {3u, 4u}) {
         stat.taskRunIs(runs);
         root->deadTaskStatsIs("n", stat);
     }
-    auto at = root->deadTaskStats().begin();
-    EXPECT_EQ(stat, root->deadTaskStatsDel(at));
+    auto stats = root->deadTaskStats().begin();
+    EXPECT_EQ(stat, root->deadTaskStatsDel(stats));
     EXPECT_EQ(Kel::TaskStat(), root->deadTaskStatsDel("n"));
 
     auto walk = root->tasksRegisteredIterator();
-    Task* const first = root->tasksRegisteredDel(walk);
-    Task* const second = root->tasksRegisteredDel(walk);
-    EXPECT_TRUE((first == a.ptr() && second == b.ptr()) || (first == b.ptr() && second == a.ptr()));
+    std::vector<Task*> const gone{root->tasksRegisteredDel(walk), root->tasksRegisteredDel(walk)};
+    EXPECT_THAT(gone, testing::UnorderedElementsAre(a.ptr(), b.ptr()));
     EXPECT_EQ(nullptr, root->tasksRegisteredDel(walk));
     root->tasksPerPriorityIs(TaskPriority::low, 1); // so that they can die
-    for (Task* t : {first, second})
+    for (Task* t : gone)
         root->newTasksRegistered(t);
-    try {
-        root->tasksRegisteredIs(nullptr);
-        ADD_FAILURE();
-    } catch (Mox::RangeException const& e) {
-        EXPECT_STREQ(
-            "null _tasksRegistered parameter to mutator for Kel::TaskScheduler::tasksRegistered not allowed",
-            e.what());
-    }
-}
+    EXPECT_THROW(root->tasksRegisteredIs(nullptr), Mox::RangeException);
 
-TEST_F(TaskSchedulerTest, RootKnowsTheSchedulersOfItsTree) {
-    EXPECT_TRUE(root->taskScheduler(root.ptr()));
-    EXPECT_EQ(1u, root->taskScheduler().size());
-    EXPECT_FALSE(root->taskSchedulerDel(below.ptr()));
-    root->registerScheduler(below.ptr());
     root->taskSchedulerIs(below.ptr(), false);
     EXPECT_FALSE(root->taskScheduler(below.ptr()));
-    root->taskSchedulerIs(below.ptr(), true);
-    EXPECT_EQ(2u, root->taskScheduler().size());
-    auto at = root->taskScheduler().begin();
-    EXPECT_TRUE(root->taskSchedulerDel(at));
-    root->taskSchedulerDelAll();
-    EXPECT_TRUE(root->taskScheduler().empty());
+    root->registerScheduler(below.ptr());
+    auto schedulers = root->taskScheduler().begin();
+    EXPECT_TRUE(root->taskSchedulerDel(schedulers) && root->taskSchedulerDel(schedulers));
+    EXPECT_FALSE(root->taskSchedulerDel(below.ptr()));
 }
 
 /// A scheduler whose registry gives back another task than the one asked for.
@@ -191,22 +192,6 @@ TEST_F(TaskSchedulerTest, WhatIsMissingEndsTheProcess) {
     };
     for (auto const& c : cases)
         EXPECT_DEATH(c.act(), HasSubstr(c.text));
-}
-
-TEST_F(TaskSchedulerTest, ForkedChildUsesTheTreeFromAnyThread) {
-    auto const t = timerTask();
-    t->scheduleTaskDelay(1.0);
-    pid_t const child = fork();
-    if (child == 0) {
-        timePasses(1.0);
-        Mox::U32 const runs = root->runUntilIdle();
-        std::thread([&] { task("another")->scheduleTask(); }).join();
-        _exit(runs == 1 && t->taskRun() == 1 ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_EQ(0, status);
-    EXPECT_EQ(0u, t->taskRun());
 }
 
 } // namespace
