@@ -16,9 +16,6 @@ namespace Kel {
 
 namespace {
 
-using EventType = TaskSchedulerEventType;
-using Event = TaskSchedulerHistory::Event;
-
 /// Microseconds with three decimals: no nanosecond is lost, as it would be in a double.
 struct Microseconds {
     TaskTimeDuration time;
@@ -42,18 +39,19 @@ namespace Kel {
 namespace {
 
 /// What an instant says of an event; null for events that are shown otherwise or not at all.
-char const* instantName(EventType type) {
+char const* instantName(TaskSchedulerEventType type) {
+    using enum TaskSchedulerEventType;
     switch (type) {
-    case EventType::timerStart: return "timer started";
-    case EventType::timerStop: return "timer stopped";
-    case EventType::suspendOn: return "suspended";
-    case EventType::suspendOff: return "resumed";
-    case EventType::scheduleSus: return "scheduled while suspended";
-    case EventType::frcYieldOn: return "forced to yield";
-    case EventType::frcYieldOff: return "no longer forced to yield";
-    case EventType::schedulerSuspended: return "scheduler suspended";
-    case EventType::schedulerUnsuspended: return "scheduler resumed";
-    case EventType::schedulerRunIgnoredWhileSuspended: return "run ignored while suspended";
+    case timerStart: return "timer started";
+    case timerStop: return "timer stopped";
+    case suspendOn: return "suspended";
+    case suspendOff: return "resumed";
+    case scheduleSus: return "scheduled while suspended";
+    case frcYieldOn: return "forced to yield";
+    case frcYieldOff: return "no longer forced to yield";
+    case schedulerSuspended: return "scheduler suspended";
+    case schedulerUnsuspended: return "scheduler resumed";
+    case schedulerRunIgnoredWhileSuspended: return "run ignored while suspended";
     default: return nullptr;
     }
 }
@@ -88,7 +86,7 @@ class ChromeTrace {
         writeNames();
         for (HistoryRun const& run : historyRuns(root_.history(), now_))
             writeRun(run);
-        for (Event const& event : oldestFirst(root_.history()))
+        for (auto const& event : oldestFirst(root_.history()))
             writeInstant(event);
         writeQueueLengths();
         return "{\"traceEvents\":[" + text_ + "\n],\"displayTimeUnit\":\"ns\"}\n";
@@ -143,7 +141,7 @@ class ChromeTrace {
                 fmt::format(FMT_STRING("{}{}% violation"), run.task->isAlive() ? "" : "about ", limit));
     }
 
-    void writeInstant(Event const& event) {
+    void writeInstant(TaskSchedulerHistory::Event const& event) {
         char const* const name = instantName(event.eventType());
         if (!name)
             return;
@@ -161,7 +159,7 @@ class ChromeTrace {
 
     void writeQueueLengths() {
         std::map<HistoryLane const*, HistoryQueueLength> lengths;
-        for (Event const& event : oldestFirst(root_.history()))
+        for (auto const& event : oldestFirst(root_.history()))
             if (event.task())
                 lengths[lanes_.task(*event.task()).lane].add(event);
         for (auto const& [key, lane] : lanes_.lanes()) {
