@@ -44,16 +44,6 @@ class HandRoot : public Kel::TaskSchedulerRoot {
         clearHistory();
         return events;
     }
-    /// The same, each preceded by its milliseconds since the given time.
-    std::vector<std::string> takeHistorySince(ManualClock::Duration start) {
-        std::vector<std::string> events;
-        for (auto const& event : history()) {
-            auto const age = event.timeStamp().time_since_epoch().count() - start.count();
-            events.insert(events.begin(), std::to_string(age / 1'000'000) + " " + event.display());
-        }
-        clearHistory();
-        return events;
-    }
 
   private:
     explicit HandRoot(Mox::String8 const& name) : TaskSchedulerRoot(name) {

@@ -1,128 +1,64 @@
-#include <mox/Exception.h>
 #include <mox/HashMap.h>
-#include <task/ProcessId.h>
 #include <task/TaskStat.h>
 #include <task/TaskTime.h>
 
-#include <gmock/gmock.h>
+#include <support/TextForms.h>
 
 namespace {
 
-using Kel::ProcessId;
-using Kel::TaskKey;
 using Kel::TaskPriority;
 using Kel::TaskStat;
-using Kel::TaskTimeDuration;
-using Kel::TaskTimeStamp;
 using testing::HasSubstr;
 
-TEST(TaskPriority, OutsideTheEnumerationHasATextButNoLetter) {
-    auto const seven = TaskPriority::PriorityEnumInstance(7u);
-    EXPECT_EQ("TaskPriority::PriorityEnum(7)", TaskPriority(seven).toStrep());
-    EXPECT_EQ("-", TaskPriority(TaskPriority::oneBeyondLast).oneCharString());
-    EXPECT_EQ(TaskPriority::scavenge, TaskPriority::PriorityEnumInstance("scavenge"));
-    EXPECT_THROW(TaskPriority::PriorityEnumInstance("Scavenge"), Mox::RangeException);
-    EXPECT_DEATH(TaskPriority(seven).oneCharString(),
-                 HasSubstr("false && \"unexpected priority\", source Task"));
+TEST(Hashing, TimesAreKeysOfMaps) {
+    Mox::HashMap<Kel::TaskTimeStamp, Mox::S64> map;
+    auto const time = [](Mox::S64 i) { return Kel::TaskTimeStamp(Mox::Nanoseconds(i << 31)); };
+    for (Mox::S64 i = -500; i < 500; ++i) // some differ in the upper half only
+        map.valueIs(time(i), i);
+    EXPECT_EQ(-77, *map.find(time(-77)));
 }
 
-TEST(TaskKey, OrdersAllItsBitsAndReadsItsTextBack) {
-    EXPECT_LT(TaskKey(0x00000001ffffffff), TaskKey(0x0000000200000000));
-    EXPECT_EQ(0xffffffffu, TaskKey(0x00000001ffffffff).hash());
-    Mox::String const text = TaskKey(0x200000000).toStrep() + "?";
-    EXPECT_EQ("@0x200000000?", text);
-    Mox::String::IteratorConst position = text.begin();
-    EXPECT_EQ(TaskKey(0x200000000), TaskKey(position, text.end()));
-    EXPECT_EQ('?', *position);
-    for (Mox::String const bad : {"", "@", "@12", "x", "99999999999999999999", "@0x10000000000000000"}) {
-        position = bad.begin();
-        EXPECT_THROW(TaskKey(position, bad.end()), Mox::RangeException) << bad;
-        EXPECT_EQ(bad.begin(), position) << bad;
-    }
+TaskStat statOf(std::string const& attributes) {
+    return TestSupport::fromText<TaskStat>("Value('Kel::TaskStat', ** {" + attributes + "})");
 }
 
-TaskStat stat(char const* name, Mox::U64 key, TaskPriority priority, Mox::U32 runs, double total,
-              Mox::U64 work, Mox::U32 over500, Mox::U32 over200, double longest, double last, double greatest,
-              Mox::U32 dead, Mox::U32 status) {
-    TaskStat s;
-    s.taskNameIs(name), s.taskKeyIs(TaskKey(key)), s.taskPriorityIs(priority), s.taskRunIs(runs);
-    s.taskTotalRunTimeIs(total), s.taskWorkCountIs(work);
-    s.taskQuantumViolation500Is(over500), s.taskQuantumViolation200Is(over200);
-    s.taskRunTimeHighWaterMarkIs(longest), s.taskLastSchedulingLatencyIs(last);
-    s.taskSchedulingLatencyHighWaterMarkIs(greatest), s.taskDeadCountIs(dead);
-    s.taskStatusIs(TaskStat::TaskStatus(status));
-    return s;
+std::string status(int value) {
+    return "Value('Kel::TaskStat::TaskStatus', ** {'value': " + std::to_string(value) + "})";
 }
 
-constexpr TaskPriority high = TaskPriority::high, low = TaskPriority::low;
-
-TEST(Hashing, TimesAndProcessesAreKeysOfMaps) {
-    Mox::HashMap<TaskTimeStamp, int> byStamp;
-    Mox::HashMap<TaskTimeDuration, int> byDuration;
-    Mox::HashMap<ProcessId, int> byProcess;
-    for (int i = -500; i < 500; ++i) {
-        Mox::Nanoseconds const duration(Mox::S64{i} << 31); // some differ in the upper half only
-        byStamp.valueIs(TaskTimeStamp(duration), i);
-        byDuration.valueIs(duration, i);
-        byProcess.valueIs(ProcessId(duration.count()), i);
-    }
-    EXPECT_EQ(byStamp.size() + byDuration.size() + byProcess.size(), 3000u);
-    Mox::Nanoseconds const sought(Mox::S64{-77} << 31);
-    EXPECT_EQ(*byStamp.find(TaskTimeStamp(sought)), -77);
-    EXPECT_EQ(*byDuration.find(sought), -77);
-    EXPECT_EQ(*byProcess.find(ProcessId(sought.count())), -77);
-}
-
-TEST(TaskStat, EachFieldCountsForEquality) {
-    TaskStat const a = stat("n", 1, high, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1);
-    TaskStat const others[] = {
-        stat("m", 1, high, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1), stat("n", 2, high, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1),
-        stat("n", 1, low, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1),  stat("n", 1, high, 2, 1, 1, 1, 1, 1, 1, 1, 1, 1),
-        stat("n", 1, high, 1, 2, 1, 1, 1, 1, 1, 1, 1, 1), stat("n", 1, high, 1, 1, 2, 1, 1, 1, 1, 1, 1, 1),
-        stat("n", 1, high, 1, 1, 1, 2, 1, 1, 1, 1, 1, 1), stat("n", 1, high, 1, 1, 1, 1, 2, 1, 1, 1, 1, 1),
-        stat("n", 1, high, 1, 1, 1, 1, 1, 2, 1, 1, 1, 1), stat("n", 1, high, 1, 1, 1, 1, 1, 1, 2, 1, 1, 1),
-        stat("n", 1, high, 1, 1, 1, 1, 1, 1, 1, 2, 1, 1), stat("n", 1, high, 1, 1, 1, 1, 1, 1, 1, 1, 2, 1),
-        stat("n", 1, high, 1, 1, 1, 1, 1, 1, 1, 1, 1, 2),
+TEST(TaskStat, EachFieldCountsForEqualityAndMergesInItsWay) {
+    struct {
+        std::string name, left, right, sum;
+    } const fields[] = {
+        {"taskName", "'n'", "'n'", "'n'"},
+        {"taskKey", "1", "2", "1"},
+        {"taskPriority", "'high'", "'low'", "'high'"},
+        {"taskRun", "4294967294", "10", "8"},
+        {"taskTotalRunTime", "1.25", "0.5", "1.75"},
+        {"taskWorkCount", "4294967295", "1", "4294967296"},
+        {"taskQuantumViolation500", "4", "3", "7"},
+        {"taskQuantumViolation200", "6", "5", "11"},
+        {"taskRunTimeHighWaterMark", "2", "3", "3"},
+        {"taskLastSchedulingLatency", "2", "1", "1"},
+        {"taskSchedulingLatencyHighWaterMark", "9", "8", "9"},
+        {"taskDeadCount", "5", "7", "6"},
+        {"taskStatus", status(8), status(4), status(4)},
     };
-    EXPECT_EQ(a, stat("n", 1, high, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1));
-    for (TaskStat const& other : others)
-        EXPECT_NE(a, other) << &other - others;
-}
-
-TEST(TaskStat, EachFieldMergesInItsWay) {
-    TaskStat const a = stat("n", 1, high, 0xfffffffe, 1.25, 0xffffffff, 4, 6, 2.0, 2.0, 9.0, 5, 0x08);
-    TaskStat const b = stat("n", 2, low, 10, 0.5, 1, 3, 5, 3.0, 1.0, 8.0, 7, 0x04);
-    TaskStat sum = a;
-    EXPECT_EQ(stat("n", 1, high, 8, 1.75, 0x100000000, 7, 11, 3.0, 1.0, 9.0, 6, 0x04), sum += b);
-    EXPECT_EQ(sum, a + b);
-    EXPECT_EQ(stat("n", 2, low, 8, 1.75, 0x100000000, 7, 11, 3.0, 2.0, 9.0, 8, 0x08), b + a);
+    std::string left, right, sum;
+    for (auto const& [name, ofLeft, ofRight, ofSum] : fields) {
+        std::string const before = (left.empty() ? "'" : ", '") + name + "': ";
+        left += before + ofLeft, right += before + ofRight, sum += before + ofSum;
+        EXPECT_NE(TaskStat(), statOf("'" + name + "': " + ofLeft)) << name;
+    }
+    EXPECT_EQ(statOf(sum), statOf(left) + statOf(right));
 }
 
 TEST(TaskStat, EmptyOneTakesNameAndPriorityButNoKey) {
-    TaskStat dead;
-    dead.taskNameIs("n"), dead.taskKeyIs(TaskKey(5)), dead.taskPriorityIs(TaskPriority::low),
-        dead.taskRunIs(3);
-    TaskStat sum;
-    sum += dead;
-    sum += dead;
-    EXPECT_EQ("n", sum.taskName());
-    EXPECT_EQ(TaskPriority(TaskPriority::low), sum.taskPriority());
-    EXPECT_EQ(TaskKey(), sum.taskKey());
-    EXPECT_EQ(6u, sum.taskRun());
-    EXPECT_EQ(2u, sum.taskDeadCount());
-
-    TaskStat other;
-    other.taskNameIs("m");
-    EXPECT_DEATH(sum += other, HasSubstr("taskName() == rhs.taskName(), source Task, function"));
-    EXPECT_DEATH(sum += TaskStat(), HasSubstr("taskName() == rhs.taskName(), source Task"));
-}
-
-TEST(TaskStat, StatusTakesFiveBits) {
-    TaskStat::TaskStatus status(0x1f);
-    EXPECT_THROW(status.valueIs(0x20), Mox::RangeException);
-    EXPECT_EQ(0x1fu, status.value());
-    status.taskOnRunQueueIs(false);
-    EXPECT_EQ(0x1bu, status.value());
+    TaskStat const dead = statOf("'taskName': 'n', 'taskKey': 5, 'taskPriority': 'low', 'taskRun': 3");
+    EXPECT_EQ(statOf("'taskName': 'n', 'taskPriority': 'low', 'taskRun': 6, 'taskDeadCount': 2"),
+              TaskStat() + dead + dead);
+    for (TaskStat const& other : {TaskStat(), statOf("'taskName': 'm'")})
+        EXPECT_DEATH(dead + other, HasSubstr("taskName() == rhs.taskName(), source Task, function"));
 }
 
 TEST(TaskStat, StatusStringShowsWhatMattersMost) {
@@ -131,11 +67,10 @@ TEST(TaskStat, StatusStringShowsWhatMattersMost) {
         TaskPriority::PriorityEnum priority;
         char const* text;
     } const cases[] = {
-        {0x00, TaskPriority::high, " h"},   {0x04, TaskPriority::high, " H"},
-        {0x01, TaskPriority::low, "tl"},    {0x03, TaskPriority::low, "Tl"},
-        {0x07, TaskPriority::low, "TL"},    {0x02, TaskPriority::absolute, " a"},
-        {0x08, TaskPriority::normal, "*n"}, {0x1f, TaskPriority::scavenge, "*S"},
-        {0x13, TaskPriority::normal, "Sn"}, {0x14, TaskPriority::normal, "SN"},
+        {0x00, TaskPriority::high, " h"},          {0x04, TaskPriority::high, " H"},
+        {0x01, TaskPriority::low, "tl"},           {0x07, TaskPriority::low, "TL"},
+        {0x02, TaskPriority::absolute, " a"},      {0x1f, TaskPriority::scavenge, "*S"},
+        {0x13, TaskPriority::oneBeyondLast, "S-"}, {0x14, TaskPriority::normal, "SN"},
     };
     for (auto const& c : cases) {
         TaskStat stat;
