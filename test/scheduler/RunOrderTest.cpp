@@ -7,6 +7,7 @@
 #include <array>
 #include <deque>
 #include <map>
+#include <sstream>
 
 namespace {
 
@@ -18,12 +19,89 @@ using Mox::U32;
 using Mox::U64;
 using TestSupport::OnRun;
 
-TEST(RunOrder, PickFromBeyondTheLastPriorityFindsNothing) {
-    TestSupport::HandTree tree;
-    auto const t = tree.task("t", TaskPriority::scavenge);
+TaskPriority priorityOf(char letter) {
+    return TaskPriority::PriorityEnumInstance(static_cast<U32>(std::string("ahnls").find(letter)));
+}
+
+/// Tasks by name: the first letter is the priority, a "+" behind it makes one that schedules itself for ever.
+struct RunOrderTest : TestSupport::HandTreeTest {
+    void push(std::string const& names) {
+        std::istringstream stream(names);
+        for (std::string name; stream >> name;) {
+            auto const t = tasks.emplace_back(task(name, priorityOf(name[0])));
+            bool const forEver = name.back() == '+';
+            reactors.push_back(new OnRun(t, [this, forEver, raw = t.ptr()] {
+                order += (order.empty() ? "" : " ") + raw->taskName();
+                if (forEver)
+                    raw->scheduleTask();
+            }));
+            t->scheduleTask();
+        }
+    }
+    std::string run(int passes) {
+        order.clear();
+        while (passes-- > 0)
+            root->handleSchedulerRun();
+        return order;
+    }
+
+    std::vector<Ptr<Task>> tasks;
+    std::vector<Ptr<OnRun>> reactors;
+    std::string order;
+};
+
+std::string times(int count, std::string const& text) {
+    std::string result;
+    while (count-- > 0)
+        result += (result.empty() ? "" : " ") + text;
+    return result;
+}
+
+TEST_F(RunOrderTest, FollowsPrioritiesAndTheBumpRule) {
+    struct {
+        std::string push;
+        int passes;
+        std::string order;
+    } const cases[] = {
+        {"s l n h a", 6, "a h n l s"},
+        {"n1 n2 h1 n3 h2", 6, "h1 h2 n1 n2 n3"},
+        {"a+ h n l s", 50, times(50, "a+")},
+        {"s1 l+ s2", 50, times(50, "l+")},
+        {"s1 s2 s3", 4, "s1 s2 s3"},
+        {"s1+ s2+", 4, "s1+ s2+ s1+ s2+"},
+        {"h+ n+", 30, times(3, times(9, "h+") + " n+")},           // 8 × 9 > 64
+        {"n+ l+", 30, times(3, times(9, "n+") + " l+")},           // 1 × 9 > 8
+        {"h+ l+", 66, times(65, "h+") + " l+"},                    // 1 × 65 > 64
+        {"h1+ h2+ n+", 18, times(8, "h1+ h2+") + " h1+ n+"},       // 8 × 17 > 128: a longer backlog
+        {"h+ n1 n2 n3 n4 n5 n6 n7 n8 n9", 6, "h+ n1 h+ h+ n2 h+"}, // 72 > 64, then 64 × 2 > 64
+        {"h+ s1 s2 s3", 300, times(300, "h+")},                    // scavenge bumps nobody
+        {"h+ n+ l+", 90, times(9, times(8, "h+") + " n+") + " " + times(8, "h+") + " l+"}, // 9 × 8 > 64
+        {"a+ a+ h", 3, "a+ a+ a+"},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.push);
+        tasks.clear(), reactors.clear();
+        root = TestSupport::HandRoot::HandRootIs();
+        push(c.push);
+        EXPECT_EQ(c.order, run(c.passes));
+        EXPECT_EQ(0u, root->auditErrors(1));
+    }
+}
+
+TEST_F(RunOrderTest, StreakIsForgottenWhenItsQueueWasEmpty) {
+    push("h+ n+");
+    EXPECT_EQ(times(8, "h+"), run(8));
+    tasks[0]->unscheduleTask();
+    EXPECT_EQ("n+", run(1));
+    tasks[0]->scheduleTask();
+    EXPECT_EQ(times(9, "h+") + " n+", run(10));
+}
+
+TEST_F(RunOrderTest, PickFromBeyondTheLastPriorityFindsNothing) {
+    auto const t = task("t", TaskPriority::scavenge);
     t->scheduleTask();
-    EXPECT_EQ(nullptr, tree.root->pickOneTask({}, TaskPriority::oneBeyondLast));
-    EXPECT_EQ(t.ptr(), tree.root->pickOneTask({}, TaskPriority::low));
+    EXPECT_EQ(nullptr, root->pickOneTask({}, TaskPriority::oneBeyondLast));
+    EXPECT_EQ(t.ptr(), root->pickOneTask({}, TaskPriority::low));
 }
 
 /// What the scheduler is to do, written with five deques and weights in floating point.
