@@ -1,7 +1,7 @@
 # Boost's headers, found by themselves: its own package files belong to one architecture, and the headers
 # serve the 32-bit build as well. Defines BoostHeaders::BoostHeaders.
 find_path(BoostHeaders_INCLUDE_DIR boost/version.hpp
-    HINTS "${Boost_INCLUDE_DIR}" "${Boost_ROOT}" ENV Boost_ROOT PATH_SUFFIXES include)
+    HINTS ${Boost_INCLUDE_DIR} ${Boost_ROOT} ENV Boost_ROOT PATH_SUFFIXES include)
 mark_as_advanced(BoostHeaders_INCLUDE_DIR)
 
 if(BoostHeaders_INCLUDE_DIR)

@@ -15,7 +15,7 @@ install(TARGETS ${libraries} EXPORT KelTaskTargets
     ARCHIVE COMPONENT KelTask_Development)
 # Not for users: what only our own sources include.
 list(REMOVE_ITEM folders registry)
-set(own "/(FieldLog|FieldText|Probes|IndentedPrint|HistoryLanes|HistoryQueueLength|HistoryRuns|OutputText)\\.h$")
+set(own "/(FieldLog|FieldText|Probes|TaskTrace|StrepCursor|TimerQueue|IndentedPrint|HistoryLanes|HistoryQueueLength|HistoryRuns|OutputText)\\.h$")
 foreach(folder IN LISTS folders)
     install(DIRECTORY "${folder}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/keltask"
         COMPONENT KelTask_Development FILES_MATCHING PATTERN "*.h" REGEX "${own}" EXCLUDE)

@@ -84,7 +84,7 @@ class TaskRunQueue {
     bool isLong() const { return runnableTasks() > 128; }
 
   private:
-    static constexpr std::size_t runsAhead = 10; // which gives a queue 128 bytes: found by a shift
+    static constexpr std::size_t runsAhead = 10; // with 64 bits a queue has 128 bytes then: found by a shift
 
     [[gnu::noinline]] void noteAhead(TaskRunQueueLink& added) {
         TaskRunQueueLink*& earlier = recent_[static_cast<std::size_t>(tasksAdded_) % runsAhead];

@@ -61,7 +61,8 @@ class MOX_EXPORT TaskSchedulerHistory {
 
     Mox::U32 size() const;
     bool empty() const;
-    /// From the newest to the oldest.
+    /// From the newest to the oldest. An insertion ends the walk: whoever runs foreign code meanwhile walks a
+    /// copy.
     Ring::const_iterator begin() const;
     Ring::const_iterator end() const;
 
@@ -125,7 +126,7 @@ inline bool TaskSchedulerHistory::empty() const { return ring_.empty(); }
 inline TaskSchedulerHistory::Ring::const_iterator TaskSchedulerHistory::begin() const {
     return turned().begin();
 }
-inline TaskSchedulerHistory::Ring::const_iterator TaskSchedulerHistory::end() const { return ring_.end(); }
+inline TaskSchedulerHistory::Ring::const_iterator TaskSchedulerHistory::end() const { return turned().end(); }
 
 /// A task as events display it: the priority's letter, a blank, the name. Nothing for a null task.
 MOX_EXPORT Mox::String historyEventDisplayTask(Mox::Ptr<Task const> const& task);

@@ -9,6 +9,7 @@
 #include <iomanip>
 #include <sstream>
 #include <utility>
+#include <vector>
 
 // The root's history: trimming and printing it.
 
@@ -47,7 +48,9 @@ void TaskSchedulerRoot::printHistory(Mox::Ptr<DumpContext const> const& context,
     header << "Up to " << std::fixed << std::setprecision(0) << maxAge
            << " seconds of scheduler events, absolute timestamp and relative to now";
     KEL_PRINT_INDENTED(context, indent, "%s\n", header.str().c_str());
-    for (TaskSchedulerHistory::Event const& event : history_)
+    // A sink may make events.
+    std::vector<TaskSchedulerHistory::Event> const events(history_.begin(), history_.end());
+    for (TaskSchedulerHistory::Event const& event : events)
         KEL_PRINT_INDENTED(context, indent, "%s\n", eventLine(event, now).c_str());
     KEL_PRINT_INDENTED(context, indent, "\n");
 }

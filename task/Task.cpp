@@ -39,6 +39,7 @@ Mox::Ptr<Task> taskFactory(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriorit
 Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority, Mox::String8 const& name)
     : taskScheduler_(scheduler.ptr()),
       record_(TaskRecord::TaskRecordIs(name, priority, scheduler ? scheduler->nameRecord() : nullptr)) {
+    record_->taskQuantumIs(Mox::toNanoseconds(taskQuantumDefault));
     handleInitialized();
     taskQuantumIs(taskQuantumDefault);
 }

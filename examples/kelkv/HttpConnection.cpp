@@ -73,7 +73,9 @@ void HttpConnection::answer() {
 /// A page from elsewhere whose name resolves to this host (DNS rebinding) has another name.
 bool HttpConnection::namesThisHost() const {
     Error error;
-    auto const here = stream_.socket().local_endpoint(error).address();
+    auto here = stream_.socket().local_endpoint(error).address();
+    if (here.is_v6() && here.to_v6().is_v4_mapped())
+        here = boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, here.to_v6());
     std::string_view host = request_.get()[http::field::host];
     if (error || !here.is_loopback() || host.empty())
         return true;

@@ -22,7 +22,8 @@ class Daemon;
 /// from elsewhere, so there a request has to name this host as its own.
 ///
 /// The request is read by handlers, the answer is made by a task, so that it is measured as all work is.
-/// While the scheduler is suspended, the handler makes it: that is when an operator looks.
+/// To a request that comes while the scheduler is suspended the handler makes it: that is when an operator
+/// looks.
 ///
 /// Lifetime: its listener holds it until `close()`; so does each handler under way.
 class HttpConnection : public Kel::Task::Notifiee {

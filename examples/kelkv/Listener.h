@@ -8,7 +8,9 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <set>
+#include <utility>
 
 namespace KelKv {
 
@@ -29,6 +31,9 @@ template <class C> class Listener {
           retry_(context) {
         accept();
     }
+
+    Listener(Listener const&) = delete;
+    Listener& operator=(Listener const&) = delete;
 
     tcp::endpoint endpoint() const { return acceptor_.local_endpoint(); }
     unsigned short number() const { return endpoint().port(); }
@@ -54,30 +59,35 @@ template <class C> class Listener {
         if (isBusy_ || !acceptor_.is_open() || connections_.size() >= connectionsMax_)
             return;
         isBusy_ = true;
-        acceptor_.async_accept([this](Error error, tcp::socket socket) {
-            if (error == boost::asio::error::operation_aborted)
-                return; // the listener may be gone
+        acceptor_.async_accept(whileThere([this](Error error, tcp::socket socket) {
             if (error)
                 return acceptLater();
             isBusy_ = false;
             (*connections_.insert(make_(std::move(socket))).first)->start();
             accept();
-        });
+        }));
     }
     void acceptLater() {
         retry_.expires_after(std::chrono::milliseconds(100));
-        retry_.async_wait([this](Error error) {
-            if (error)
-                return;
+        retry_.async_wait(whileThere([this](Error) {
             isBusy_ = false;
             accept();
-        });
+        }));
+    }
+    /// A handler that is called while the listener is there and open: it may have been ready before that
+    /// ended.
+    template <class Handler> auto whileThere(Handler handler) {
+        return [this, handler, there = std::weak_ptr<void>(there_)](Error error, auto&&... results) {
+            if (!there.expired() && acceptor_.is_open())
+                handler(error, std::forward<decltype(results)>(results)...);
+        };
     }
 
     std::size_t const connectionsMax_;
     Make const make_;
     tcp::acceptor acceptor_;
     boost::asio::steady_timer retry_;
+    std::shared_ptr<void> const there_ = std::make_shared<char>();
     bool isBusy_ = false; // accepting, or waiting to
     std::set<Mox::Ptr<C>> connections_;
 };

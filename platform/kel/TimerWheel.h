@@ -138,7 +138,7 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
 
     void file(Mox::Seconds time);
 
-    // These two, which are all that a move to a later time touches, lie in one line of the cache.
+    // These two, which are all that a move to a later time touches, lie in one line of the cache (64 bits).
     Mox::Seconds timeMin_ = Mox::endOfTime;
     /// From this time on a new one changes nothing in where the timer is filed.
     Mox::Seconds keptFrom_ = Mox::endOfTime;

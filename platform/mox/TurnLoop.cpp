@@ -186,7 +186,8 @@ inline bool TurnLoop::budgetSpent() const {
 }
 
 void TurnLoop::runTurns() {
-    bool const hasVirtualTimers = serveVirtualTimers();
+    bool const hasVirtualTimers =
+        std::ranges::any_of(queues_, [](auto const& queue) { return !queue->clock().isReal(); });
     budgetStart_ = SteadyClock::latest();
     budgetTurns_ = 0;
     for (; !stopped_; callFirst())
@@ -215,15 +216,10 @@ void TurnLoop::serveTimers() {
         serve(*queue);
 }
 
-/// Returns whether there is any clock that is not real.
-bool TurnLoop::serveVirtualTimers() {
-    bool any = false;
+void TurnLoop::serveVirtualTimers() {
     for (auto const& queue : queues_)
-        if (!queue->clock().isReal()) {
-            any = true;
+        if (!queue->clock().isReal())
             serve(*queue);
-        }
-    return any;
 }
 
 U64 TurnLoop::pollDescriptors() {

@@ -91,7 +91,7 @@ class MOX_EXPORT TurnLoop {
     void runTurns();
     bool budgetSpent() const;
     void serveTimers();
-    bool serveVirtualTimers();
+    void serveVirtualTimers();
     void serve(TimerQueue& queue);
     U64 pollDescriptors();
 

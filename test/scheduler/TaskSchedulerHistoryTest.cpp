@@ -96,8 +96,8 @@ TEST(TaskSchedulerHistory, HoldsWhatADequeHoldsAndFreesWhatItShowsOfATaskWithThe
         ASSERT_EQ(model.size(), history.size());
         ASSERT_EQ(1 + records, name->use_count());
         if (!model.empty()) {
-            ASSERT_EQ(model.front().first, history.begin()->timeStamp());
             ASSERT_EQ(model.back().first, (history.end() - 1)->timeStamp());
+            ASSERT_EQ(model.front().first, history.begin()->timeStamp());
         }
     }
     EXPECT_TRUE(wasFull);
