@@ -240,7 +240,7 @@ class RandomSchedule {
         case 3:
             if (bookmark_.isLinked())
                 bookmark_.unlink();
-            tree_.root->runQueue(priority(slot.priority)).list().pushBack(bookmark_);
+            placeBookmark(tree_.root->runQueue(priority(slot.priority)).list());
             break;
         default: random_.oneIn(2) ? schedule(i) : pass();
         }
@@ -287,6 +287,12 @@ class RandomSchedule {
             if (random_.oneIn(2))
                 schedule(i);
         });
+    }
+    void placeBookmark(Kel::IntrusiveLinkedListBase& list) {
+        if (list.empty() || random_.oneIn(2))
+            list.pushBack(bookmark_);
+        else
+            list.insertBefore(*list.front(), bookmark_);
     }
     void schedule(int i) {
         Slot& slot = slots_.at(i);
