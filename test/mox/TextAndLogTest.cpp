@@ -125,7 +125,7 @@ struct Refusal {
 template <class T> void expectRefused(T const& before, std::initializer_list<Refusal> cases) {
     for (auto const& [text, message] : cases) {
         T value = before;
-        EXPECT_THAT([&] { strepToValue(text, &value); },
+        EXPECT_THAT([&, &text = text] { strepToValue(text, &value); },
                     ThrowsMessage<Mox::RangeException>(HasSubstr(message)))
             << text;
         EXPECT_EQ(before, value) << text;

@@ -57,7 +57,9 @@ TEST_F(BuildingTest, ValuesAreBuiltFromTexts) {
               "Kel::TaskStat::TaskStatus::value: '007x' is no Mox::U32: junk at column 3 deserializing "
               "Mox::U32"},
          })
-        EXPECT_EQ(TestSupport::refusal([&] { Mox::typeRegistry().type(type).makeValue(texts); }), message);
+        EXPECT_EQ(TestSupport::refusal(
+                      [&, &type = type, &texts = texts] { Mox::typeRegistry().type(type).makeValue(texts); }),
+                  message);
 }
 
 TEST_F(BuildingTest, AttributesOfValuesAreTheFieldsOfTheirTextForms) {
