@@ -95,7 +95,7 @@ TEST_F(SchedulerTreeTest, BadPathsAreRefusedWithTheReason) {
              {"root/suspended/x", "no task or group 'suspended' under 'root'"},
              {"root/deadTaskStats/'x'", "Kel::TaskSchedulerRoot::deadTaskStats: no entry 'x'"},
          })
-        EXPECT_EQ(refusal([&] { tree.get(path); }), message);
+        EXPECT_EQ(refusal([&, &path = path] { tree.get(path); }), message);
     EXPECT_THAT(refusal([&] { tree.get("root/twin/taskRun"); }),
                 AllOf(StartsWith("2 are named 'twin' under 'root', use a key: @0x"),
                       HasSubstr(key(twin1.ptr())), HasSubstr(key(twin2.ptr()))));

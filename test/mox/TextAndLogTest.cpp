@@ -125,9 +125,8 @@ struct Refusal {
 template <class T> void expectRefused(T const& before, std::initializer_list<Refusal> cases) {
     for (auto const& [text, message] : cases) {
         T value = before;
-        EXPECT_THAT([&, &text = text] { strepToValue(text, &value); },
-                    ThrowsMessage<Mox::RangeException>(HasSubstr(message)))
-            << text;
+        auto const read = [&value, &text = text] { strepToValue(text, &value); };
+        EXPECT_THAT(read, ThrowsMessage<Mox::RangeException>(HasSubstr(message))) << text;
         EXPECT_EQ(before, value) << text;
     }
 }
