@@ -27,7 +27,7 @@ struct Options {
         }
     }
     /// Alternating samples for a median; n, how many items take part in each.
-    int samples(std::uint64_t n = 1) const { return !quick ? 11 : n < 1'000'000 ? 5 : 2; }
+    int samples(std::uint64_t n = 1) const { return !quick ? 11 : n < 1'000'000 ? 5 : 1; }
 };
 
 /// A peer's figure, in the unit of the row.
