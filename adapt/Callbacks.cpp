@@ -1,9 +1,7 @@
 #define MOX_SOURCE_NAME "Callbacks"
 #include <adapt/Callbacks.h>
 
-#include <mox/Assert.h>
-
-#include <boost/smart_ptr/intrusive_ref_counter.hpp>
+#include <mox/detail/FunctionReactor.h>
 
 #include <utility>
 
@@ -14,35 +12,8 @@ using Mox::U32;
 
 namespace {
 
-/// A reactor of the given base that hears one notification. Its derived class has every callback of the base
-/// call(); the switches see to it that only one of them comes.
-template <class Base> class Callback : public Base {
-  public:
-    template <class X> Callback(Ptr<X> const& notifier, U32 notification, Function function) {
-        MOX_ASSERT(function);
-        held_ = new Held(std::move(function));
-        for (U32 other = 0; other < 32; ++other)
-            this->notificationActiveIs(other, other == notification);
-        this->notifierIs(notifier);
-    }
-
-  protected:
-    void call() {
-        Ptr<Held> const held = held_; // the function may let this reactor go
-        held->function();
-    }
-
-  private:
-    struct Held : boost::intrusive_ref_counter<Held, boost::thread_unsafe_counter> {
-        explicit Held(Function f) : function(std::move(f)) {}
-        Function const function;
-    };
-
-    Ptr<Held> held_;
-};
-
-struct TaskCallback final : Callback<Task::NotifieeConst> {
-    using Callback::Callback;
+struct TaskCallback final : Mox::FunctionReactor<Task::NotifieeConst> {
+    using FunctionReactor::FunctionReactor;
     void onTaskBusy() override { call(); }
     void onTaskSuspendedForTest() override { call(); }
     void onTaskForceYieldInTest() override { call(); }
@@ -53,24 +24,24 @@ struct TaskCallback final : Callback<Task::NotifieeConst> {
     void onTaskCurrentlyRunning() override { call(); }
 };
 
-struct TimerTaskCallback final : Callback<TimerTask::NotifieeConst> {
-    using Callback::Callback;
+struct TimerTaskCallback final : Mox::FunctionReactor<TimerTask::NotifieeConst> {
+    using FunctionReactor::FunctionReactor;
     void onTimerTaskInitComplete() override { call(); }
 };
 
-struct ParentTaskCallback final : Callback<TaskGroupParentTask::NotifieeConst> {
-    using Callback::Callback;
+struct ParentTaskCallback final : Mox::FunctionReactor<TaskGroupParentTask::NotifieeConst> {
+    using FunctionReactor::FunctionReactor;
     void onTaskGroup() override { call(); }
 };
 
-struct EventCallback final : Callback<TimerEvent::NotifieeConst> {
-    using Callback::Callback;
+struct EventCallback final : Mox::FunctionReactor<TimerEvent::NotifieeConst> {
+    using FunctionReactor::FunctionReactor;
     void onClock() override { call(); }
 };
 
 /// Of a wheel or of a clock.
-template <class Base> struct TimerCallback final : Callback<Base> {
-    using Callback<Base>::Callback;
+template <class Base> struct TimerCallback final : Mox::FunctionReactor<Base> {
+    using Mox::FunctionReactor<Base>::FunctionReactor;
     void onTime() override { this->call(); }
 };
 

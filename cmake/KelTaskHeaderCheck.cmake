@@ -1,9 +1,10 @@
-# header_check compiles every public header as a source of its own, so that none leans on what another file
+# header_check compiles every header of the libraries as a source of its own, so that none leans on what another file
 # happened to include before it.
 get_property(folders GLOBAL PROPERTY KELTASK_HEADER_FOLDERS)
 list(TRANSFORM folders PREPEND "${PROJECT_SOURCE_DIR}/" OUTPUT_VARIABLE patterns)
-list(TRANSFORM patterns APPEND "/*.h")
-file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" ${patterns})
+list(TRANSFORM patterns APPEND "/*.h" OUTPUT_VARIABLE public)
+list(TRANSFORM patterns APPEND "/detail/*.h")
+file(GLOB headers CONFIGURE_DEPENDS RELATIVE "${PROJECT_SOURCE_DIR}" ${public} ${patterns})
 
 set(sources)
 foreach(header IN LISTS headers)

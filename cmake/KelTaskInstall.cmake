@@ -2,7 +2,7 @@
 #   component KelTask_Runtime       the libraries
 #   component KelTask_Development   headers, a package file for find_package(KelTask), which gives the targets
 #                                   KelTask::KelTask, KelTask::Kel and KelTask::Mox, and one for pkg-config
-#   component KelTask_Tools         kelkv with its manual page (see examples/CMakeLists.txt) and what lies in tools/
+#   component KelTask_Tools         kelkv with its manual page (see kelkv/CMakeLists.txt) and what lies in tools/
 # find_package(KelTask) serves the build tree as well, with KelTask_DIR=<build directory>.
 include(CMakePackageConfigHelpers)
 
@@ -13,12 +13,9 @@ set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/KelTask")
 install(TARGETS ${libraries} EXPORT KelTaskTargets
     LIBRARY COMPONENT KelTask_Runtime NAMELINK_COMPONENT KelTask_Development
     ARCHIVE COMPONENT KelTask_Development)
-# Not for users: what only our own sources include.
-list(REMOVE_ITEM folders registry)
-set(own "/(FieldLog|FieldText|Probes|TaskTrace|StrepCursor|TimerQueue|IndentedPrint|HistoryLanes|HistoryQueueLength|HistoryRuns|OutputText)\\.h$")
-foreach(folder IN LISTS folders)
+foreach(folder IN LISTS folders) # a folder's detail/ is for our own sources
     install(DIRECTORY "${folder}" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/keltask"
-        COMPONENT KelTask_Development FILES_MATCHING PATTERN "*.h" REGEX "${own}" EXCLUDE)
+        COMPONENT KelTask_Development FILES_MATCHING PATTERN "*.h" PATTERN "detail" EXCLUDE)
 endforeach()
 
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/KelTaskConfigVersion.cmake"

@@ -1,6 +1,6 @@
 # keltask_library(<name> FOLDERS <folder>... [ON <library>] [LINKS <library>...])
 #
-# Compiles the folders' sources once and makes, for a name such as Kel:
+# Compiles the folders' sources, and those of their detail/, once and makes, for a name such as Kel:
 #   kel_objects    the object files, and what it takes to compile with the headers
 #   Kel            the library libKel, whose users see only what is marked for export
 #   kel_whitebox   the object files of this library and of all below it, for tests that see everything
@@ -12,7 +12,8 @@ function(keltask_library name)
     string(TOLOWER "${arg_ON}" below)
 
     list(TRANSFORM arg_FOLDERS APPEND "/*.cpp" OUTPUT_VARIABLE patterns)
-    file(GLOB sources CONFIGURE_DEPENDS ${patterns})
+    list(TRANSFORM arg_FOLDERS APPEND "/detail/*.cpp" OUTPUT_VARIABLE detail_patterns)
+    file(GLOB sources CONFIGURE_DEPENDS ${patterns} ${detail_patterns})
 
     add_library(${lower}_objects OBJECT ${sources})
     set_target_properties(${lower}_objects PROPERTIES

@@ -1,7 +1,7 @@
 # Three Debian packages from the components that KelTaskInstall.cmake names: libkeltask1, libkeltask-dev and
 # keltask-tools. Everything that belongs to packages alone is here and in packaging/.
-if(NOT KELTASK_INSTALL OR NOT BUILD_SHARED_LIBS OR NOT KELTASK_EXAMPLES)
-    message(FATAL_ERROR "Packages need KELTASK_INSTALL, KELTASK_EXAMPLES and BUILD_SHARED_LIBS")
+if(NOT KELTASK_INSTALL OR NOT BUILD_SHARED_LIBS OR NOT KELTASK_KELKV)
+    message(FATAL_ERROR "Packages need KELTASK_INSTALL, KELTASK_KELKV and BUILD_SHARED_LIBS")
 endif()
 
 set(library "libkeltask${PROJECT_VERSION_MAJOR}")

@@ -1,10 +1,10 @@
 #define MOX_SOURCE_NAME "Export"
 #include <export/ChromeTrace.h>
 
-#include <export/HistoryLanes.h>
-#include <export/HistoryQueueLength.h>
-#include <export/HistoryRuns.h>
-#include <export/OutputText.h>
+#include <export/detail/HistoryLanes.h>
+#include <export/detail/HistoryQueueLength.h>
+#include <export/detail/HistoryRuns.h>
+#include <export/detail/OutputText.h>
 #include <mox/Assert.h>
 
 #include <fmt/format.h>

@@ -1,7 +1,7 @@
 #define MOX_SOURCE_NAME "Export"
 #include <export/Prometheus.h>
 
-#include <export/OutputText.h>
+#include <export/detail/OutputText.h>
 #include <mox/Assert.h>
 
 #include <fmt/format.h>

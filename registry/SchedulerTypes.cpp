@@ -1,6 +1,6 @@
-#include <registry/Building.h>
-#include <registry/Tables.h>
-#include <registry/ValueText.h>
+#include <registry/detail/Building.h>
+#include <registry/detail/Tables.h>
+#include <registry/detail/ValueText.h>
 
 #include <scheduler/TaskSchedulerEventLoop.h>
 #include <scheduler/TaskSchedulerMoxActivity.h>

@@ -1,4 +1,4 @@
-#include <registry/Tables.h>
+#include <registry/detail/Tables.h>
 
 namespace Kel {
 

@@ -1,8 +1,8 @@
-#include <registry/Tables.h>
-#include <registry/ValueText.h>
+#include <registry/detail/Tables.h>
+#include <registry/detail/ValueText.h>
 
+#include <mox/detail/FieldText.h>
 #include <scheduler/TaskSchedulerQueueStats.h>
-#include <task/FieldText.h>
 #include <task/ProcessId.h>
 #include <task/TaskStat.h>
 
@@ -34,8 +34,8 @@ namespace {
 /// Registers a type whose attributes are the fields that it describes.
 template <class T> void addFieldType(Mox::TypeRegistry& registry) {
     Mox::AttributeTable<T> table(registry);
-    boost::mp11::mp_for_each<FieldsOf<T>>([&](auto field) {
-        table.writable(std::string(attributeName(field)), field.pointer,
+    boost::mp11::mp_for_each<Mox::FieldsOf<T>>([&](auto field) {
+        table.writable(std::string(Mox::attributeName(field)), field.pointer,
                        [field](T& value, auto const& text) { value.*field.pointer = text; });
     });
 }

@@ -5,8 +5,8 @@
 #include <mox/Exception.h>
 #include <mox/Type.h>
 #include <scheduler/TaskSchedulerRoot.h>
-#include <task/Probes.h>
-#include <task/TaskTrace.h>
+#include <task/detail/Probes.h>
+#include <task/detail/TaskTrace.h>
 
 #include <ostream>
 #include <utility>

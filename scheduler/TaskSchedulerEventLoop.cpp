@@ -4,7 +4,7 @@
 #include <kel/EventLoopTimerWheel.h>
 #include <mox/Assert.h>
 #include <mox/Type.h>
-#include <task/TaskTrace.h>
+#include <task/detail/TaskTrace.h>
 
 #include <utility>
 

@@ -3,7 +3,7 @@
 
 #include <mox/ActivityManager.h>
 #include <mox/Type.h>
-#include <task/TaskTrace.h>
+#include <task/detail/TaskTrace.h>
 
 #include <utility>
 

@@ -2,8 +2,8 @@
 #include <scheduler/TaskSchedulerPriorityStats.h>
 
 #include <mox/Assert.h>
-#include <task/FieldLog.h>
-#include <task/FieldText.h>
+#include <mox/detail/FieldLog.h>
+#include <mox/detail/FieldText.h>
 
 #include <ostream>
 
@@ -11,21 +11,21 @@ namespace Kel {
 
 TaskSchedulerPriorityStats::TaskSchedulerPriorityStats(Mox::String::IteratorConst& position,
                                                        Mox::String::IteratorConst const& end) {
-    sequenceToFields(position, end, this);
+    Mox::sequenceToFields(position, end, this);
 }
 
 TaskSchedulerPriorityStats::TaskSchedulerPriorityStats(Mox::NboAttrLog::In* in) { readFields(in, this); }
 
 TaskSchedulerPriorityStats& TaskSchedulerPriorityStats::operator+=(TaskSchedulerPriorityStats const& rhs) {
     MOX_ASSERT_AS("taskPriority() == rhs.taskPriority()", taskPriority() == rhs.taskPriority());
-    boost::mp11::mp_for_each<FieldsOf<TaskSchedulerPriorityStats>>([&](auto field) {
+    boost::mp11::mp_for_each<Mox::FieldsOf<TaskSchedulerPriorityStats>>([&](auto field) {
         if constexpr (requires { this->*field.pointer += rhs.*field.pointer; }) // all but the key
             this->*field.pointer += rhs.*field.pointer;
     });
     return *this;
 }
 
-Mox::String valueToStrep(TaskSchedulerPriorityStats const& stats) { return fieldsToStrep(stats); }
+Mox::String valueToStrep(TaskSchedulerPriorityStats const& stats) { return Mox::fieldsToStrep(stats); }
 
 std::ostream& operator<<(std::ostream& stream, TaskSchedulerPriorityStats const& stats) {
     return stream << valueToStrep(stats);

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <mox/FieldTable.h>
 #include <mox/Integers.h>
-#include <task/FieldTable.h>
 #include <task/TaskPriority.h>
 
 #include <iosfwd>
@@ -40,7 +40,7 @@ class MOX_EXPORT TaskSchedulerPriorityStats {
         return TaskSchedulerPriorityStats(*this) += rhs;
     }
     friend bool operator==(TaskSchedulerPriorityStats const& a, TaskSchedulerPriorityStats const& b) {
-        return allFieldsEqual(a, b);
+        return Mox::allFieldsEqual(a, b);
     }
 
     /// The text form.

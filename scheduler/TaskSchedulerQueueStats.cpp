@@ -1,7 +1,7 @@
 #include <scheduler/TaskSchedulerQueueStats.h>
 
 #include <mox/NboAttrLog.h>
-#include <mox/StrepCursor.h>
+#include <mox/detail/StrepCursor.h>
 
 #include <algorithm>
 #include <ostream>

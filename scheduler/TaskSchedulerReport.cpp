@@ -1,8 +1,8 @@
 #define MOX_SOURCE_NAME "TaskScheduler"
 #include <scheduler/TaskSchedulerReport.h>
 
-#include <scheduler/IndentedPrint.h>
 #include <scheduler/TaskScheduler.h>
+#include <scheduler/detail/IndentedPrint.h>
 
 #include <algorithm>
 #include <array>

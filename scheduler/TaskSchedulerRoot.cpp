@@ -5,7 +5,7 @@
 #include <mox/Exception.h>
 #include <mox/Type.h>
 #include <scheduler/TaskSchedulerReport.h>
-#include <task/TaskTrace.h>
+#include <task/detail/TaskTrace.h>
 
 #include <utility>
 

@@ -1,8 +1,8 @@
 #define MOX_SOURCE_NAME "TaskScheduler"
 #include <mox/Exception.h>
-#include <scheduler/IndentedPrint.h>
 #include <scheduler/TaskSchedulerRoot.h>
-#include <task/TaskTrace.h>
+#include <scheduler/detail/IndentedPrint.h>
+#include <task/detail/TaskTrace.h>
 
 #include <boost/chrono/chrono_io.hpp>
 

@@ -3,7 +3,7 @@
 #include <kel/DisplayPointer.h>
 #include <mox/Exception.h>
 #include <mox/NboAttrLog.h>
-#include <mox/StrepCursor.h>
+#include <mox/detail/StrepCursor.h>
 
 namespace Kel {
 

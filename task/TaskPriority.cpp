@@ -4,7 +4,7 @@
 #include <mox/Assert.h>
 #include <mox/Exception.h>
 #include <mox/NboAttrLog.h>
-#include <mox/StrepCursor.h>
+#include <mox/detail/StrepCursor.h>
 
 #include <algorithm>
 #include <array>

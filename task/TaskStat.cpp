@@ -3,9 +3,9 @@
 
 #include <mox/Assert.h>
 #include <mox/Exception.h>
-#include <mox/StrepCursor.h>
-#include <task/FieldLog.h>
-#include <task/FieldText.h>
+#include <mox/detail/FieldLog.h>
+#include <mox/detail/FieldText.h>
+#include <mox/detail/StrepCursor.h>
 
 #include <algorithm>
 #include <array>
@@ -78,7 +78,7 @@ Mox::U32 TaskStat::TaskStatus::readValue(Mox::String::IteratorConst& position,
 TaskStat::TaskStatus::TaskStatus(Mox::String::IteratorConst& position,
                                  Mox::String::IteratorConst const& end) {
     std::optional<TaskStatus> whole;
-    readAttributes(position, end, Mox::typeNameOf<TaskStatus>(), [&](std::string_view name, auto& at) {
+    Mox::readAttributes(position, end, Mox::typeNameOf<TaskStatus>(), [&](std::string_view name, auto& at) {
         auto const flag = std::ranges::find(flagNames, name);
         if (flag != flagNames.end()) {
             bool on = false;
@@ -95,7 +95,7 @@ TaskStat::TaskStatus::TaskStatus(Mox::String::IteratorConst& position,
 }
 
 TaskStat::TaskStat(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end) {
-    sequenceToFields(position, end, this);
+    Mox::sequenceToFields(position, end, this);
 }
 
 TaskStat::TaskStat(Mox::NboAttrLog::In* in) { readFields(in, this); }
@@ -107,7 +107,7 @@ TaskStat& TaskStat::operator+=(TaskStat const& rhs) {
     }
     MOX_ASSERT_AS("taskName() == rhs.taskName()", taskName() == rhs.taskName());
 
-    using Fields = FieldsOf<TaskStat>;
+    using Fields = Mox::FieldsOf<TaskStat>;
     static_assert(boost::mp11::mp_size<Fields>::value == mergeRules.size());
     boost::mp11::mp_for_each<boost::mp11::mp_iota_c<mergeRules.size()>>([&](auto i) {
         constexpr auto field = boost::mp11::mp_at_c<Fields, i>::pointer;
@@ -128,10 +128,10 @@ Mox::String TaskStat::taskStatusString() const {
     return std::string{first, second};
 }
 
-Mox::String valueToStrep(TaskStat const& stat) { return fieldsToStrep(stat); }
+Mox::String valueToStrep(TaskStat const& stat) { return Mox::fieldsToStrep(stat); }
 
 Mox::String valueToStrep(TaskStat::TaskStatus const& status) {
-    AttributeWriter writer(Mox::typeNameOf<TaskStat::TaskStatus>());
+    Mox::AttributeWriter writer(Mox::typeNameOf<TaskStat::TaskStatus>());
     for (Mox::U32 bit = 0; bit < flagNames.size(); ++bit)
         writer.write(flagNames[bit], (status.value() >> bit & 1u) != 0);
     writer.write("value", status.value());

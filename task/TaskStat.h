@@ -1,8 +1,8 @@
 #pragma once
 
+#include <mox/FieldTable.h>
 #include <mox/Seconds.h>
 #include <mox/String.h>
-#include <task/FieldTable.h>
 #include <task/TaskKey.h>
 #include <task/TaskPriority.h>
 
@@ -124,7 +124,7 @@ class MOX_EXPORT TaskStat {
     TaskStat& operator+=(TaskStat const& rhs);
     TaskStat operator+(TaskStat const& rhs) const { return TaskStat(*this) += rhs; }
 
-    friend bool operator==(TaskStat const& a, TaskStat const& b) { return allFieldsEqual(a, b); }
+    friend bool operator==(TaskStat const& a, TaskStat const& b) { return Mox::allFieldsEqual(a, b); }
 
     /// The text form.
     friend MOX_EXPORT std::ostream& operator<<(std::ostream& stream, TaskStat const& stat);

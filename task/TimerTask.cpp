@@ -5,8 +5,8 @@
 #include <mox/Type.h>
 #include <scheduler/TaskScheduler.h>
 #include <scheduler/TaskSchedulerRoot.h>
-#include <task/Probes.h>
-#include <task/TaskTrace.h>
+#include <task/detail/Probes.h>
+#include <task/detail/TaskTrace.h>
 
 #include <algorithm>
 #include <cmath>

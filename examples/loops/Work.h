@@ -1,7 +1,8 @@
 #pragma once
 
-#include <adapt/PeriodicTask.h>
+#include <adapt/Callbacks.h>
 #include <scheduler/TaskSchedulerEventLoop.h>
+#include <task/PeriodicTask.h>
 
 /// What the programs of this folder have the library do beside their own events: a low task counts in slices
 /// of 1 ms, and a periodic one ticks. Their loops differ; this does not.

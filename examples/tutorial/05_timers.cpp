@@ -1,7 +1,8 @@
 // Work after a delay, and work once a period.
 
-#include <adapt/PeriodicTask.h>
+#include <adapt/Callbacks.h>
 #include <scheduler/TaskSchedulerEventLoop.h>
+#include <task/PeriodicTask.h>
 
 #include <iostream>
 

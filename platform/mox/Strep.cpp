@@ -1,6 +1,6 @@
 #include <mox/Strep.h>
 
-#include <mox/StrepCursor.h>
+#include <mox/detail/StrepCursor.h>
 
 #include <algorithm>
 #include <array>

@@ -3,7 +3,7 @@
 
 #include <mox/ActivityManager.h>
 #include <mox/Assert.h>
-#include <mox/TimerQueue.h>
+#include <mox/detail/TimerQueue.h>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>

@@ -2,8 +2,8 @@
 #include <mox/Wakeup.h>
 
 #include <mox/Assert.h>
-#include <mox/TimerQueue.h>
 #include <mox/TurnLoop.h>
+#include <mox/detail/TimerQueue.h>
 
 #include <cmath>
 

@@ -1,8 +1,9 @@
 #define MOX_SOURCE_NAME "PeriodicTask"
-#include <adapt/PeriodicTask.h>
+#include <task/PeriodicTask.h>
 
 #include <mox/Exception.h>
 #include <mox/Type.h>
+#include <mox/detail/FunctionReactor.h>
 #include <scheduler/TaskScheduler.h>
 
 #include <algorithm>
@@ -22,13 +23,19 @@ void requireSeconds(char const* what, Seconds seconds, Seconds least) {
                                   " s is not a finite time of at least " + Mox::valueToStrep(least) + " s");
 }
 
+struct OnTaskRun final : Mox::FunctionReactor<Task::NotifieeConst> {
+    OnTaskRun(Mox::Ptr<TimerTask> const& task, std::function<void()> function)
+        : FunctionReactor(task, taskRunChanged, std::move(function)) {}
+    void onTaskRun() override { call(); }
+};
+
 } // namespace
 
 MOX_DEFINE_TYPE(PeriodicTask, "Kel::PeriodicTask", &Mox::PtrInterface::type())
 
 Mox::Ptr<PeriodicTask> PeriodicTask::PeriodicTaskIs(Mox::Ptr<TaskScheduler> const& scheduler,
                                                     TaskPriority priority, Mox::String8 const& name,
-                                                    Seconds period, Function function) {
+                                                    Seconds period, std::function<void()> function) {
     requireSeconds("The period", period, periodMin);
     Mox::Ptr<PeriodicTask> periodic =
         new PeriodicTask(TimerTask::TimerTaskIs(scheduler, priority, name), period, std::move(function));
@@ -36,9 +43,9 @@ Mox::Ptr<PeriodicTask> PeriodicTask::PeriodicTaskIs(Mox::Ptr<TaskScheduler> cons
     return periodic;
 }
 
-PeriodicTask::PeriodicTask(Mox::Ptr<TimerTask> task, Seconds period, Function function)
-    : task_(std::move(task)), period_(period), repetition_(onTaskRun(task_, [this] { handleRun(); })),
-      work_(function ? onTaskRun(task_, std::move(function)) : nullptr) {}
+PeriodicTask::PeriodicTask(Mox::Ptr<TimerTask> task, Seconds period, std::function<void()> function)
+    : task_(std::move(task)), period_(period), repetition_(new OnTaskRun(task_, [this] { handleRun(); })),
+      work_(function ? new OnTaskRun(task_, std::move(function)) : nullptr) {}
 
 PeriodicTask::~PeriodicTask() { stop(); }
 

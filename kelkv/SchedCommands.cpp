@@ -2,7 +2,7 @@
 
 #include "Connection.h"
 #include "Daemon.h"
-#include "SchedulerTree.h"
+#include <registry/SchedulerTree.h>
 
 #include <algorithm>
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t any = Limits::arguments;
 
-SchedulerTree tree(Connection& connection) { return SchedulerTree(connection.daemon().root()); }
+Kel::SchedulerTree tree(Connection& connection) { return Kel::SchedulerTree(connection.daemon().root()); }
 
 void bulks(Connection& connection, std::vector<std::string> const& texts) {
     connection.reply().array(texts.size());

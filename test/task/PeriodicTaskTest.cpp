@@ -1,4 +1,4 @@
-#include <adapt/PeriodicTask.h>
+#include <task/PeriodicTask.h>
 
 #include <mox/Exception.h>
 #include <scheduler/TaskSchedulerMoxActivity.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <export/HistoryLanes.h>
+#include <export/detail/HistoryLanes.h>
 
 #include <deque>
 #include <unordered_set>

@@ -1,5 +1,5 @@
 #define MOX_SOURCE_NAME "Export"
-#include <export/HistoryQueueLength.h>
+#include <export/detail/HistoryQueueLength.h>
 
 #include <algorithm>
 #include <utility>

@@ -1,5 +1,5 @@
 #define MOX_SOURCE_NAME "Export"
-#include <export/HistoryRuns.h>
+#include <export/detail/HistoryRuns.h>
 
 #include <algorithm>
 #include <iterator>

@@ -1,4 +1,4 @@
-#include <task/TaskTrace.h>
+#include <task/detail/TaskTrace.h>
 
 // Early, so that roots in global variables find it made.
 [[gnu::init_priority(200)]] Mox::TraceHandle Kel::taskSchedulerTrace("TaskScheduler");

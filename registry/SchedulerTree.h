@@ -9,7 +9,7 @@
 #include <variant>
 #include <vector>
 
-namespace KelKv {
+namespace Kel {
 
 /// The live schedulers and tasks below a root, walked by name, for an operator who looks at them and steers
 /// them.
@@ -26,9 +26,9 @@ namespace KelKv {
 ///
 /// By name, a scheduler's tasks are searched one by one: with a million of them that takes a while, a key is
 /// found at once.
-class SchedulerTree {
+class MOX_EXPORT SchedulerTree {
   public:
-    explicit SchedulerTree(Mox::Ptr<Kel::TaskSchedulerRoot> root) : root_(std::move(root)) {}
+    explicit SchedulerTree(Mox::Ptr<TaskSchedulerRoot> root) : root_(std::move(root)) {}
 
     /// The children that are listed; of others only their number.
     static constexpr std::size_t childrenMax = 1000;
@@ -47,7 +47,7 @@ class SchedulerTree {
     using Entity = Mox::Ptr<Mox::PtrInterface>;
     class Walk;
 
-    Mox::Ptr<Kel::TaskSchedulerRoot> const root_;
+    Mox::Ptr<TaskSchedulerRoot> const root_;
 };
 
-} // namespace KelKv
+} // namespace Kel

@@ -1,5 +1,5 @@
 #define MOX_SOURCE_NAME "Export"
-#include <export/OutputText.h>
+#include <export/detail/OutputText.h>
 
 #include <boost/locale/utf.hpp>
 #include <nlohmann/json.hpp>

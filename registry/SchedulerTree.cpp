@@ -1,15 +1,11 @@
-#include "SchedulerTree.h"
+#define MOX_SOURCE_NAME "SchedulerTree"
+#include <registry/SchedulerTree.h>
 
 #include <algorithm>
 #include <sstream>
 
-namespace KelKv {
+namespace Kel {
 
-using Kel::Task;
-using Kel::TaskGroup;
-using Kel::TaskKey;
-using Kel::TaskScheduler;
-using Kel::TaskSchedulerRoot;
 using Mox::RangeException;
 
 namespace {
@@ -78,7 +74,7 @@ std::string lineOf(TaskGroup const* group) {
 }
 
 std::string lineOf(Task const* task) {
-    Kel::TaskStat const stat = task->getStats();
+    TaskStat const stat = task->getStats();
     std::ostringstream line;
     line << "task " << nameOf(task) << " " << task->taskKey().toStrep() << " " << stat.taskStatusString()
          << " runs " << stat.taskRun() << ", total " << stat.taskTotalRunTime() << " s, longest "
@@ -256,4 +252,4 @@ std::string SchedulerTree::call(std::string_view path, std::string_view operatio
     return Mox::callOperation(*entity, operation, arguments);
 }
 
-} // namespace KelKv
+} // namespace Kel

@@ -1,12 +1,12 @@
 #pragma once
 
+#include <mox/FieldTable.h>
 #include <mox/Strep.h>
-#include <task/FieldTable.h>
 
 #include <functional>
 #include <string_view>
 
-namespace Kel {
+namespace Mox {
 
 /// The text form of a value with attributes: Value('Kel::TaskStat', ** {'taskName': 'a', 'taskRun': 1}).
 ///
@@ -14,19 +14,18 @@ namespace Kel {
 /// error.
 
 /// Writes that form, attribute by attribute.
-class AttributeWriter {
+class MOX_EXPORT AttributeWriter {
   public:
     explicit AttributeWriter(std::string const& typeName);
 
     template <class T> void write(std::string_view name, T const& value) {
-        using Mox::valueToStrep;
         writeText(name, valueToStrep(value));
     }
     /// The whole form.
-    Mox::String text() const { return text_ + "})"; }
+    String text() const { return text_ + "})"; }
 
   private:
-    void writeText(std::string_view name, Mox::String const& value);
+    void writeText(std::string_view name, String const& value);
 
     std::string text_;
     std::string_view separator_;
@@ -34,12 +33,12 @@ class AttributeWriter {
 
 /// Reads the attribute's value and moves the position behind it. False, with nothing read, when the type has
 /// no attribute of that name.
-using AttributeReader = std::function<bool(std::string_view name, Mox::String::IteratorConst& position)>;
+using AttributeReader = std::function<bool(std::string_view name, String::IteratorConst& position)>;
 
-/// Reads that form, telling each attribute, and moves the position behind it. Throws Mox::RangeException,
+/// Reads that form, telling each attribute, and moves the position behind it. Throws RangeException,
 /// with the position where it was, for any other text.
-void readAttributes(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end,
-                    std::string const& typeName, AttributeReader const& readAttribute);
+MOX_EXPORT void readAttributes(String::IteratorConst& position, String::IteratorConst const& end,
+                               std::string const& typeName, AttributeReader const& readAttribute);
 
 /// An attribute has its field's name, without the underscore at its end.
 template <class Field> constexpr std::string_view attributeName(Field field) {
@@ -48,8 +47,8 @@ template <class Field> constexpr std::string_view attributeName(Field field) {
     return name;
 }
 
-template <class T> Mox::String fieldsToStrep(T const& value) {
-    AttributeWriter writer(Mox::typeNameOf<T>());
+template <class T> String fieldsToStrep(T const& value) {
+    AttributeWriter writer(typeNameOf<T>());
     boost::mp11::mp_for_each<FieldsOf<T>>(
         [&](auto field) { writer.write(attributeName(field), value.*field.pointer); });
     return writer.text();
@@ -57,9 +56,8 @@ template <class T> Mox::String fieldsToStrep(T const& value) {
 
 /// On an error some of the fields may have been read already: for constructors.
 template <class T>
-void sequenceToFields(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end, T* value) {
-    readAttributes(position, end, Mox::typeNameOf<T>(), [&](std::string_view name, auto& at) {
-        using Mox::sequenceToValue;
+void sequenceToFields(String::IteratorConst& position, String::IteratorConst const& end, T* value) {
+    readAttributes(position, end, typeNameOf<T>(), [&](std::string_view name, auto& at) {
         bool known = false;
         boost::mp11::mp_for_each<FieldsOf<T>>([&](auto field) {
             if (attributeName(field) != name)
@@ -71,4 +69,4 @@ void sequenceToFields(Mox::String::IteratorConst& position, Mox::String::Iterato
     });
 }
 
-} // namespace Kel
+} // namespace Mox

@@ -5,7 +5,7 @@
 #include <boost/describe/modifiers.hpp>
 #include <boost/mp11/algorithm.hpp>
 
-namespace Kel {
+namespace Mox {
 
 /// The fields of a value type, in the order in which its class describes them (BOOST_DESCRIBE_CLASS). What
 /// walks fields, walks this list.
@@ -18,4 +18,4 @@ template <class T> bool allFieldsEqual(T const& a, T const& b) {
     return equal;
 }
 
-} // namespace Kel
+} // namespace Mox

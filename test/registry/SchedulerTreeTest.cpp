@@ -1,16 +1,15 @@
-#include <kelkv/Daemon.h>
-#include <kelkv/SchedulerTree.h>
+#include <registry/SchedulerTree.h>
 
+#include <group/TaskGroup.h>
 #include <support/HandRoot.h>
 #include <support/Refusal.h>
 
 #include <gmock/gmock.h>
 
-namespace KelKv {
+namespace Kel {
 
 namespace {
 
-using Kel::TaskPriority;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -19,7 +18,7 @@ using TestSupport::refusal;
 
 struct SchedulerTreeTest : TestSupport::HandTreeTest {
     static std::string key(Mox::PtrInterface const* entity) {
-        return Kel::TaskKey(reinterpret_cast<std::uintptr_t>(entity)).toStrep();
+        return TaskKey(reinterpret_cast<std::uintptr_t>(entity)).toStrep();
     }
     std::string got(std::string_view path) { return std::get<std::string>(tree.get(path)); }
     /// The second words of the lines that begin so.
@@ -31,10 +30,10 @@ struct SchedulerTreeTest : TestSupport::HandTreeTest {
         return names;
     }
 
-    Mox::Ptr<Kel::TaskGroup> const group = Kel::taskGroupFactory("jobs", TaskPriority::low, false, root);
-    Mox::Ptr<Kel::TaskGroup> const inner = Kel::taskGroupFactory("inner", TaskPriority::low, false, group);
-    Mox::Ptr<Kel::Task> const twin1 = task("twin"), twin2 = task("twin"), one = task("one");
-    Mox::Ptr<Kel::Task> const deep = Kel::taskFactory(inner, TaskPriority::normal, "deep");
+    Mox::Ptr<TaskGroup> const group = taskGroupFactory("jobs", TaskPriority::low, false, root);
+    Mox::Ptr<TaskGroup> const inner = taskGroupFactory("inner", TaskPriority::low, false, group);
+    Mox::Ptr<Task> const twin1 = task("twin"), twin2 = task("twin"), one = task("one");
+    Mox::Ptr<Task> const deep = taskFactory(inner, TaskPriority::normal, "deep");
     SchedulerTree const tree{root};
 };
 
@@ -49,7 +48,7 @@ TEST_F(SchedulerTreeTest, ListsGroupsThenTasksByNameAndSomeOfMany) {
                 testing::IsSupersetOf({"attribute taskQuantum = 0.02 (double within 1e-09 and 1.0 seconds)",
                                        "attribute taskName = 'one' (Mox::String, read only)",
                                        "operation getStats() gives Kel::TaskStat"}));
-    std::vector<Mox::Ptr<Kel::Task>> many;
+    std::vector<Mox::Ptr<Task>> many;
     for (std::size_t i = 0; i < SchedulerTree::childrenMax + 5; ++i)
         many.push_back(task("many"));
     EXPECT_EQ(listed("root", "task ").size(), SchedulerTree::childrenMax);
@@ -63,7 +62,7 @@ TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKey) {
     tree.set("root/" + key(twin2.ptr()) + "/taskWorkCount", "7");
     EXPECT_EQ(twin1->taskWorkCount() * 10 + twin2->taskWorkCount(), 7u);
     auto const slashed = task("a/b"), keyLike = task("@0x");
-    auto const shadow = Kel::taskGroupFactory("suspended", TaskPriority::low, false, root);
+    auto const shadow = taskGroupFactory("suspended", TaskPriority::low, false, root);
     for (auto const& [path, text] : std::initializer_list<std::pair<std::string, std::string>>{
              {"root/" + key(group.ptr()) + "/inner/taskGroupName", "'inner'"},
              {key(root.ptr()) + "/tasksPerPriority/'normal'", "5"},
@@ -106,8 +105,7 @@ TEST_F(SchedulerTreeTest, BadPathsAreRefusedWithTheReason) {
 }
 
 TEST_F(SchedulerTreeTest, ParentTaskMovedAwayTakesItsGroupAlong) {
-    auto const elsewhere =
-        Kel::taskGroupParentTaskFactory(inner, TaskPriority::low, "elsewhere", group.ptr());
+    auto const elsewhere = taskGroupParentTaskFactory(inner, TaskPriority::low, "elsewhere", group.ptr());
     inner->parentTaskDel(); // else each would stand below the other
     group->parentTaskIs(elsewhere);
     EXPECT_THAT(listed("root", "group "), ElementsAre());
@@ -115,4 +113,4 @@ TEST_F(SchedulerTreeTest, ParentTaskMovedAwayTakesItsGroupAlong) {
     EXPECT_THAT(listed("root", "group "), ElementsAre("jobs"));
 }
 
-} // namespace KelKv
+} // namespace Kel

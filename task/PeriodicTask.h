@@ -1,6 +1,8 @@
 #pragma once
 
-#include <adapt/Callbacks.h>
+#include <task/TimerTask.h>
+
+#include <functional>
 
 namespace Kel {
 
@@ -26,7 +28,7 @@ class MOX_EXPORT PeriodicTask : public Mox::PtrInterface {
     /// Mox::RangeException for a period that is not finite or below periodMin.
     static Mox::Ptr<PeriodicTask> PeriodicTaskIs(Mox::Ptr<TaskScheduler> const& scheduler,
                                                  TaskPriority priority, Mox::String8 const& name,
-                                                 Mox::Seconds period, Function function);
+                                                 Mox::Seconds period, std::function<void()> function);
     ~PeriodicTask() override;
 
     /// Starts, or starts anew: the first run is due one period from now.
@@ -56,7 +58,7 @@ class MOX_EXPORT PeriodicTask : public Mox::PtrInterface {
     static Mox::Type const& type();
 
   private:
-    PeriodicTask(Mox::Ptr<TimerTask> task, Mox::Seconds period, Function function);
+    PeriodicTask(Mox::Ptr<TimerTask> task, Mox::Seconds period, std::function<void()> function);
 
     Mox::Seconds dueTime(Mox::U64 index) const {
         return origin_ + static_cast<Mox::Seconds>(index) * period_;
@@ -78,8 +80,8 @@ class MOX_EXPORT PeriodicTask : public Mox::PtrInterface {
     Mox::U64 missed_ = 0;
 
     // The first is told first, so that the work finds the timer set and may replace it.
-    CallbackOn<Task> const repetition_;
-    CallbackOn<Task> const work_;
+    Mox::Ptr<Task::NotifieeConst> const repetition_;
+    Mox::Ptr<Task::NotifieeConst> const work_;
 };
 
 } // namespace Kel

@@ -1,4 +1,4 @@
-#include <registry/Problems.h>
+#include <registry/detail/Problems.h>
 
 #include <group/TaskGroup.h>
 #include <scheduler/TaskSchedulerMoxActivity.h>

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <mox/AttributeTable.h>
-#include <registry/Problems.h>
+#include <registry/detail/Problems.h>
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include <mox/StrepCursor.h>
+#include <mox/detail/StrepCursor.h>
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #define MOX_SOURCE_NAME "Export"
-#include <export/HistoryLanes.h>
+#include <export/detail/HistoryLanes.h>
 
-#include <export/OutputText.h>
+#include <export/detail/OutputText.h>
 
 namespace Kel {
 

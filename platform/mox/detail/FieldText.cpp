@@ -1,17 +1,17 @@
-#include <task/FieldText.h>
+#include <mox/detail/FieldText.h>
 
-#include <mox/StrepCursor.h>
+#include <mox/detail/StrepCursor.h>
 
 #include <algorithm>
 #include <vector>
 
-namespace Kel {
+namespace Mox {
 
 AttributeWriter::AttributeWriter(std::string const& typeName)
-    : text_("Value(" + Mox::valueToStrep(typeName) + ", ** {") {}
+    : text_("Value(" + valueToStrep(typeName) + ", ** {") {}
 
-void AttributeWriter::writeText(std::string_view name, Mox::String const& value) {
-    text_.append(separator_).append(Mox::valueToStrep(name)).append(": ").append(value);
+void AttributeWriter::writeText(std::string_view name, String const& value) {
+    text_.append(separator_).append(valueToStrep(name)).append(": ").append(value);
     separator_ = ", ";
 }
 
@@ -20,12 +20,12 @@ namespace {
 /// Reads the forms of one type.
 class ValueReader {
   public:
-    ValueReader(Mox::String::IteratorConst const& position, Mox::String::IteratorConst const& end,
+    ValueReader(String::IteratorConst const& position, String::IteratorConst const& end,
                 std::string const& typeName)
         : cursor_(position, end), typeName_(typeName), shortName_(typeName.substr(typeName.rfind(':') + 1)) {}
 
     /// Where the form ends.
-    Mox::String::IteratorConst read(AttributeReader const& readAttribute) try {
+    String::IteratorConst read(AttributeReader const& readAttribute) try {
         readTypeName();
         cursor_.expect("{");
         if (!cursor_.accept("}")) {
@@ -36,47 +36,47 @@ class ValueReader {
         }
         cursor_.expect(")");
         return cursor_.position();
-    } catch (Mox::PrematureEnd const&) {
-        throw Mox::RangeException("premature end of value type " + shortName_);
+    } catch (PrematureEnd const&) {
+        throw RangeException("premature end of value type " + shortName_);
     }
 
   private:
     void readTypeName() {
-        Mox::String name;
+        String name;
         cursor_.expect("Value");
         cursor_.expect("(");
         cursor_.read(&name);
         if (name != typeName_)
-            throw Mox::RangeException("expected a " + typeName_ + ", not a " + name);
+            throw RangeException("expected a " + typeName_ + ", not a " + name);
         cursor_.expect(",");
         cursor_.expect("**");
     }
 
     void readOne(AttributeReader const& readAttribute) {
-        Mox::String name;
+        String name;
         cursor_.read(&name);
         cursor_.expect(":");
         if (std::ranges::find(names_, name) != names_.end())
-            throw Mox::RangeException(shortName_ + " has this attribute already: " + name);
+            throw RangeException(shortName_ + " has this attribute already: " + name);
         cursor_.rest(); // where nothing of the value is there, it is this form that was cut
-        Mox::String::IteratorConst position = cursor_.position();
+        String::IteratorConst position = cursor_.position();
         if (!readAttribute(name, position))
-            throw Mox::RangeException(shortName_ + " has no such attribute: " + name);
+            throw RangeException(shortName_ + " has no such attribute: " + name);
         cursor_.skip(position - cursor_.position());
         names_.push_back(std::move(name));
     }
 
-    Mox::StrepCursor cursor_;
+    StrepCursor cursor_;
     std::string const& typeName_;
     std::string shortName_; // without the scopes around it
-    std::vector<Mox::String> names_;
+    std::vector<String> names_;
 };
 
 } // namespace
 
-void readAttributes(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end,
+void readAttributes(String::IteratorConst& position, String::IteratorConst const& end,
                     std::string const& typeName, AttributeReader const& readAttribute) {
     position = ValueReader(position, end, typeName).read(readAttribute);
 }
 
-} // namespace Kel
+} // namespace Mox
