@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mox/Problem.h>
 #include <mox/Subject.h>
 
 #include <functional>
@@ -18,9 +19,6 @@ enum class AttributeKind : U8 {
 };
 
 MOX_EXPORT std::string_view toString(AttributeKind kind);
-
-/// What is wrong with something, in words; empty when nothing is.
-using Problem = std::string;
 
 /// One attribute of a type, with the type itself forgotten. Made by an AttributeTable, used by a TypeEntry,
 /// which states in which order the functions are called.

@@ -9,6 +9,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -92,6 +93,12 @@ template <class Traits> class HashTable {
         Traits::next(*node) = nullptr;
         --size_;
         return node;
+    }
+
+    void swap(HashTable& other) noexcept {
+        buckets_.swap(other.buckets_);
+        std::swap(size_, other.size_);
+        std::swap(shift_, other.shift_);
     }
 
     Node* first() const { return firstFrom(0); }
@@ -247,7 +254,26 @@ template <class K, class V> class HashMap {
         return node.release()->entry.second;
     }
 
+    /// The same; false when that value is there already.
+    bool change(K const& key, V const& value) {
+        V* const there = find(key);
+        if (there && *there == value)
+            return false;
+        if (there)
+            *there = value;
+        else
+            valueIs(key, value);
+        return true;
+    }
+
+    /// Takes an entry out and returns its value; nothing when there is none.
+    std::optional<V> take(K const& key) {
+        std::unique_ptr<Node> const node(table_.remove(key));
+        return node ? std::optional(std::move(node->entry.second)) : std::nullopt;
+    }
     bool erase(K const& key) { return std::unique_ptr<Node>(table_.remove(key)) != nullptr; }
+
+    void swap(HashMap& other) noexcept { table_.swap(other.table_); }
 
     void clear() {
         // Bucket by bucket from the front: an erased entry's successor is the next first one.

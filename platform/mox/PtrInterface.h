@@ -73,8 +73,8 @@ class MOX_EXPORT PtrInterface {
 #endif
 
   protected: // behind the count, so that flags of derived classes fit in the same word
-    bool hasNotificationActive_ = false;
-    bool zombieReactors_ = false;
+    bool hasNotificationActive_ : 1 = false;
+    bool zombieReactors_ : 1 = false;
 };
 
 } // namespace Mox

@@ -44,7 +44,7 @@ class MOX_EXPORT Walk {
     void repair(Reactor const* reactor);
 
     Reactor* next_ = nullptr;
-    Reactor* last_ = nullptr;
+    Reactor* last_; // not set where there is no next one
     Reactor* current_ = nullptr;
     Walk* outer_;
 
