@@ -5,8 +5,6 @@
 #include <mox/Type.h>
 #include <scheduler/TaskSchedulerRoot.h>
 
-#include <utility>
-
 namespace Kel {
 
 MOX_DEFINE_TYPE(TaskGroup, "Kel::TaskGroup", &TaskScheduler::type())
@@ -33,6 +31,7 @@ TaskGroup::TaskGroup(Mox::String8 const& name, TaskPriority priority, bool enfor
       taskGroupName_(name), taskGroupPriority_(priority), enforceTaskGroupPriority_(enforceTaskGroupPriority),
       parentScheduler_(parentScheduler) {
     MOX_ASSERT_AS("__null != root_", root());
+    preconditionsAre({problemOfRequestOf, problemOfPriorityOf});
     root()->registerScheduler(this);
     Mox::Ptr<TaskGroupParentTask> const task =
         taskGroupParentTaskFactory(parentScheduler_, taskGroupPriority_, schedulerName(), this);
@@ -40,14 +39,7 @@ TaskGroup::TaskGroup(Mox::String8 const& name, TaskPriority priority, bool enfor
     task->taskQuantumIs(taskGroupQuantum_);
 }
 
-TaskGroup::~TaskGroup() {
-    dropOwnTasks();
-    mox_handleThis();
-    TaskGroup::moxDoZombieReactors(true);
-    if (parentTask_)
-        parentTask_->taskGroupIs(nullptr);
-    parentTask_ = nullptr;
-}
+TaskGroup::~TaskGroup() { mox_handleThis(); }
 
 /// The group goes: nobody refers to it any more.
 void TaskGroup::mox_handleThis() {
@@ -58,42 +50,18 @@ void TaskGroup::mox_handleThis() {
     }
 }
 
-void TaskGroup::hasNotificationActiveIs(bool active) {
-    if (active == hasNotificationActive())
-        return;
-    TaskScheduler::hasNotificationActiveIs(active);
-    if (parentTask_)
-        parentTask_->hasNotificationActiveIs(active);
-    if (active && schedulerHasRunnableTasks() && canBeRequested())
-        requestSchedulerRun(); // a run of the parent task that came meanwhile was spent
-}
-
-void TaskGroup::moxDoZombieReactors(bool zombie) {
-    if (zombie == zombieReactors_)
-        return;
-    if (parentTask_)
-        parentTask_->moxDoZombieReactors(zombie);
-    TaskScheduler::moxDoZombieReactors(zombie);
-}
-
 // The parent task
 
 void TaskGroup::parentTaskIs(Mox::Ptr<TaskGroupParentTask> const& task) {
-    if (!parentTask_) {
-        parentTask_ = new MoxParentTask;
-        parentTask_->moxFwkActivityIs(moxFwkActivity());
-        parentTask_->taskGroupIs(this);
-    }
-    parentTask_->notifierIs(task);
+    parentTask_.madeFor(this)->notifierIs(task);
 }
 
 Mox::Ptr<TaskGroupParentTask> TaskGroup::parentTaskDel() {
-    Mox::Ptr<MoxParentTask> const reactor = std::exchange(parentTask_, nullptr);
+    Mox::Ptr<MoxParentTask> const reactor = parentTask_.drop();
     if (!reactor)
         return nullptr;
-    Mox::Ptr<TaskGroupParentTask> const task = reactor->notifier();
     reactor->hasNotificationActiveIs(false);
-    reactor->taskGroupIs(nullptr);
+    Mox::Ptr<TaskGroupParentTask> const task = reactor->notifier();
     reactor->notifierIs(nullptr);
     return task;
 }
@@ -117,10 +85,24 @@ void TaskGroup::mox_handleTaskGroupQuantum() {
 // Registration and running
 
 void TaskGroup::taskRegister(Task* task) {
-    if (task && enforceTaskGroupPriority_ && !makesOwnTask())
+    if (task && !makesOwnTask())
         MOX_ASSERT_AS("task->taskPriority() == taskGroupPriority()",
-                      task->taskPriority() == taskGroupPriority());
+                      problemOfPriority(task->taskPriority()).empty());
     TaskScheduler::taskRegister(task);
+}
+
+Mox::Problem TaskGroup::problemOfPriorityOf(TaskScheduler const& scheduler, TaskPriority priority) {
+    return static_cast<TaskGroup const&>(scheduler).problemOfPriority(priority);
+}
+
+Mox::Problem TaskGroup::problemOfRequestOf(TaskScheduler const& scheduler) {
+    return static_cast<TaskGroup const&>(scheduler).problemOfRequestHere();
+}
+
+Mox::Problem TaskGroup::problemOfPriority(TaskPriority priority) const {
+    if (!enforceTaskGroupPriority_ || priority == taskGroupPriority_)
+        return {};
+    return "the group takes tasks of priority " + taskGroupPriority_.toStrep() + " only";
 }
 
 void TaskGroup::requestSchedulerRun() {
@@ -133,6 +115,20 @@ void TaskGroup::requestSchedulerRun() {
 bool TaskGroup::canBeRequested() const {
     Mox::Ptr<TaskGroupParentTask> const task = attachedTask();
     return loops_ > 0 || (task && task->taskScheduler());
+}
+
+/// Parent tasks can stand in each other's groups: a group that is come back to has its parent task on a queue
+/// by then.
+Mox::Problem TaskGroup::problemOfRequestHere() const {
+    if (isAsked_)
+        return {};
+    isAsked_ = true;
+    Mox::Ptr<TaskGroupParentTask> const task = attachedTask();
+    Mox::Problem problem = loops_ > 0 ? "" : "the group has no parent task";
+    if (task)
+        problem = task->problemOfScheduling();
+    isAsked_ = false;
+    return problem;
 }
 
 void TaskGroup::mox_handleParentTask_taskRun() {
@@ -161,14 +157,20 @@ bool TaskGroup::quantumIsUsed() const {
     return task && task->taskShouldYield();
 }
 
+void TaskGroup::MoxParentTask::hasNotificationActiveIs(bool active) {
+    OwnedReactor::hasNotificationActiveIs(active);
+    if (active && owner() && owner()->schedulerHasRunnableTasks() && owner()->canBeRequested())
+        owner()->requestSchedulerRun();
+}
+
 void TaskGroup::MoxParentTask::onTaskRun() {
-    if (group_)
-        group_->mox_handleParentTask_taskRun();
+    if (owner())
+        owner()->mox_handleParentTask_taskRun();
 }
 
 void TaskGroup::MoxParentTask::handleNotifier() {
-    if (group_ && notifier())
-        group_->mox_handleParentTask_taskRun();
+    if (owner() && notifier())
+        owner()->mox_handleParentTask_taskRun();
 }
 
 void TaskGroup::printHistory(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent) const {

@@ -31,7 +31,6 @@ class MOX_EXPORT TaskGroup : public TaskScheduler {
     TaskGroup(Mox::String8 const& name, TaskPriority priority, bool enforceTaskGroupPriority,
               Mox::Ptr<TaskScheduler> const& parentScheduler);
 
-    void hasNotificationActiveIs(bool active) override;
     Mox::Type const* fwkType() const override;
     ~TaskGroup() override;
     /// Schedules the parent task. Requires: one is attached, or the group's loop is running.
@@ -39,7 +38,6 @@ class MOX_EXPORT TaskGroup : public TaskScheduler {
     void taskRegister(Task* task) override;
     /// Prints the root's history, where the group's events are.
     void printHistory(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent) const override;
-    void moxDoZombieReactors(bool zombie) override;
 
     Mox::String const& taskGroupName() const { return taskGroupName_; }
     TaskPriority taskGroupPriority() const { return taskGroupPriority_; }
@@ -47,7 +45,7 @@ class MOX_EXPORT TaskGroup : public TaskScheduler {
     Mox::Ptr<TaskScheduler> const& parentScheduler() const { return parentScheduler_; }
 
     /// Null when detached.
-    Mox::Ptr<MoxParentTask> const& parentTask() const { return parentTask_; }
+    Mox::Ptr<MoxParentTask> const& parentTask() const { return parentTask_.ptr(); }
     /// Attaches a parent task, in place of one that is attached; runnable tasks of the group are looked
     /// after.
     void parentTaskIs(Mox::Ptr<TaskGroupParentTask> const& task);
@@ -75,6 +73,10 @@ class MOX_EXPORT TaskGroup : public TaskScheduler {
     void runPasses();
     bool quantumIsUsed() const;
     bool canBeRequested() const;
+    static Mox::Problem problemOfRequestOf(TaskScheduler const& scheduler);
+    static Mox::Problem problemOfPriorityOf(TaskScheduler const& scheduler, TaskPriority priority);
+    Mox::Problem problemOfRequestHere() const;
+    Mox::Problem problemOfPriority(TaskPriority priority) const;
     Mox::Ptr<TaskGroupParentTask> attachedTask() const;
 
     // Fixed at construction
@@ -83,23 +85,25 @@ class MOX_EXPORT TaskGroup : public TaskScheduler {
     bool const enforceTaskGroupPriority_;
     Mox::Ptr<TaskScheduler> const parentScheduler_;
 
-    Mox::Ptr<MoxParentTask> parentTask_;
+    Mox::OwnReactor<MoxParentTask> parentTask_{ownReactors_};
     Mox::Seconds taskGroupQuantum_ = Task::taskQuantumDefault;
-    ParentTasks namedBy_; // to be told when the group goes
-    Mox::U32 loops_ = 0;  // of the group, under way
+    ParentTasks namedBy_;          // to be told when the group goes
+    Mox::U32 loops_ = 0;           // of the group, under way
+    mutable bool isAsked_ = false; // what stands in the way of a request
 };
 
 /// The group's reactor on its parent task.
-class MOX_EXPORT TaskGroup::MoxParentTask : public TaskGroupParentTask::Notifiee {
+class MOX_EXPORT TaskGroup::MoxParentTask
+    : public Mox::OwnedReactor<TaskGroupParentTask::Notifiee, TaskGroup> {
   public:
     /// The group is told until null is given.
-    void taskGroupIs(TaskGroup* group) { group_ = group; }
+    void taskGroupIs(TaskGroup* group) { ownerIs(group); }
     void onTaskRun() override;
+    /// Switched on again, it asks for the parent task's run that came, and was spent, meanwhile.
+    void hasNotificationActiveIs(bool active) override;
 
   private:
     void handleNotifier() override;
-
-    TaskGroup* group_ = nullptr;
 };
 
 MOX_EXPORT Mox::Ptr<TaskGroup> taskGroupFactory(Mox::String8 const& name, TaskPriority priority,

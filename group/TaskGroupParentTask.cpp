@@ -51,6 +51,13 @@ void TaskGroupParentTask::resetStats() {
         taskGroup_->resetStats();
 }
 
+Mox::Problem TaskGroupParentTask::problemOfResetStats() const {
+    if (!taskGroup_ || !taskGroup_->canBeRequested())
+        return {};
+    bool const isLost = taskGroup_->resetStatsTask() && !taskGroup_->resetter();
+    return isLost ? "null ValidPtr" : taskGroup_->problemOfResetStats();
+}
+
 void TaskGroupParentTask::NotifieeConst::handleNotification(Mox::U32 notification) {
     if (notification == taskGroupChanged)
         onTaskGroup();

@@ -27,6 +27,9 @@ class MOX_EXPORT TaskGroupParentTask : public Task {
     Mox::Type const* fwkType() const override;
     /// Resets the statistics of the task, and those of its group.
     void resetStats() override;
+    /// What stands in the way of that: after the task's own statistics are cleared nothing may fail, so also
+    /// what the group tells by an exception.
+    Mox::Problem problemOfResetStats() const;
 
     /// Null once the group is gone.
     TaskGroup* taskGroup() const { return taskGroup_; }

@@ -13,7 +13,7 @@ Mox::Ptr<Mox::PtrInterface> makeGroup(Mox::Ingredients const& ingredients) {
     Building const building("Kel::TaskGroup", ingredients);
     auto const parent = building.reference<TaskScheduler>("parentScheduler");
     TaskPriority const priority = building.priority("taskGroupPriority");
-    building.refuseIf("parentScheduler", problemOfRegistering(*parent, priority));
+    building.refuseIf("parentScheduler", parent->problemOfRegistering(priority));
     return taskGroupFactory(building.text<Mox::String>("taskGroupName"), priority,
                             building.text<bool>("enforceTaskGroupPriority"), parent);
 }
@@ -22,7 +22,7 @@ Mox::Ptr<Mox::PtrInterface> makeParentTask(Mox::Ingredients const& ingredients) 
     Building const building("Kel::TaskGroupParentTask", ingredients);
     auto const scheduler = building.reference<TaskScheduler>("taskScheduler");
     TaskPriority const priority = building.priority("taskPriority");
-    building.refuseIf("taskScheduler", problemOfRegistering(*scheduler, priority));
+    building.refuseIf("taskScheduler", scheduler->problemOfRegistering(priority));
     return taskGroupParentTaskFactory(scheduler, priority, building.text<Mox::String>("taskName"),
                                       building.referenceOrNull<TaskGroup>("taskGroup").ptr());
 }

@@ -72,12 +72,12 @@ Problem problemOfRunnable(TaskScheduler const& scheduler, bool hasRunnableTasks)
     if (hasRunnableTasks == scheduler.schedulerHasRunnableTasks())
         return {};
     if (hasRunnableTasks)
-        return problemOfRequest(scheduler);
+        return scheduler.problemOfRequest();
     for (U32 p = 0; p <= TaskPriority::scavenge; ++p)
         if (scheduler.runnableTaskCount(TaskPriority::PriorityEnumInstance(p)) > 0)
             return "tasks are runnable";
     auto const* const root = dynamic_cast<TaskSchedulerRoot const*>(&scheduler);
-    return root ? problemOfTrimming(*root) : "";
+    return root ? root->problemOfTrimming() : "";
 }
 
 Problem problemOfPriority(TaskScheduler const&, TaskPriority priority) {
@@ -86,11 +86,6 @@ Problem problemOfPriority(TaskScheduler const&, TaskPriority priority) {
 
 Problem problemOfRoot(TaskScheduler const& scheduler) {
     return scheduler.root() ? "" : "the scheduler has no root";
-}
-
-/// Ending a suspension asks for a run.
-Problem problemOfSuspending(TaskSchedulerRoot const& root, bool suspended) {
-    return suspended || !root.suspended() ? "" : problemOfRequest(root);
 }
 
 Problem problemOfKeepingAlive(TaskSchedulerEventLoop const& root) {
@@ -133,7 +128,7 @@ Mox::Ptr<Mox::PtrInterface> makeActivityRoot(Mox::Ingredients const& ingredients
 
 void addScheduler(Mox::TypeRegistry& registry) {
     Mox::AttributeTable<TaskScheduler>(registry)
-        .guard(problemOfThread)
+        .guard(&TaskScheduler::problemOfThread)
         .factory({"schedulerName"}, {"root"}, makeScheduler)
         .constant("timerWheelTickInMsec", &TaskScheduler::timerWheelTickInMsec)
         .constant("priorityRunFactor", &TaskScheduler::priorityRunFactor)
@@ -161,8 +156,9 @@ void addScheduler(Mox::TypeRegistry& registry) {
                   &TaskScheduler::resetStatsTaskBookmarkIs)
         .writable("schedulerHasRunnableTasks", &TaskScheduler::schedulerHasRunnableTasks,
                   &TaskScheduler::schedulerHasRunnableTasksIs, {}, problemOfRunnable)
-        .operation("requestSchedulerRun", &TaskScheduler::requestSchedulerRun, problemOfRequest)
-        .operation("resetStats", &TaskScheduler::resetStats, problemOfResettingStats)
+        .operation("requestSchedulerRun", &TaskScheduler::requestSchedulerRun,
+                   &TaskScheduler::problemOfRequest)
+        .operation("resetStats", &TaskScheduler::resetStats, &TaskScheduler::problemOfResetStats)
         .operation("queueStats", &TaskScheduler::queueStats)
         .operation<TaskPriority>("runTaskCount", &TaskScheduler::runTaskCount, problemOfPriority)
         .operation<TaskPriority>("runnableTaskCount", &TaskScheduler::runnableTaskCount, problemOfPriority)
@@ -188,10 +184,11 @@ void addRoot(Mox::TypeRegistry& registry) {
                   &TaskSchedulerRoot::trimHistoryEnabledIs)
         .reactor("trimHistoryTask", &TaskSchedulerRoot::trimHistoryTask)
         .writable("suspended", &TaskSchedulerRoot::suspended, &TaskSchedulerRoot::suspendedIs, {},
-                  problemOfSuspending)
+                  &TaskSchedulerRoot::problemOfSuspended)
         .operation("clearHistory", &TaskSchedulerRoot::clearHistory)
         .operation("trimHistoryTaskDel", &TaskSchedulerRoot::trimHistoryTaskDel)
-        .operation("trimHistoryTaskSchedule", &TaskSchedulerRoot::trimHistoryTaskSchedule, problemOfTrimming)
+        .operation("trimHistoryTaskSchedule", &TaskSchedulerRoot::trimHistoryTaskSchedule,
+                   &TaskSchedulerRoot::problemOfTrimming)
         .operation("handleTrimHistoryTaskRun", &TaskSchedulerRoot::handleTrimHistoryTaskRun);
 }
 

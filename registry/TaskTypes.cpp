@@ -27,7 +27,7 @@ template <auto setter> void secondsIs(Task& task, Seconds seconds) {
 
 Problem problemOfTask(Task const& task) {
     TaskScheduler const* const scheduler = task.scheduler();
-    return scheduler ? problemOfThread(*scheduler) : "";
+    return scheduler ? scheduler->problemOfThread() : "";
 }
 
 /// Ending a suspension schedules the task.
@@ -37,14 +37,14 @@ Problem problemOfSuspending(Task const& task, bool suspended) {
     auto const scheduler = task.taskScheduler();
     if (!scheduler)
         return "the task has lost its scheduler";
-    return scheduler->schedulerHasRunnableTasks() ? "" : problemOfRequest(*scheduler);
+    return scheduler->schedulerHasRunnableTasks() ? "" : scheduler->problemOfRequest();
 }
 
 Problem problemOfRunIs(Task const& task, U32) { return problemOfRunning(task); }
 
 Problem problemOfTaskReset(Task const& task) {
     auto const* const parentTask = dynamic_cast<TaskGroupParentTask const*>(&task);
-    return parentTask && parentTask->taskGroup() ? problemOfResettingGroup(*parentTask->taskGroup()) : "";
+    return parentTask ? parentTask->problemOfResetStats() : "";
 }
 
 Problem problemOfAskingForYield(Task const& task) {
@@ -61,7 +61,7 @@ Problem problemOfDelay(TimerTask const& task, Seconds delay) {
     if (isNever(delay)) // stops the timer
         return {};
     auto const scheduler = task.taskScheduler();
-    return scheduler ? problemOfRequest(*scheduler) : "the task has lost its scheduler";
+    return scheduler ? scheduler->problemOfRequest() : "the task has lost its scheduler";
 }
 
 Problem problemOfLowestDelay(TimerTask const& task, Seconds delay) {
@@ -86,7 +86,7 @@ struct TaskIngredients {
     explicit TaskIngredients(Building const& building)
         : scheduler(building.reference<TaskScheduler>("taskScheduler")),
           priority(building.priority("taskPriority")), name(building.text<Mox::String>("taskName")) {
-        building.refuseIf("taskScheduler", problemOfRegistering(*scheduler, priority));
+        building.refuseIf("taskScheduler", scheduler->problemOfRegistering(priority));
     }
 
     Mox::Ptr<TaskScheduler> const scheduler;
@@ -143,7 +143,7 @@ void addTask(Mox::TypeRegistry& registry) {
         .writable("taskCurrentlyRunning", &Task::taskCurrentlyRunning, &Task::taskCurrentlyRunningIs)
         .readOnly("taskMagicNumber", &Task::taskMagicNumber)
         .operation("taskScheduled", &Task::taskScheduled)
-        .operation("scheduleTask", &Task::scheduleTask, problemOfScheduling)
+        .operation("scheduleTask", &Task::scheduleTask, &Task::problemOfScheduling)
         .operation("unscheduleTask", &Task::unscheduleTask)
         .operation("taskRunFromTest", &Task::taskRunFromTest, problemOfRunning)
         .operation("taskShouldYield", &Task::taskShouldYield, problemOfAskingForYield)

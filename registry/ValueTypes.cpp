@@ -84,8 +84,8 @@ void addEvent(Mox::TypeRegistry& registry) {
         "value", [](Type type) { return static_cast<Mox::U8>(type); },
         [](Type& type, Mox::U8 number) { type = static_cast<Type>(number); }, eventTypeRange);
     Mox::AttributeTable<Event>(registry)
-        .readOnly("timeStamp", &Event::timeStamp)
         .readOnly("eventType", &Event::eventType)
+        .readOnly("timeStamp", &Event::timeStamp)
         .readOnly("task", [](Event const& event) {
             return event.task() ? Mox::String(event.task()->taskName()) : Mox::String();
         });

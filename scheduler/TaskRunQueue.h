@@ -1,6 +1,7 @@
 #pragma once
 
 #include <scheduler/IntrusiveLinkedListBase.h>
+#include <scheduler/TaskSchedulerHistory.h>
 #include <task/Task.h>
 
 #include <boost/intrusive/parent_from_member.hpp>
@@ -10,51 +11,57 @@
 
 namespace Kel {
 
-/// The scheduled tasks of one priority, first in, first out, and their counters. What is runnable is derived
-/// from the counters: tasks added minus tasks run.
+/// Why a task leaves its run queue.
+enum class Leaving : Mox::U8 {
+    picked,   ///< the pass runs it
+    removed,  ///< it runs or dies without having been picked, and counts as run
+    takenBack ///< it is unscheduled: its addition is taken back
+};
+
+/// The scheduled tasks of one priority, first in, first out, their counters, and the length of the streak in
+/// which they ran. What is runnable is derived from the counters: tasks added minus tasks run.
+///
+/// It owns a task's place in it: all that goes with entering and leaving happens here, and nowhere else. It
+/// knows no clock; who has a task enter or leave says when that is.
 class TaskRunQueue {
   public:
-    /// Appends the task. Requires: the task is not linked.
-    void append(Task& task) {
+    /// Appends the task, records that, and starts the measurement of its latency. Requires: the task is not
+    /// linked.
+    ///
+    /// The event comes first: its stamp is that of the request.
+    void enter(Task& task, TaskTimeStamp const& now, TaskSchedulerHistory& history) {
+        if (!task.record_)
+            __builtin_unreachable(); // a task has one all its life
+        history.insert({now, TaskSchedulerEventType::schedule, task.record_});
+        task.taskLastAddedToRunQueueTimeStampIs(now);
         list_.pushBack(task.taskRunQueueLink_);
-        if (isLong()) [[unlikely]]
+        if (runnableTasks() > cached) [[unlikely]]
             noteAhead(task.taskRunQueueLink_);
         ++tasksAdded_;
     }
-    /// The task dies.
+    /// Takes the task out, counts that, and measures its latency; being unscheduled is recorded. Returns how
+    /// many tasks are left. Requires: the task is linked here.
+    Mox::S64 leave(Task& task, TaskTimeStamp const& now, Leaving why) {
+        switch (why) {
+        case Leaving::takenBack: noteTakenBack(task, now); break;
+        case Leaving::picked: raiseStreak(); [[fallthrough]];
+        case Leaving::removed: ++tasksRun_;
+        }
+        Mox::S64 const left = runnableTasks();
+        MOX_ASSERT_IN("TaskScheduler", "runQueue.runnableTasks() >= 0", left >= 0);
+        task.taskRunQueueLink_.unlink();
+        task.doUpdateSchedulingLatency(now);
+        return left;
+    }
+    /// The task dies: nothing here leads to it any more. Requires: the task is not linked.
     void forget(Task const& task) {
         std::ranges::replace(recent_, const_cast<TaskRunQueueLink*>(&task.taskRunQueueLink_), nullptr);
-    }
-    /// Takes out a task that is to run, or that dies. Requires: the task is linked here.
-    void takeToRun(Task& task) {
-        ++tasksRun_;
-        MOX_ASSERT_IN("TaskScheduler", "runQueue.runnableTasks() >= 0", runnableTasks() >= 0);
-        task.taskRunQueueLink_.unlink();
-    }
-    /// Takes out a task that is unscheduled: takes back its addition. Requires: the task is linked here.
-    void takeBack(Task& task) {
-        MOX_ASSERT_IN("TaskScheduler", "task->taskRunQueueLink_.isLinked()",
-                      task.taskRunQueueLink_.isLinked());
-        task.taskRunQueueLink_.unlink();
-        --tasksAdded_;
     }
 
     /// The oldest task; bookmarks are skipped. Null when there is none.
     Task* first() {
         TaskRunQueueLink* const link = list_.firstTask();
         return link ? boost::intrusive::get_parent_from_member(link, &Task::taskRunQueueLink_) : nullptr;
-    }
-
-    /// Has the caches fetch, while a task that was taken runs, what later runs touch: first the head of a
-    /// task some runs ahead, then, two runs ahead, all that the task refers to. With many tasks nothing of
-    /// them is in a cache when their turn comes, and the list alone cannot tell in time where they are.
-    /// Source: Luk and Mowry, "Compiler-Based Prefetching for Recursive Data Structures", 1996 (jump
-    /// pointers).
-    [[gnu::noinline]] void prefetchAfter(Task const& taken) {
-        Task::prefetchHead(taken.taskRunQueueLink_.ahead());
-        if (TaskRunQueueLink* const first = list_.front())
-            if (TaskRunQueueLink* const second = list_.after(*first); second && !second->isBookmark())
-                boost::intrusive::get_parent_from_member(second, &Task::taskRunQueueLink_)->prefetch();
     }
 
     Mox::S64 runnableTasks() const { return static_cast<Mox::S64>(tasksAdded_ - tasksRun_); }
@@ -80,18 +87,21 @@ class TaskRunQueue {
         return count;
     }
 
-    /// More tasks than the nearest cache holds.
-    bool isLong() const { return runnableTasks() > 128; }
+    /// Tasks that the nearest cache holds.
+    static constexpr Mox::S64 cached = 128;
+    /// Has the caches fetch what later runs touch, while that task, which was taken, runs; returns it.
+    Task* prefetchAfter(Task* taken);
 
   private:
-    static constexpr std::size_t runsAhead = 10; // with 64 bits a queue has 128 bytes then: found by a shift
-
-    [[gnu::noinline]] void noteAhead(TaskRunQueueLink& added) {
-        TaskRunQueueLink*& earlier = recent_[static_cast<std::size_t>(tasksAdded_) % runsAhead];
-        if (earlier)
-            earlier->aheadIs(&added);
-        earlier = &added;
+    /// It stops at its greatest value: a streak that began anew there would put off whoever waits.
+    void raiseStreak() {
+        if (++backToBackRunCount_ == 0) [[unlikely]]
+            --backToBackRunCount_;
     }
+    void noteTakenBack(Task& task, TaskTimeStamp const& now);
+    void noteAhead(TaskRunQueueLink& added);
+
+    static constexpr std::size_t runsAhead = 10;
 
     IntrusiveLinkedListBase list_;
     Mox::U32 backToBackRunCount_ = 0;
@@ -100,5 +110,8 @@ class TaskRunQueue {
     Mox::U64 tasksRunBase_ = 0;
     std::array<TaskRunQueueLink*, runsAhead> recent_{}; // the latest additions; null once dead
 };
+
+// A queue is found by a shift.
+static_assert(sizeof(void*) != 8 || sizeof(TaskRunQueue) == 128);
 
 } // namespace Kel

@@ -15,6 +15,8 @@ template <U32 p> U32 TaskRunQueues::weightedBacklog() const {
     return static_cast<U32>(queues_[p].runnableTasks()) * runFactors[p];
 }
 
+/// Unsigned 32-bit arithmetic, which wraps: the rule is stated so, and with the streak that stops at its
+/// greatest value a low task's wait stays bounded for all backlogs that memory can hold (docs/design.md).
 template <U32 p> bool TaskRunQueues::givesWay(U32 backToBackRunCount) const {
     U32 lower = weightedBacklog<TaskPriority::low>();
     if constexpr (p == TaskPriority::high)
@@ -30,47 +32,53 @@ bool TaskRunQueues::attemptLowerPriorityBump(TaskPriority priority, U32 backToBa
     }
 }
 
-template <U32 p> [[gnu::always_inline]] inline Task* TaskRunQueues::pickFrom() {
+/// An empty queue ends its streak. A streak that gives way is not over until a lower task was found: the
+/// backlog below may be all bookmarks.
+template <U32 p> [[gnu::always_inline]] inline Task* TaskRunQueues::pickFrom(TaskTimeStamp now) {
     TaskRunQueue& queue = queues_[p];
     Task* const task = queue.first();
     if (!task) {
         queue.backToBackRunCountIs(0);
-        return pickBelow<p>();
+        return pickBelow<p>(now);
     }
     if constexpr (TaskPriority(TaskPriority::PriorityEnumInstance(p)).isValidTargetPriorityForBump())
         if (givesWay<p>(queue.backToBackRunCount())) [[unlikely]]
-            if (Task* const lower = bumpBelow<p>())
-                return lower;
-    queue.backToBackRunCountIs(queue.backToBackRunCount() + 1);
-    queue.takeToRun(*task);
-    if (queue.isLong()) [[unlikely]]
-        queue.prefetchAfter(*task);
-    return task;
+            return bump<p>(task, now);
+    return take<p>(task, now);
 }
 
-template <U32 p> [[gnu::always_inline]] inline Task* TaskRunQueues::pickBelow() {
+template <U32 p>
+[[gnu::always_inline]] inline Task* TaskRunQueues::pickBelow([[maybe_unused]] TaskTimeStamp now) {
     if constexpr (p + 1 < count)
-        return pickFrom<p + 1>();
+        return pickFrom<p + 1>(now);
     else
         return nullptr;
 }
 
-template <U32 p> [[gnu::noinline]] Task* TaskRunQueues::bumpBelow() {
-    Task* const lower = pickBelow<p>();
-    if (lower)
-        queues_[p].backToBackRunCountIs(0);
+template <U32 p> [[gnu::always_inline]] inline Task* TaskRunQueues::take(Task* task, TaskTimeStamp now) {
+    TaskRunQueue& queue = queues_[p];
+    bool const isLong = queue.leave(*task, now, Leaving::picked) > TaskRunQueue::cached;
+    return isLong ? queue.prefetchAfter(task) : task;
+}
+
+/// Where nothing is found below, the streak goes on with the task at hand.
+template <U32 p> [[gnu::noinline]] Task* TaskRunQueues::bump(Task* task, TaskTimeStamp now) {
+    Task* const lower = pickBelow<p>(now);
+    if (!lower)
+        return take<p>(task, now);
+    queues_[p].backToBackRunCountIs(0);
     return lower;
 }
 
-Task* TaskRunQueues::pick() { return pickFrom<TaskPriority::absolute>(); }
+Task* TaskRunQueues::pick(TaskTimeStamp now) { return pickFrom<TaskPriority::absolute>(now); }
 
-Task* TaskRunQueues::pick(TaskPriority from) {
+Task* TaskRunQueues::pick(TaskTimeStamp now, TaskPriority from) {
     switch (from.numericValue()) {
-    case TaskPriority::absolute: return pick();
-    case TaskPriority::high: return pickFrom<TaskPriority::high>();
-    case TaskPriority::normal: return pickFrom<TaskPriority::normal>();
-    case TaskPriority::low: return pickFrom<TaskPriority::low>();
-    case TaskPriority::scavenge: return pickFrom<TaskPriority::scavenge>();
+    case TaskPriority::absolute: return pick(now);
+    case TaskPriority::high: return pickFrom<TaskPriority::high>(now);
+    case TaskPriority::normal: return pickFrom<TaskPriority::normal>(now);
+    case TaskPriority::low: return pickFrom<TaskPriority::low>(now);
+    case TaskPriority::scavenge: return pickFrom<TaskPriority::scavenge>(now);
     default: return nullptr;
     }
 }

@@ -23,20 +23,20 @@ class TaskRunQueues {
     auto begin() { return queues_.begin(); }
     auto end() { return queues_.end(); }
 
-    /// The next task of that or a lower priority, taken off its queue and counted there; null when there is
-    /// none.
-    Task* pick(TaskPriority from);
+    /// The next task of that or a lower priority, which has left its queue; null when there is none.
+    Task* pick(TaskTimeStamp now, TaskPriority from);
     /// The same of all priorities.
-    Task* pick();
+    Task* pick(TaskTimeStamp now);
 
     /// Whether a streak of that length at that priority gives way to a lower one. Unsigned 32-bit arithmetic.
     bool attemptLowerPriorityBump(TaskPriority priority, Mox::U32 backToBackRunCount) const;
 
   private:
     // By priority, each a function of its own: a pass looks at few queues, and knows their weights.
-    template <Mox::U32 p> Task* pickFrom();
-    template <Mox::U32 p> Task* pickBelow();
-    template <Mox::U32 p> Task* bumpBelow();
+    template <Mox::U32 p> Task* pickFrom(TaskTimeStamp now);
+    template <Mox::U32 p> Task* pickBelow(TaskTimeStamp now);
+    template <Mox::U32 p> Task* take(Task* task, TaskTimeStamp now);
+    template <Mox::U32 p> Task* bump(Task* task, TaskTimeStamp now);
     template <Mox::U32 p> bool givesWay(Mox::U32 backToBackRunCount) const;
     template <Mox::U32 p> Mox::U32 weightedBacklog() const;
 

@@ -4,11 +4,14 @@
 #include <mox/Assert.h>
 #include <mox/Exception.h>
 #include <mox/Type.h>
+#include <scheduler/TaskSchedulerReport.h>
 #include <scheduler/TaskSchedulerRoot.h>
 #include <task/detail/Probes.h>
 #include <task/detail/TaskTrace.h>
 
+#include <optional>
 #include <ostream>
+#include <typeinfo>
 #include <utility>
 
 namespace Kel {
@@ -16,6 +19,43 @@ namespace Kel {
 using EventType = TaskSchedulerEventType;
 using Mox::U32;
 using Mox::U64;
+
+namespace {
+
+/// Sets the flag for as long as it lives.
+class MakingOwnTask {
+  public:
+    explicit MakingOwnTask(bool& flag) : flag_(flag) { flag_ = true; }
+    ~MakingOwnTask() { flag_ = false; }
+    MakingOwnTask(MakingOwnTask const&) = delete;
+    MakingOwnTask& operator=(MakingOwnTask const&) = delete;
+
+  private:
+    bool& flag_;
+};
+
+template <class Map, class Key> auto valueOr0(Map const& map, Key const& key) {
+    auto const* const value = map.find(key);
+    return value ? *value : 0;
+}
+
+/// Adds to an entry, made when there is none. Returns the sum, and whether that changed anything.
+template <class Map, class Key> std::pair<U32, bool> add(Map& map, Key const& key, U32 count) {
+    if (U32* const there = map.find(key)) {
+        *there += count;
+        return {*there, count != 0};
+    }
+    return {map.valueIs(key, count), true};
+}
+
+/// The key where an iterator stands, with the iterator moved on.
+template <class Iterator> auto stepOver(Iterator& at) {
+    auto const key = at->first;
+    ++at;
+    return key;
+}
+
+} // namespace
 
 MOX_DEFINE_TYPE(TaskScheduler, "Kel::TaskScheduler", &Mox::PtrInterface::type())
 
@@ -34,29 +74,34 @@ TaskScheduler::TaskScheduler(Mox::String8 const& name, TaskSchedulerRoot* root)
 
 void TaskScheduler::schedulerInit() { schedulerLastScheduleTimeStamp_ = Mox::SteadyClock::now(); }
 
+/// Own tasks go while the scheduler is whole, as a task's statistics do: what their end tells needs root,
+/// clock and parent, and reaches what derived classes override.
+void TaskScheduler::zeroReferencesIs(bool zero) {
+    if (zero) {
+        resetStatsTask_.dropTask();
+        moxDoZombieReactors(true);
+    }
+    PtrInterface::zeroReferencesIs(zero);
+}
+
+/// Tasks hold their scheduler, so that what is left on a queue are entries of others: they are let go, from
+/// the lowest priority up, and nothing of them is counted.
 TaskScheduler::~TaskScheduler() {
-    dropOwnTasks();
-    TaskScheduler::moxDoZombieReactors(true);
-    deadTaskStats_.clear();
-    deadTasksPerPriority_.clear();
     for (auto queue = runQueues_.end(); queue != runQueues_.begin();)
         (--queue)->list().clear();
-    tasksPerPriority_.clear();
 }
 
 void TaskScheduler::hasNotificationActiveIs(bool active) {
     if (active == hasNotificationActive())
         return;
     hasNotificationActive_ = active;
-    if (resetStatsTask_)
-        resetStatsTask_->hasNotificationActiveIs(active);
+    ownReactors_.hasNotificationActiveIs(active);
 }
 
 void TaskScheduler::moxDoZombieReactors(bool zombie) {
     if (zombie == zombieReactors_)
         return;
-    if (resetStatsTask_)
-        resetStatsTask_->moxDoZombieReactors(zombie);
+    ownReactors_.moxDoZombieReactors(zombie);
     zombieReactors_ = zombie;
 }
 
@@ -107,12 +152,10 @@ void TaskScheduler::taskUnregister(Task* task) {
     TaskPriority const priority = task->taskPriority();
     MOX_ASSERT_AS("priority.isValid()", priority.isValid());
     MOX_TRACE_AT(taskSchedulerTrace, 4, this << " Unregister " << task);
-    if (task->taskRunQueueLink().isLinked()) {
-        TaskTimeStamp const now = Mox::SteadyClock::now();
-        taskSchedulerUnlinkTask(now, runQueues_[priority], task);
-        task->doUpdateSchedulingLatency(now);
-    }
-    runQueues_[priority].forget(*task);
+    TaskRunQueue& queue = runQueues_[priority];
+    if (task->taskRunQueueLink().isLinked())
+        queue.leave(*task, Mox::SteadyClock::now(), Leaving::removed);
+    queue.forget(*task);
     TaskStat const stat = task->getStats();
     deadTaskStatsInc(stat.taskName(), stat);
     MOX_ASSERT_AS("__null != tasksRegistered( task->taskKey() )", tasksRegistered(task->taskKey()));
@@ -165,7 +208,7 @@ void TaskScheduler::handleSchedulerRun() {
     if (slip > schedulerMaxSchedulerSlip_)
         schedulerMaxSchedulerSlip_ = slip;
 
-    Mox::Ptr<Task> const task = picked(now, runQueues_.pick());
+    Mox::Ptr<Task> const task = runQueues_.pick(now);
     if (!task) {
         KELTASK_PROBE(idle, schedulerName().data(), schedulerName().size());
         return schedulerHasRunnableTasksIs(false);
@@ -176,22 +219,12 @@ void TaskScheduler::handleSchedulerRun() {
     requestSchedulerRunAndRecord(end);
 }
 
-inline Task* TaskScheduler::picked(TaskTimeStamp const& now, Task* task) {
-    if (task)
-        task->doUpdateSchedulingLatency(now);
-    return task;
-}
-
 Task* TaskScheduler::pickOneTask(TaskTimeStamp const& now, TaskPriority from) {
-    return picked(now, runQueues_.pick(from));
+    return runQueues_.pick(now, from);
 }
 
 bool TaskScheduler::attemptLowerPriorityBump(TaskPriority priority, U32 backToBackRunCount) const {
     return runQueues_.attemptLowerPriorityBump(priority, backToBackRunCount);
-}
-
-void TaskScheduler::taskSchedulerUnlinkTask(TaskTimeStamp const&, TaskRunQueue& runQueue, Task* task) {
-    runQueue.takeToRun(*task);
 }
 
 void TaskScheduler::schedulerLastScheduleTimeStampIs(TaskTimeStamp const& stamp) {
@@ -205,6 +238,280 @@ void TaskScheduler::schedulerLastRunTimeStampIs(TaskTimeStamp const& stamp) {
 void TaskScheduler::schedulerMaxSchedulerSlipInternalIs(TaskTimeDuration const& slip) {
     schedulerMaxSchedulerSlip_ = slip;
 }
+
+// Statistics
+
+U64 TaskScheduler::runTaskCount(TaskPriority priority) const {
+    MOX_ASSERT(priority.isValid());
+    return runQueues_[priority].runsSinceBase();
+}
+
+U32 TaskScheduler::runnableTaskCount(TaskPriority priority) const {
+    MOX_ASSERT(priority.isValid());
+    Mox::S64 const runnableTasks = runQueues_[priority].runnableTasks();
+    MOX_ASSERT(runnableTasks >= 0);
+    return static_cast<U32>(runnableTasks);
+}
+
+TaskSchedulerQueueStats TaskScheduler::queueStats() const {
+    TaskSchedulerQueueStats stats;
+    for (U32 p = 0; p < TaskRunQueues::count; ++p) {
+        TaskSchedulerPriorityStats entry(TaskPriority::PriorityEnumInstance(p));
+        TaskPriority const priority = entry.taskPriority();
+        entry.runnableTasksIs(runnableTaskCount(priority));
+        entry.idleTasksIs(tasksPerPriority(priority) - entry.runnableTasks());
+        entry.deadTasksIs(deadTasksPerPriority(priority));
+        entry.totalRunCountIs(runTaskCount(priority));
+        stats.priorityIs(entry);
+    }
+    return stats;
+}
+
+U32 TaskScheduler::getTaskStats(std::vector<TaskStat>* out, bool includeIdle) const {
+    U32 leftOut = 0;
+    for (Task* task = tasksRegistered_.first(); task; task = tasksRegistered_.after(task)) {
+        if (includeIdle || task->taskRun() != 0 || task->taskTotalRunTime() != 0.0) // see TaskStat::hasRun
+            out->push_back(task->getStats());
+        else
+            ++leftOut;
+    }
+    return leftOut;
+}
+
+U32 TaskScheduler::getDeadTaskStats(std::vector<TaskStat>* out, bool includeIdle) const {
+    return deadTasks_.collect(out, includeIdle);
+}
+
+void TaskScheduler::printStats(Mox::Ptr<DumpContext const> const& context, U32 indent,
+                               bool includeNeverRunTasks, bool includeDeadTasks,
+                               bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const {
+    printSchedulerStats(context, indent, *this, includeNeverRunTasks, includeDeadTasks,
+                        displayMemoryAddressOfTasks);
+    if (includeSchedulerHistory)
+        printHistoryIsInRoot(context, indent);
+}
+
+void TaskScheduler::printHistory(Mox::Ptr<DumpContext const> const&, U32) const {
+    MOX_FAIL("0 && \"Must override in derived class\"");
+}
+
+// Resetting
+
+void TaskScheduler::resetStats() {
+    Mox::Ptr<TaskScheduler> const self = this; // a group may go when it wakes its parent task
+    Mox::Ptr<Task> const task = resetStatsTaskIs(this, TaskPriority::normal, schedulerName() + ";ResetStats");
+    task->scheduleTask();
+    resetStatsTaskBookmarkIs(TaskKey());
+}
+
+Mox::Ptr<Task> TaskScheduler::resetStatsTaskIs(Mox::Ptr<TaskScheduler> const& scheduler,
+                                               TaskPriority priority, Mox::String8 const& name) {
+    return resetStatsTask_ ? resetStatsTask_.taskThere() : newResetStatsTask(scheduler, priority, name);
+}
+
+Mox::Ptr<Task> TaskScheduler::newResetStatsTask(Mox::Ptr<TaskScheduler> const& scheduler,
+                                                TaskPriority priority, Mox::String8 const& name) {
+    resetStatsTask_.dropTask();
+    Mox::Ptr<Task> task;
+    {
+        MakingOwnTask const making(makesOwnTask_);
+        task = Task::TaskIs(scheduler, priority, name);
+    }
+    resetStatsTask_.madeFor(this)->ownTaskIs(task);
+    return task;
+}
+
+Mox::Ptr<Task> TaskScheduler::resetter() const { return resetStatsTask_.task(); }
+
+Mox::Ptr<Task> TaskScheduler::resetStatsTaskDel() { return resetStatsTask_.dropTask(); }
+
+void TaskScheduler::resetStatsTaskBookmarkIs(TaskKey const& key) { resetPass_.bookmarkIs(key); }
+
+void TaskScheduler::MoxResetStatsTask::onTaskRun() {
+    if (owner())
+        owner()->mox_handleResetStatsTask_taskRun();
+}
+
+void TaskScheduler::mox_handleResetStatsTask_taskRun() {
+    if (resetStatsTaskBookmark() != TaskKey::none())
+        handleResetStatsTaskRun();
+}
+
+// Preconditions
+
+Mox::Problem TaskScheduler::problemOfThread() const {
+    bool const allowed = !root_ || root_->schedulerThread().isCurrent() || !root_->schedulerPid().isCurrent();
+    return allowed ? "" : "this thread is not the tree's";
+}
+
+Mox::Problem TaskScheduler::problemOfRequest() const {
+    if (!root_)
+        return "the scheduler has no root";
+    if (preconditions_.ofRequest)
+        return preconditions_.ofRequest(*this);
+    bool const isBare = typeid(*this) == typeid(TaskScheduler) || typeid(*this) == typeid(TaskSchedulerRoot);
+    return isBare ? "nothing runs the scheduler: it is neither a driver nor a group" : "";
+}
+
+Mox::Problem TaskScheduler::problemOfResetStats() const {
+    if (resetStatsTask_)
+        return resetter() ? resetter()->problemOfScheduling() : ""; // which the reset tells by an exception
+    return schedulerHasRunnableTasks() ? "" : problemOfRequest();
+}
+
+Mox::Problem TaskScheduler::problemOfRegistering(TaskPriority priority) const {
+    if (!root_)
+        return "the scheduler has no root";
+    Mox::Problem const own =
+        preconditions_.ofRegistering ? preconditions_.ofRegistering(*this, priority) : "";
+    return own.empty() ? problemOfThread() : own;
+}
+
+// Tasks, by key
+
+void TaskScheduler::tasksRegisteredIs(Task* task) {
+    if (!task)
+        throw Mox::RangeException("null _tasksRegistered parameter to mutator for "
+                                  "Kel::TaskScheduler::tasksRegistered not allowed");
+    if (tasksRegistered(task->taskKey()) == task)
+        return;
+    tasksRegistered_.insert(task);
+    tasksRegisteredNotify(task->taskKey());
+}
+
+Task* TaskScheduler::tasksRegisteredDel(TaskKey const& key) {
+    Task* const task = tasksRegistered_.remove(key);
+    if (task)
+        tasksRegisteredNotify(key);
+    return task;
+}
+
+Task* TaskScheduler::tasksRegisteredDel(TasksRegisteredIterator& at) {
+    Task* const task = *at;
+    if (!task)
+        return nullptr;
+    at.task_ = tasksRegistered_.after(task);
+    return tasksRegisteredDel(task->taskKey());
+}
+
+void TaskScheduler::tasksRegisteredDelAll() {
+    for (auto at = tasksRegisteredIterator(); at;)
+        tasksRegisteredDel(at);
+}
+
+void TaskScheduler::tasksRegisteredNotify(TaskKey const&) {}
+
+// Tasks, counted by priority
+
+U32 TaskScheduler::tasksPerPriority(TaskPriority priority) const {
+    return valueOr0(tasksPerPriority_, priority);
+}
+
+U32 TaskScheduler::tasksPerPriorityInc(TaskPriority priority, U32 count) {
+    auto const [total, changed] = add(tasksPerPriority_, priority, count);
+    if (changed)
+        tasksPerPriorityNotify(priority);
+    return total;
+}
+
+U32 TaskScheduler::tasksPerPriorityDec(TaskPriority priority, U32 count) {
+    return TaskScheduler::tasksPerPriorityInc(priority, 0 - count);
+}
+
+void TaskScheduler::tasksPerPriorityIs(TaskPriority priority, U32 count) {
+    if (tasksPerPriority_.change(priority, count))
+        tasksPerPriorityNotify(priority);
+}
+
+U32 TaskScheduler::tasksPerPriorityDel(TaskPriority priority) {
+    std::optional<U32> const count = tasksPerPriority_.take(priority);
+    if (count)
+        tasksPerPriorityNotify(priority);
+    return count.value_or(0);
+}
+
+U32 TaskScheduler::tasksPerPriorityDel(TasksPerPriority::IteratorConst& at) {
+    return tasksPerPriorityDel(stepOver(at));
+}
+
+void TaskScheduler::tasksPerPriorityDelAll() {
+    for (auto at = tasksPerPriority_.begin(); at != tasksPerPriority_.end();)
+        tasksPerPriorityDel(at);
+}
+
+void TaskScheduler::tasksPerPriorityNotify(TaskPriority) {}
+
+// Dead tasks, counted by priority
+
+U32 TaskScheduler::deadTasksPerPriority(TaskPriority priority) const {
+    return valueOr0(deadTasks_.counts(), priority);
+}
+
+U32 TaskScheduler::deadTasksPerPriorityInc(TaskPriority priority, U32 count) {
+    auto const [total, changed] = add(deadTasks_.counts(), priority, count);
+    if (changed)
+        deadTasksPerPriorityNotify(priority);
+    return total;
+}
+
+void TaskScheduler::deadTasksPerPriorityIs(TaskPriority priority, U32 count) {
+    if (deadTasks_.counts().change(priority, count))
+        deadTasksPerPriorityNotify(priority);
+}
+
+U32 TaskScheduler::deadTasksPerPriorityDel(TaskPriority priority) {
+    std::optional<U32> const count = deadTasks_.counts().take(priority);
+    if (count)
+        deadTasksPerPriorityNotify(priority);
+    return count.value_or(0);
+}
+
+U32 TaskScheduler::deadTasksPerPriorityDel(TasksPerPriority::IteratorConst& at) {
+    return deadTasksPerPriorityDel(stepOver(at));
+}
+
+void TaskScheduler::deadTasksPerPriorityDelAll() {
+    for (auto at = deadTasksPerPriority().begin(); at != deadTasksPerPriority().end();)
+        deadTasksPerPriorityDel(at);
+}
+
+void TaskScheduler::deadTasksPerPriorityNotify(TaskPriority) {}
+
+// Statistics of dead tasks, by name
+
+void TaskScheduler::newDeadTaskStats(Mox::String8 const& name, TaskStat const& stat) {
+    deadTasks_.stats().valueIs(name, stat);
+    deadTaskStatsNotify(name);
+}
+
+TaskStat TaskScheduler::deadTaskStatsInc(Mox::String8 name, TaskStat const& stat) {
+    if (!deadTaskStats(name))
+        newDeadTaskStats(name, TaskStat());
+    return deadTasks_.merge(name, stat);
+}
+
+void TaskScheduler::deadTaskStatsIs(Mox::String8 name, TaskStat const& stat) {
+    if (deadTasks_.stats().change(name, stat))
+        deadTaskStatsNotify(name);
+}
+
+TaskStat TaskScheduler::deadTaskStatsDel(Mox::String8 name) {
+    std::optional<TaskStat> const stat = deadTasks_.stats().take(name);
+    if (stat)
+        deadTaskStatsNotify(name);
+    return stat.value_or(TaskStat());
+}
+
+TaskStat TaskScheduler::deadTaskStatsDel(DeadTaskStats::IteratorConst& at) {
+    return deadTaskStatsDel(stepOver(at));
+}
+
+void TaskScheduler::deadTaskStatsDelAll() {
+    for (auto at = deadTaskStats().begin(); at != deadTaskStats().end();)
+        deadTaskStatsDel(at);
+}
+
+void TaskScheduler::deadTaskStatsNotify(Mox::String8) {}
 
 std::ostream& operator<<(std::ostream& stream, TaskScheduler const* scheduler) {
     return stream << scheduler->schedulerName() << ":";

@@ -2,6 +2,11 @@
 
 #include <kel/DumpContext.h>
 #include <mox/HashMap.h>
+#include <mox/OwnReactors.h>
+#include <mox/Problem.h>
+#include <scheduler/DeadTasks.h>
+#include <scheduler/OwnTask.h>
+#include <scheduler/ResetPass.h>
 #include <scheduler/TaskRunQueues.h>
 #include <scheduler/TaskSchedulerQueueStats.h>
 #include <task/Task.h>
@@ -35,8 +40,8 @@ struct TaskRegistryTraits {
 /// with the tree in its own process.
 ///
 /// Lifetime: counted; its tasks hold it, it holds no task but its own. It does not hold its root, which its
-/// owner keeps alive. Tasks that it made for itself are dropped first, in the most derived destructor, by
-/// `dropOwnTasks()`, while root, clock and parent are still there.
+/// owner keeps alive. When its last owner lets go it drops the tasks that it made for itself, and makes its
+/// reactors zombies, while it is whole.
 ///
 /// A task's statistics are kept under its name after its death: an entry takes 240 bytes with a name of 16
 /// characters (64 bit), and goes with `resetStats()`. Names should come from a bounded set; the dead table of
@@ -44,8 +49,8 @@ struct TaskRegistryTraits {
 class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
   public:
     using TasksRegistered = Mox::HashTable<TaskRegistryTraits>;
-    using TasksPerPriority = Mox::HashMap<TaskPriority, Mox::U32>;
-    using DeadTaskStats = Mox::HashMap<Mox::String, TaskStat>;
+    using TasksPerPriority = DeadTasks::CountByPriority;
+    using DeadTaskStats = DeadTasks::StatsByName;
     class MoxResetStatsTask;
 
     /// Where a walk over the registered tasks stands.
@@ -68,6 +73,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     void hasNotificationActiveIs(bool active) override;
     Mox::U32 moxAuditErrors(Mox::U32 level) const override;
     Mox::U32 auditErrors(Mox::U32 level) const override;
+    void zeroReferencesIs(bool zero) override;
     Mox::Type const* fwkType() const override;
     ~TaskScheduler() override;
 
@@ -82,7 +88,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     /// Prints the events of the tree's history. The base has none: an assertion.
     virtual void printHistory(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent) const;
     /// Merges the record of a task that died into the entry of that name; returns the merged record.
-    virtual TaskStat deadTaskStatsInc(Mox::String8 const& name, TaskStat const& stat);
+    virtual TaskStat deadTaskStatsInc(Mox::String8 name, TaskStat const& stat);
     virtual Mox::U32 deadTasksPerPriorityInc(TaskPriority priority, Mox::U32 count);
     virtual Mox::U32 tasksPerPriorityInc(TaskPriority priority, Mox::U32 count);
     virtual Mox::U32 tasksPerPriorityDec(TaskPriority priority, Mox::U32 count);
@@ -101,10 +107,10 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
 
     // The ...Del operations return what they removed; ...Notify is called after each change of an entry, for
     // derived schedulers, and does nothing here.
-    virtual TaskStat deadTaskStatsDel(Mox::String8 const& name);
+    virtual TaskStat deadTaskStatsDel(Mox::String8 name);
     virtual TaskStat deadTaskStatsDel(DeadTaskStats::IteratorConst& at);
-    virtual void deadTaskStatsNotify(Mox::String8 const& name);
-    virtual void deadTaskStatsIs(Mox::String8 const& name, TaskStat const& stat);
+    virtual void deadTaskStatsNotify(Mox::String8 name);
+    virtual void deadTaskStatsIs(Mox::String8 name, TaskStat const& stat);
     virtual Mox::U32 deadTasksPerPriorityDel(TaskPriority priority);
     virtual Mox::U32 deadTasksPerPriorityDel(TasksPerPriority::IteratorConst& at);
     virtual void deadTasksPerPriorityNotify(TaskPriority priority);
@@ -149,9 +155,23 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     Mox::U32 getDeadTaskStats(std::vector<TaskStat>* out, bool includeIdle) const;
     /// Clears all statistics, by a task of its own that works in runs of its quantum.
     void resetStats();
-    void handleResetStatsTaskRun();
+    void mox_handleResetStatsTask_taskRun();
+    void handleResetStatsTaskRun() { resetPass_.run(deadTasks_); }
+    /// The reset-stats task; null when there is none, or when its reactor has lost it.
+    Mox::Ptr<Task> resetter() const;
     Mox::Ptr<Task> newResetStatsTask(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
                                      Mox::String8 const& name);
+
+    // What stands in the way of an operation that would end in an assertion.
+
+    /// Of anything that only the thread of the tree may do.
+    Mox::Problem problemOfThread() const;
+    /// Of requestSchedulerRun(): a driver runs it, or a chain of groups below one. A class of an application
+    /// counts as a driver: as every scheduler must, it overrides requestSchedulerRun().
+    Mox::Problem problemOfRequest() const;
+    Mox::Problem problemOfResetStats() const;
+    /// Of making a task of that priority here.
+    Mox::Problem problemOfRegistering(TaskPriority priority) const;
 
     // Collections
 
@@ -168,13 +188,13 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     void newTasksPerPriority(TaskPriority priority, Mox::U32 count) { tasksPerPriorityIs(priority, count); }
     void tasksPerPriorityDelAll();
     /// Null when there is no entry.
-    TaskStat const* deadTaskStats(Mox::String8 const& name) const { return deadTaskStats_.find(name); }
-    DeadTaskStats const& deadTaskStats() const { return deadTaskStats_; }
+    TaskStat const* deadTaskStats(Mox::String8 const& name) const { return deadTasks_.stats().find(name); }
+    DeadTaskStats const& deadTaskStats() const { return deadTasks_.stats(); }
     void newDeadTaskStats(Mox::String8 const& name, TaskStat const& stat);
     void deadTaskStatsDelAll();
     /// 0 when there is no entry.
     Mox::U32 deadTasksPerPriority(TaskPriority priority) const;
-    TasksPerPriority const& deadTasksPerPriority() const { return deadTasksPerPriority_; }
+    TasksPerPriority const& deadTasksPerPriority() const { return deadTasks_.counts(); }
     void newDeadTasksPerPriority(TaskPriority priority, Mox::U32 count) {
         deadTasksPerPriorityIs(priority, count);
     }
@@ -187,8 +207,8 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     TaskSchedulerRoot* root() const { return root_; }
     TaskTimeStamp schedulerLastScheduleTimeStamp() const { return schedulerLastScheduleTimeStamp_; }
     TaskTimeStamp schedulerLastRunTimeStamp() const { return schedulerLastRunTimeStamp_; }
-    TaskKey const& resetStatsTaskBookmark() const { return resetStatsTaskBookmark_; }
-    Mox::Ptr<MoxResetStatsTask> const& resetStatsTask() const { return resetStatsTask_; }
+    TaskKey const& resetStatsTaskBookmark() const { return resetPass_.bookmark(); }
+    Mox::Ptr<MoxResetStatsTask> const& resetStatsTask() const { return resetStatsTask_.ptr(); }
     /// For those who walk a queue with a bookmark, and for tests. Requires: a valid priority.
     TaskRunQueue& runQueue(TaskPriority priority) { return runQueues_[priority]; }
     /// Requires: the calling thread may touch the tree.
@@ -203,28 +223,28 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     static Mox::Type const& type();
 
   protected:
+    /// What a class tells of the requirements of its requestSchedulerRun() and of its taskRegister().
+    struct Preconditions {
+        Mox::Problem (*ofRequest)(TaskScheduler const& scheduler) = nullptr;
+        Mox::Problem (*ofRegistering)(TaskScheduler const& scheduler, TaskPriority priority) = nullptr;
+    };
+    void preconditionsAre(Preconditions const& preconditions) { preconditions_ = preconditions; }
+
     void schedulerInit();
     void handleSchedulerHasRunnableTasks();
-    /// Drops the tasks that the scheduler made for itself; every destructor of a scheduler begins with it.
-    void dropOwnTasks() { resetStatsTaskDel(); }
 
     /// True while the scheduler makes a task for itself, whose registration goes by no rule for others.
     bool makesOwnTask() const { return makesOwnTask_; }
 
+    Mox::OwnReactors ownReactors_;
     bool schedulerHasRunnableTasks_ = false;
 
   private:
-    friend class Task;
-
-    void taskSchedulerUnlinkTask(TaskTimeStamp const& now, TaskRunQueue& runQueue, Task* task);
-    Task* picked(TaskTimeStamp const& now, Task* task);
-    void beginResetPass();
-    Task* nextToReset(TaskKey const& after) const;
-
     // Fixed at construction
     Mox::Ptr<SchedulerName const> const name_;
     TaskSchedulerRoot* const root_;
     Mox::Ptr<Mox::Activity> moxFwkActivity_;
+    Preconditions preconditions_;
 
     // Registration and the run pass
     TasksRegistered tasksRegistered_;
@@ -235,29 +255,18 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     TaskTimeDuration schedulerMaxSchedulerSlip_{0};
 
     // Statistics that outlive the tasks
-    DeadTaskStats deadTaskStats_;
-    TasksPerPriority deadTasksPerPriority_;
-    Mox::Ptr<MoxResetStatsTask> resetStatsTask_;
-    TaskKey resetStatsTaskBookmark_ = TaskKey::none();
+    DeadTasks deadTasks_;
+    ResetPass resetPass_{*this};
+    OwnTask<MoxResetStatsTask> resetStatsTask_{ownReactors_};
     bool makesOwnTask_ = false;
 };
 
 /// Runs the scheduler's reset pass when its task runs.
-class MOX_EXPORT TaskScheduler::MoxResetStatsTask : public Task::Notifiee {
+class MOX_EXPORT TaskScheduler::MoxResetStatsTask : public OwnTaskReactor<Task, TaskScheduler> {
   public:
     /// The scheduler is told until null is given.
-    void taskSchedulerIs(TaskScheduler* scheduler) { scheduler_ = scheduler; }
+    void taskSchedulerIs(TaskScheduler* scheduler) { ownerIs(scheduler); }
     void onTaskRun() override;
-    ~MoxResetStatsTask() override;
-
-  private:
-    friend class TaskScheduler;
-    void ownTaskIs(Task* task);
-    /// Orphans the scheduler's own task when the reactor loses it.
-    void handleNotifier() override;
-
-    TaskScheduler* scheduler_ = nullptr;
-    Task* ownTask_ = nullptr; // which the scheduler made for itself, and the reactor holds
 };
 
 /// The scheduler's name and ":", as trace lines begin.

@@ -6,8 +6,6 @@
 #include <mox/Type.h>
 #include <task/detail/TaskTrace.h>
 
-#include <utility>
-
 namespace Kel {
 
 namespace {
@@ -15,24 +13,6 @@ namespace {
 constexpr Mox::Seconds keepAlive = 600.0;
 constexpr Mox::U32 wheelTicks = 8640000; // a day
 constexpr Mox::U32 wheelBuckets = 1024;
-
-/// Makes the reactor on the event, or moves an existing one there.
-template <class Clock>
-void clockOn(Mox::Ptr<Clock>& clock, TaskSchedulerEventLoop* root, Mox::Ptr<TimerEvent> const& event) {
-    if (!clock) {
-        clock = new Clock;
-        clock->moxFwkActivityIs(root->moxFwkActivity());
-        clock->taskSchedulerEventLoopIs(root);
-    }
-    clock->notifierIs(event);
-}
-
-template <class Clock> void dropClock(Mox::Ptr<Clock>& clock) {
-    if (Mox::Ptr<Clock> const dropped = std::exchange(clock, nullptr)) {
-        dropped->moxDoZombieReactors(true);
-        dropped->taskSchedulerEventLoopIs(nullptr);
-    }
-}
 
 } // namespace
 
@@ -68,50 +48,23 @@ void TaskSchedulerEventLoop::handleInitialized() {
     }
 }
 
-TaskSchedulerEventLoop::~TaskSchedulerEventLoop() {
-    dropOwnTasks();
-    TaskSchedulerEventLoop::moxDoZombieReactors(true);
-    eventLoopKeepAliveClockDel();
-    clockDel();
-}
-
-void TaskSchedulerEventLoop::hasNotificationActiveIs(bool active) {
-    if (active == hasNotificationActive())
-        return;
-    TaskSchedulerRoot::hasNotificationActiveIs(active);
-    if (clock_)
-        clock_->hasNotificationActiveIs(active);
-    if (keepAliveClock_)
-        keepAliveClock_->hasNotificationActiveIs(active);
-    if (active && schedulerHasRunnableTasks())
-        requestSchedulerRun(); // one that came due meanwhile was spent
-}
-
-void TaskSchedulerEventLoop::moxDoZombieReactors(bool zombie) {
-    if (zombie == zombieReactors_)
-        return;
-    if (clock_)
-        clock_->moxDoZombieReactors(zombie);
-    if (keepAliveClock_)
-        keepAliveClock_->moxDoZombieReactors(zombie);
-    TaskSchedulerRoot::moxDoZombieReactors(zombie);
-}
+TaskSchedulerEventLoop::~TaskSchedulerEventLoop() = default;
 
 void TaskSchedulerEventLoop::clockIs(Mox::Ptr<TimerEvent> const& event) {
     if (clock_ && clock_->rawEvent() == event)
         return;
-    clockOn(clock_, this, event);
+    clock_.madeFor(this)->notifierIs(event);
     if (schedulerHasRunnableTasks())
         requestSchedulerRun(); // the former event took the request along
 }
 
-void TaskSchedulerEventLoop::clockDel() { dropClock(clock_); }
+void TaskSchedulerEventLoop::clockDel() { clock_.drop(); }
 
 void TaskSchedulerEventLoop::eventLoopKeepAliveClockIs(Mox::Ptr<TimerEvent> const& event) {
-    clockOn(keepAliveClock_, this, event);
+    keepAliveClock_.madeFor(this)->notifierIs(event);
 }
 
-void TaskSchedulerEventLoop::eventLoopKeepAliveClockDel() { dropClock(keepAliveClock_); }
+void TaskSchedulerEventLoop::eventLoopKeepAliveClockDel() { keepAliveClock_.drop(); }
 
 void TaskSchedulerEventLoop::requestSchedulerRun() {
     if (!clock_)
@@ -126,14 +79,20 @@ void TaskSchedulerEventLoop::keepEventLoopAlive() {
         keepAliveClock_->notifier()->timeMinIs(keepAlive);
 }
 
+void TaskSchedulerEventLoop::MoxClock::hasNotificationActiveIs(bool active) {
+    OwnedReactor::hasNotificationActiveIs(active);
+    if (active && owner() && owner()->schedulerHasRunnableTasks())
+        owner()->requestSchedulerRun();
+}
+
 void TaskSchedulerEventLoop::MoxClock::onClock() {
-    if (root_)
-        root_->handleSchedulerRun();
+    if (owner())
+        owner()->handleSchedulerRun();
 }
 
 void TaskSchedulerEventLoop::MoxEventLoopKeepAliveClock::onClock() {
-    if (root_)
-        root_->keepEventLoopAlive();
+    if (owner())
+        owner()->keepEventLoopAlive();
 }
 
 } // namespace Kel

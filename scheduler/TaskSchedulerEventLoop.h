@@ -21,22 +21,22 @@ class MOX_EXPORT TaskSchedulerEventLoop : public TaskSchedulerRoot {
                                                                      Mox::Ptr<EventLoop> const& evLoop);
     TaskSchedulerEventLoop(Mox::String8 const& name, Mox::Ptr<EventLoop> const& evLoop);
 
-    void hasNotificationActiveIs(bool active) override;
     Mox::Type const* fwkType() const override;
     ~TaskSchedulerEventLoop() override;
     /// Has a pass run at the next turn; several requests before it collapse into one.
     void requestSchedulerRun() override;
-    void moxDoZombieReactors(bool zombie) override;
 
     /// Re-arms the keep-alive timer. Requires: the loop is not carried by the activity manager's.
     void keepEventLoopAlive();
 
     Mox::Ptr<EventLoop> const& evLoop() const { return evLoop_; }
-    Mox::Ptr<MoxClock> const& clock() const { return clock_; }
+    Mox::Ptr<MoxClock> const& clock() const { return clock_.ptr(); }
     void clockIs(Mox::Ptr<TimerEvent> const& event);
     void clockDel();
     /// Null when the loop needs none.
-    Mox::Ptr<MoxEventLoopKeepAliveClock> const& eventLoopKeepAliveClock() const { return keepAliveClock_; }
+    Mox::Ptr<MoxEventLoopKeepAliveClock> const& eventLoopKeepAliveClock() const {
+        return keepAliveClock_.ptr();
+    }
     void eventLoopKeepAliveClockIs(Mox::Ptr<TimerEvent> const& event);
     void eventLoopKeepAliveClockDel();
 
@@ -46,34 +46,34 @@ class MOX_EXPORT TaskSchedulerEventLoop : public TaskSchedulerRoot {
     void handleInitialized();
 
     Mox::Ptr<EventLoop> const evLoop_;
-    Mox::Ptr<MoxClock> clock_;
-    Mox::Ptr<MoxEventLoopKeepAliveClock> keepAliveClock_;
+    Mox::OwnReactor<MoxClock> clock_{ownReactors_};
+    Mox::OwnReactor<MoxEventLoopKeepAliveClock> keepAliveClock_{ownReactors_};
 };
 
 /// A reactor of the root on a timer event.
-class MOX_EXPORT TaskSchedulerEventLoop::MoxClock : public TimerEvent::Notifiee {
+class MOX_EXPORT TaskSchedulerEventLoop::MoxClock
+    : public Mox::OwnedReactor<TimerEvent::Notifiee, TaskSchedulerEventLoop> {
   public:
     /// The root is told until null is given.
-    void taskSchedulerEventLoopIs(TaskSchedulerEventLoop* root) { root_ = root; }
+    void taskSchedulerEventLoopIs(TaskSchedulerEventLoop* root) { ownerIs(root); }
     void onClock() override;
+    /// Switched on again, it asks for the run whose request came due, and was spent, meanwhile.
+    void hasNotificationActiveIs(bool active) override;
     /// The timer event, uncounted: each run request asks for it.
     TimerEvent* rawEvent() const {
         return const_cast<TimerEvent*>(static_cast<TimerEvent const*>(rawNotifier()));
     }
-
-  private:
-    TaskSchedulerEventLoop* root_ = nullptr;
 };
 
 /// The root's reactor on the timer that keeps a loop turning.
-class MOX_EXPORT TaskSchedulerEventLoop::MoxEventLoopKeepAliveClock : public TimerEvent::Notifiee {
+class MOX_EXPORT TaskSchedulerEventLoop::MoxEventLoopKeepAliveClock
+    : public Mox::OwnedReactor<TimerEvent::Notifiee, TaskSchedulerEventLoop> {
   public:
     /// The root is told until null is given.
-    void taskSchedulerEventLoopIs(TaskSchedulerEventLoop* root) { root_ = root; }
+    void taskSchedulerEventLoopIs(TaskSchedulerEventLoop* root) { ownerIs(root); }
     void onClock() override;
-
-  private:
-    TaskSchedulerEventLoop* root_ = nullptr;
+    /// Switched off, it arms its timer all the same: a loop must not run dry because its root is silent.
+    void hasNotificationActiveIs(bool active) override { hasNotificationActive_ = active; }
 };
 
 MOX_EXPORT Mox::Ptr<TaskSchedulerEventLoop> taskSchedulerEventLoopFactory(Mox::String8 const& name,

@@ -75,7 +75,8 @@ void TaskSchedulerHistory::clear() noexcept {
     watchFull();
 }
 
-TaskSchedulerHistory::Event::Event(TaskTimeStamp const& timeStamp, EventType eventType, Task const* task)
+TaskSchedulerHistory::Event::Event(TaskTimeStamp const& timeStamp, EventType eventType,
+                                   Mox::Ptr<Task const> const& task)
     : Event(timeStamp, eventType, Mox::Ptr<TaskRecord const>(task ? task->taskRecord() : nullptr)) {}
 
 Mox::String TaskSchedulerHistory::Event::display() const {

@@ -54,6 +54,7 @@ class MOX_EXPORT TaskSchedulerHistory {
     TaskSchedulerHistory& operator=(TaskSchedulerHistory const&) = delete;
 
     void insert(Event&& event);
+    void insert(Event const& event);
     /// Deletes, from the oldest on, the events that are older than the age, and stops at the first that is
     /// not. Returns how many were deleted.
     Mox::U32 deleteOlderThan(TaskTimeDuration maxAge) noexcept;
@@ -87,7 +88,7 @@ class MOX_EXPORT TaskSchedulerHistory::Event {
         if (task_ && !eventNeedTask(eventType)) [[unlikely]]
             taskNotNeeded();
     }
-    Event(TaskTimeStamp const& timeStamp, EventType eventType, Task const* task);
+    Event(TaskTimeStamp const& timeStamp, EventType eventType, Mox::Ptr<Task const> const& task);
     Event(TaskTimeStamp const& timeStamp, EventType eventType, std::nullptr_t)
         : Event(timeStamp, eventType, Mox::Ptr<TaskRecord const>()) {}
     Event(TaskTimeStamp const& timeStamp, EventType eventType) : Event(timeStamp, eventType, nullptr) {}
@@ -121,6 +122,7 @@ inline TaskSchedulerHistory::Event& TaskSchedulerHistory::nextSlot() noexcept {
     return newest_ == lowest_ ? nextSlotAtSeam() : *--newest_;
 }
 inline void TaskSchedulerHistory::insert(Event&& event) { nextSlot() = std::move(event); }
+inline void TaskSchedulerHistory::insert(Event const& event) { insert(Event(event)); }
 inline Mox::U32 TaskSchedulerHistory::size() const { return static_cast<Mox::U32>(ring_.size()); }
 inline bool TaskSchedulerHistory::empty() const { return ring_.empty(); }
 inline TaskSchedulerHistory::Ring::const_iterator TaskSchedulerHistory::begin() const {
@@ -132,3 +134,11 @@ inline TaskSchedulerHistory::Ring::const_iterator TaskSchedulerHistory::end() co
 MOX_EXPORT Mox::String historyEventDisplayTask(Mox::Ptr<Task const> const& task);
 
 } // namespace Kel
+
+namespace Mox {
+
+template <> inline std::string typeNameOf<Kel::TaskSchedulerEventType>() {
+    return "Kel::TaskSchedulerHistory::EventType";
+}
+
+} // namespace Mox

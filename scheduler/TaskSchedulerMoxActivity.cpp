@@ -5,8 +5,6 @@
 #include <mox/Type.h>
 #include <task/detail/TaskTrace.h>
 
-#include <utility>
-
 namespace Kel {
 
 namespace {
@@ -30,6 +28,10 @@ Mox::Ptr<TaskSchedulerMoxActivity> taskSchedulerMoxActivityFactory(Mox::String8 
 }
 
 TaskSchedulerMoxActivity::TaskSchedulerMoxActivity(Mox::String8 const& name) : TaskSchedulerRoot(name) {
+    preconditionsAre({.ofRequest = [](TaskScheduler const& scheduler) -> Mox::Problem {
+        auto const& root = static_cast<TaskSchedulerMoxActivity const&>(scheduler);
+        return root.clock() && root.clock()->notifier() ? "" : "the root has no clock";
+    }});
     handleInitialized();
 }
 
@@ -41,58 +43,32 @@ void TaskSchedulerMoxActivity::handleInitialized() {
     clockIs(clock);
 }
 
-TaskSchedulerMoxActivity::~TaskSchedulerMoxActivity() {
-    dropOwnTasks();
-    TaskSchedulerMoxActivity::moxDoZombieReactors(true);
-    clockDel();
-}
-
-void TaskSchedulerMoxActivity::hasNotificationActiveIs(bool active) {
-    if (active == hasNotificationActive())
-        return;
-    TaskSchedulerRoot::hasNotificationActiveIs(active);
-    if (clock_)
-        clock_->hasNotificationActiveIs(active);
-    if (active && schedulerHasRunnableTasks())
-        requestSchedulerRun(); // one that came due meanwhile was spent
-}
-
-void TaskSchedulerMoxActivity::moxDoZombieReactors(bool zombie) {
-    if (zombie == zombieReactors_)
-        return;
-    if (clock_)
-        clock_->moxDoZombieReactors(zombie);
-    TaskSchedulerRoot::moxDoZombieReactors(zombie);
-}
+TaskSchedulerMoxActivity::~TaskSchedulerMoxActivity() = default;
 
 void TaskSchedulerMoxActivity::clockIs(Mox::Ptr<Mox::Clock const> const& clock) {
-    if (!clock_) {
-        clock_ = new MoxClock;
-        clock_->moxFwkActivityIs(moxFwkActivity());
-        clock_->taskSchedulerMoxActivityIs(this);
-    }
-    if (clock_->notifier() == clock)
+    if (clock_.madeFor(this)->notifier() == clock)
         return;
     clock_->notifierIs(clock);
     if (clock && schedulerHasRunnableTasks())
         requestSchedulerRun(); // the former clock took the request along
 }
 
-void TaskSchedulerMoxActivity::clockDel() {
-    if (Mox::Ptr<MoxClock> const dropped = std::exchange(clock_, nullptr)) {
-        dropped->moxDoZombieReactors(true);
-        dropped->taskSchedulerMoxActivityIs(nullptr);
-    }
-}
+void TaskSchedulerMoxActivity::clockDel() { clock_.drop(); }
 
 void TaskSchedulerMoxActivity::requestSchedulerRun() {
     if (clock_)
         clock_->timeMinIs(0.0);
 }
 
+void TaskSchedulerMoxActivity::MoxClock::hasNotificationActiveIs(bool active) {
+    OwnedReactor::hasNotificationActiveIs(active);
+    if (active && owner() && owner()->schedulerHasRunnableTasks())
+        owner()->requestSchedulerRun();
+}
+
 void TaskSchedulerMoxActivity::MoxClock::onTime() {
-    if (root_)
-        root_->handleSchedulerRun();
+    if (owner())
+        owner()->handleSchedulerRun();
 }
 
 } // namespace Kel

@@ -18,14 +18,12 @@ class MOX_EXPORT TaskSchedulerMoxActivity : public TaskSchedulerRoot {
     static Mox::Ptr<TaskSchedulerMoxActivity> TaskSchedulerMoxActivityIs(Mox::String8 const& name);
     explicit TaskSchedulerMoxActivity(Mox::String8 const& name);
 
-    void hasNotificationActiveIs(bool active) override;
     Mox::Type const* fwkType() const override;
     ~TaskSchedulerMoxActivity() override;
     /// Has a pass run at the next turn; several requests before it collapse into one.
     void requestSchedulerRun() override;
-    void moxDoZombieReactors(bool zombie) override;
 
-    Mox::Ptr<MoxClock> const& clock() const { return clock_; }
+    Mox::Ptr<MoxClock> const& clock() const { return clock_.ptr(); }
     /// Makes the reactor on the clock, or moves it there.
     void clockIs(Mox::Ptr<Mox::Clock const> const& clock);
     void clockDel();
@@ -35,18 +33,18 @@ class MOX_EXPORT TaskSchedulerMoxActivity : public TaskSchedulerRoot {
   private:
     void handleInitialized();
 
-    Mox::Ptr<MoxClock> clock_;
+    Mox::OwnReactor<MoxClock> clock_{ownReactors_};
 };
 
 /// The root's reactor on the framework's clock.
-class MOX_EXPORT TaskSchedulerMoxActivity::MoxClock : public Mox::Clock::NotifieeConst {
+class MOX_EXPORT TaskSchedulerMoxActivity::MoxClock
+    : public Mox::OwnedReactor<Mox::Clock::NotifieeConst, TaskSchedulerMoxActivity> {
   public:
     /// The root is told until null is given.
-    void taskSchedulerMoxActivityIs(TaskSchedulerMoxActivity* root) { root_ = root; }
+    void taskSchedulerMoxActivityIs(TaskSchedulerMoxActivity* root) { ownerIs(root); }
     void onTime() override;
-
-  private:
-    TaskSchedulerMoxActivity* root_ = nullptr;
+    /// Switched on again, it asks for the run whose request came due, and was spent, meanwhile.
+    void hasNotificationActiveIs(bool active) override;
 };
 
 MOX_EXPORT Mox::Ptr<TaskSchedulerMoxActivity> taskSchedulerMoxActivityFactory(Mox::String8 const& name);

@@ -62,7 +62,7 @@ std::string displayedName(TaskStat const& stat, bool displayMemoryAddress) {
 
 /// A task that ran and reports no work shows "-"; one that never ran shows "0".
 std::string displayedWorkCount(TaskStat const& stat) {
-    return stat.taskWorkCount() == 0 && stat.taskRun() != 0 ? "-" : std::to_string(stat.taskWorkCount());
+    return stat.taskWorkCount() == 0 && stat.hasRun() ? "-" : std::to_string(stat.taskWorkCount());
 }
 
 /// Whole milliseconds, truncated; what does not fit (a record may hold anything) is clamped.

@@ -2,12 +2,11 @@
 #include <scheduler/TaskSchedulerRoot.h>
 
 #include <mox/Assert.h>
-#include <mox/Exception.h>
 #include <mox/Type.h>
 #include <scheduler/TaskSchedulerReport.h>
 #include <task/detail/TaskTrace.h>
 
-#include <utility>
+#include <optional>
 
 namespace Kel {
 
@@ -31,34 +30,13 @@ TaskSchedulerRoot::TaskSchedulerRoot(Mox::String8 const& name) : TaskScheduler(n
     registerScheduler(this);
 }
 
-TaskSchedulerRoot::~TaskSchedulerRoot() {
-    dropOwnTasks();
-    unregisterScheduler(this);
-    TaskSchedulerRoot::moxDoZombieReactors(true);
-    history_.clear();
-    taskSchedulers_.clear();
+void TaskSchedulerRoot::zeroReferencesIs(bool zero) {
+    if (zero)
+        trimHistoryTask_.dropTask();
+    TaskScheduler::zeroReferencesIs(zero);
 }
 
-void TaskSchedulerRoot::dropOwnTasks() {
-    trimHistoryTaskDel();
-    TaskScheduler::dropOwnTasks();
-}
-
-void TaskSchedulerRoot::hasNotificationActiveIs(bool active) {
-    if (active == hasNotificationActive())
-        return;
-    TaskScheduler::hasNotificationActiveIs(active);
-    if (trimHistoryTask_)
-        trimHistoryTask_->hasNotificationActiveIs(active);
-}
-
-void TaskSchedulerRoot::moxDoZombieReactors(bool zombie) {
-    if (zombie == zombieReactors_)
-        return;
-    if (trimHistoryTask_)
-        trimHistoryTask_->moxDoZombieReactors(zombie);
-    TaskScheduler::moxDoZombieReactors(zombie);
-}
+TaskSchedulerRoot::~TaskSchedulerRoot() { unregisterScheduler(this); }
 
 // The tree
 
@@ -67,15 +45,15 @@ void TaskSchedulerRoot::sanityCheckProcess() const {
 }
 
 void TaskSchedulerRoot::taskSchedulerIs(TaskScheduler const* scheduler, bool value) {
-    taskSchedulers_.valueIs(scheduler, value);
-    taskSchedulerNotify(scheduler);
+    if (taskSchedulers_.change(scheduler, value))
+        taskSchedulerNotify(scheduler);
 }
 
 bool TaskSchedulerRoot::taskSchedulerDel(TaskScheduler const* scheduler) {
-    bool const value = taskScheduler(scheduler);
-    if (taskSchedulers_.erase(scheduler))
+    std::optional<bool> const value = taskSchedulers_.take(scheduler);
+    if (value)
         taskSchedulerNotify(scheduler);
-    return value;
+    return value.value_or(false);
 }
 
 bool TaskSchedulerRoot::taskSchedulerDel(TaskSchedulers::IteratorConst& at) {
@@ -125,6 +103,10 @@ void TaskSchedulerRoot::handleSuspended() {
         historyInsert({now, EventType::schedulerUnsuspended});
         requestSchedulerRunAndRecord(now);
     }
+}
+
+Mox::Problem TaskSchedulerRoot::problemOfSuspended(bool suspended) const {
+    return suspended || !suspended_ ? "" : problemOfRequest();
 }
 
 void TaskSchedulerRoot::printStats(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent,

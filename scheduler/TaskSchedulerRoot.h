@@ -28,7 +28,7 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
     static Mox::Ptr<TaskSchedulerRoot> TaskSchedulerRootIs(Mox::String8 const& name);
     explicit TaskSchedulerRoot(Mox::String8 const& name);
 
-    void hasNotificationActiveIs(bool active) override;
+    void zeroReferencesIs(bool zero) override;
     Mox::Type const* fwkType() const override;
     ~TaskSchedulerRoot() override;
     void printStats(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent, bool includeNeverRunTasks,
@@ -38,7 +38,6 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
     void printHistory(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent) const override;
     /// A change has the effects of the base's twice: two events, two run requests.
     void schedulerHasRunnableTasksIs(bool hasRunnableTasks) override;
-    void moxDoZombieReactors(bool zombie) override;
 
     // Virtual operations of its own, in the order of the table.
 
@@ -49,7 +48,7 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
     /// The trim task, made with these arguments when there is none; the scheduler given is this root. Throws
     /// Mox::RangeException ("null ValidPtr") when its reactor has lost it.
     virtual Mox::Ptr<TimerTask> trimHistoryTaskIs(Mox::Ptr<TaskScheduler> const& scheduler,
-                                                  TaskPriority priority, Mox::String8 const& name);
+                                                  TaskPriority priority, Mox::String8 name);
     /// While suspended, passes run nothing and are recorded; tasks stay queued. Resuming requests a run.
     virtual void suspendedIs(bool suspended);
     /// Removes an entry; returns its value, false when there was none.
@@ -86,19 +85,25 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
     // The history
 
     void historyInsert(TaskSchedulerHistory::Event&& event) { history_.insert(std::move(event)); }
+    void historyInsert(TaskSchedulerHistory::Event const& event) { history_.insert(event); }
+    TaskSchedulerHistory& history() { return history_; }
     TaskSchedulerHistory const& history() const { return history_; }
     void clearHistory();
     static constexpr Mox::Seconds schedulerHistoryMaxAge() { return 10.0; }
     bool trimHistoryEnabled() const { return trimHistoryEnabled_; }
-    Mox::Ptr<MoxTrimHistoryTask> const& trimHistoryTask() const { return trimHistoryTask_; }
+    Mox::Ptr<MoxTrimHistoryTask> const& trimHistoryTask() const { return trimHistoryTask_.ptr(); }
     /// Has the history trimmed at most ten seconds from now.
     void trimHistoryTaskSchedule();
     void handleTrimHistoryTaskRun();
 
-    static Mox::Type const& type();
+    // What stands in the way of an operation that would end in an assertion.
 
-  protected:
-    void dropOwnTasks();
+    /// Ending a suspension asks for a run.
+    Mox::Problem problemOfSuspended(bool suspended) const;
+    /// Of going idle, which schedules the trim task.
+    Mox::Problem problemOfTrimming() const;
+
+    static Mox::Type const& type();
 
   private:
     void handleSuspended();
@@ -115,7 +120,7 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
 
     Mox::Ptr<TimerWheel> timerWheel_;
     TaskSchedulers taskSchedulers_;
-    Mox::Ptr<MoxTrimHistoryTask> trimHistoryTask_;
+    OwnTask<MoxTrimHistoryTask> trimHistoryTask_{ownReactors_};
 
     // Timer jitter
     std::random_device randomDevice_{"default"};
@@ -124,10 +129,10 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
 };
 
 /// Trims the history when its task runs.
-class MOX_EXPORT TaskSchedulerRoot::MoxTrimHistoryTask : public TimerTask::Notifiee {
+class MOX_EXPORT TaskSchedulerRoot::MoxTrimHistoryTask : public OwnTaskReactor<TimerTask, TaskSchedulerRoot> {
   public:
     /// The root is told until null is given.
-    void taskSchedulerRootIs(TaskSchedulerRoot* root) { root_ = root; }
+    void taskSchedulerRootIs(TaskSchedulerRoot* root) { ownerIs(root); }
     void onTaskRun() override;
 
     /// Makes the task, and attaches to it.
@@ -136,16 +141,6 @@ class MOX_EXPORT TaskSchedulerRoot::MoxTrimHistoryTask : public TimerTask::Notif
     /// The task, made when there is none.
     Mox::Ptr<TimerTask> trimHistoryTaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
                                           Mox::String8 const& name);
-    ~MoxTrimHistoryTask() override;
-
-  private:
-    friend class TaskSchedulerRoot;
-    void ownTaskIs(TimerTask* task);
-    /// Orphans the root's own task when the reactor loses it.
-    void handleNotifier() override;
-
-    TaskSchedulerRoot* root_ = nullptr;
-    TimerTask* ownTask_ = nullptr; // which the root made for itself, and the reactor holds
 };
 
 MOX_EXPORT Mox::Ptr<TaskSchedulerRoot> taskSchedulerRootFactory(Mox::String8 const& name);

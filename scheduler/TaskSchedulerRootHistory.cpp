@@ -1,5 +1,4 @@
 #define MOX_SOURCE_NAME "TaskScheduler"
-#include <mox/Exception.h>
 #include <scheduler/TaskSchedulerRoot.h>
 #include <scheduler/detail/IndentedPrint.h>
 #include <task/detail/TaskTrace.h>
@@ -8,7 +7,6 @@
 
 #include <iomanip>
 #include <sstream>
-#include <utility>
 #include <vector>
 
 // The root's history: trimming and printing it.
@@ -62,7 +60,7 @@ void TaskSchedulerRoot::trimHistoryTaskSchedule() {
         MOX_TRACE_AT(taskSchedulerTrace, 8, this << " trim history disabled");
         return;
     }
-    Mox::Ptr<TimerTask> task = trimHistoryTask_ ? trimHistoryTask_->notifier() : nullptr;
+    Mox::Ptr<TimerTask> task = trimHistoryTask_.task();
     if (!task)
         task = newTrimHistoryTask(this, TaskPriority::scavenge, "TaskSchedulerTrimHistory");
     task->scheduleTaskLowestDelay(maxAge);
@@ -70,48 +68,27 @@ void TaskSchedulerRoot::trimHistoryTaskSchedule() {
 
 Mox::Ptr<TimerTask> TaskSchedulerRoot::newTrimHistoryTask(Mox::Ptr<TaskScheduler> const& scheduler,
                                                           TaskPriority priority, Mox::String8 const& name) {
-    TaskSchedulerRoot::trimHistoryTaskDel();
-    Mox::Ptr<MoxTrimHistoryTask> const reactor = new MoxTrimHistoryTask;
-    reactor->moxFwkActivityIs(moxFwkActivity());
-    reactor->taskSchedulerRootIs(this);
-    Mox::Ptr<TimerTask> const task = reactor->newTrimHistoryTask(scheduler, priority, name);
-    if (scheduler == this)
-        reactor->ownTaskIs(task.ptr());
-    trimHistoryTask_ = reactor;
-    return task;
+    trimHistoryTask_.dropTask();
+    return trimHistoryTask_.madeFor(this)->newTrimHistoryTask(scheduler, priority, name);
 }
 
 Mox::Ptr<TimerTask> TaskSchedulerRoot::trimHistoryTaskIs(Mox::Ptr<TaskScheduler> const& scheduler,
-                                                         TaskPriority priority, Mox::String8 const& name) {
-    if (!trimHistoryTask_)
-        return newTrimHistoryTask(scheduler, priority, name);
-    Mox::Ptr<TimerTask> const task = trimHistoryTask_->notifier();
-    if (!task)
-        throw Mox::RangeException("null ValidPtr");
-    return task;
+                                                         TaskPriority priority, Mox::String8 name) {
+    return trimHistoryTask_ ? trimHistoryTask_.taskThere() : newTrimHistoryTask(scheduler, priority, name);
 }
 
-Mox::Ptr<TimerTask> TaskSchedulerRoot::trimHistoryTaskDel() {
-    Mox::Ptr<MoxTrimHistoryTask> const reactor = std::exchange(trimHistoryTask_, nullptr);
-    if (!reactor)
-        return nullptr;
-    Mox::Ptr<TimerTask> const task = reactor->notifier();
-    reactor->moxDoZombieReactors(true);
-    reactor->taskSchedulerRootIs(nullptr);
-    reactor->notifierIs(nullptr);
-    return task;
-}
+Mox::Ptr<TimerTask> TaskSchedulerRoot::trimHistoryTaskDel() { return trimHistoryTask_.dropTask(); }
 
-TaskSchedulerRoot::MoxTrimHistoryTask::~MoxTrimHistoryTask() { notifierIs(nullptr); }
-
-void TaskSchedulerRoot::MoxTrimHistoryTask::ownTaskIs(TimerTask* task) {
-    ownTask_ = task;
-    ownTask_->ownedBySchedulerIs(); // nobody owns himself
-}
-
-void TaskSchedulerRoot::MoxTrimHistoryTask::handleNotifier() {
-    if (ownTask_ && ownTask_ != rawNotifier())
-        std::exchange(ownTask_, nullptr)->orphan();
+/// By the timer, which the wheel has to be there for, the trim task is scheduled.
+Mox::Problem TaskSchedulerRoot::problemOfTrimming() const {
+    if (!trimHistoryEnabled_)
+        return {};
+    Mox::Ptr<TimerTask> const task = trimHistoryTask_.task();
+    if (!task && !timerWheel_)
+        return "the root has no timer wheel to trim its history by";
+    TaskScheduler const* const scheduler = task ? task->scheduler() : this;
+    return scheduler ? scheduler->problemOfRequest()
+                     : "the task that trims the history has lost its scheduler";
 }
 
 void TaskSchedulerRoot::handleTrimHistoryTaskRun() {
@@ -121,15 +98,15 @@ void TaskSchedulerRoot::handleTrimHistoryTaskRun() {
 }
 
 void TaskSchedulerRoot::MoxTrimHistoryTask::onTaskRun() {
-    if (root_)
-        root_->handleTrimHistoryTaskRun();
+    if (owner())
+        owner()->handleTrimHistoryTaskRun();
 }
 
 Mox::Ptr<TimerTask>
 TaskSchedulerRoot::MoxTrimHistoryTask::newTrimHistoryTask(Mox::Ptr<TaskScheduler> const& scheduler,
                                                           TaskPriority priority, Mox::String8 const& name) {
     Mox::Ptr<TimerTask> const task = TimerTask::TimerTaskIs(scheduler, priority, name);
-    notifierIs(task);
+    ownTaskIs(task);
     return task;
 }
 

@@ -20,6 +20,17 @@ using EventType = TaskSchedulerEventType;
 using Mox::U32;
 using Mox::U64;
 
+namespace {
+
+/// Requires: the task that this is the record of is there, whatever its reactors did.
+void requireAlive(TaskRecord const& record) {
+    if (!record.isAlive()) [[unlikely]]
+        Mox::assertionFailed("taskMagicNumber_ == taskMagicNumberConstructed()", MOX_SOURCE_NAME, "taskDoRun",
+                             __LINE__);
+}
+
+} // namespace
+
 MOX_DEFINE_TYPE(Task, "Kel::Task", &Mox::PtrInterface::type())
 
 // Life and death
@@ -132,32 +143,22 @@ bool Task::taskScheduled() const {
 }
 
 void Task::scheduleTask() {
-    if (enqueue())
-        updateTaskBusy();
-}
-
-bool Task::scheduleTaskPrivate() { return enqueue(); }
-
-[[gnu::always_inline]] inline bool Task::enqueue() {
     MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
     MOX_ASSERT_AS("taskMagicNumber_ == taskMagicNumberConstructed()", record_->isAlive());
     sanityCheckCurrentRunningThread();
     if (taskRunQueueLink_.isLinked())
-        return true;
+        return;
     if (taskSuspendedForTest_) [[unlikely]] {
         taskHistoryInsertNow(EventType::scheduleSus);
-        return true;
+        return updateTaskBusy(); // a timer task has just disarmed its timer
     }
-    MOX_TRACE_OF("scheduleTask", taskSchedulerTrace, 8, "Scheduled " << this);
+    MOX_TRACE_AT(taskSchedulerTrace, 8, "Scheduled " << this);
     TaskTimeStamp const now = Mox::SteadyClock::now();
-    record(EventType::schedule, now);
-    taskLastAddedToRunQueueTimeStampIs(now);
-    TaskScheduler& scheduler = *taskScheduler_;
-    scheduler.runQueue(taskPriority()).append(*this);
-    if (!scheduler.schedulerHasRunnableTasks()) [[unlikely]]
-        return wakeScheduler();
-    scheduler.schedulerHasRunnableTasksIs(true);
-    return true;
+    taskScheduler_->runQueue(taskPriority()).enter(*this, now, taskScheduler_->root()->history());
+    if (!taskScheduler_->schedulerHasRunnableTasks() && !wakeScheduler()) [[unlikely]]
+        return;
+    if (!taskBusy_) // else it is what taskScheduled() is
+        updateTaskBusy();
 }
 
 /// False when a callback on the way has ended the task: waking a scheduler may wake a parent's task, whose
@@ -166,6 +167,15 @@ bool Task::scheduleTaskPrivate() { return enqueue(); }
     Mox::Ptr<TaskRecord> const record = record_;
     taskScheduler_->schedulerHasRunnableTasksIs(true);
     return record->isAlive();
+}
+
+/// Asked of a task that is told to be queued, nothing asks its scheduler for a run.
+Mox::Problem Task::problemOfScheduling() const {
+    if (!taskScheduler_)
+        return "the task has lost its scheduler";
+    bool const needsNoRun =
+        taskRunQueueLink_.isLinked() || taskSuspendedForTest_ || taskScheduler_->schedulerHasRunnableTasks();
+    return needsNoRun ? "" : taskScheduler_->problemOfRequest();
 }
 
 void Task::unscheduleTask() {
@@ -178,10 +188,7 @@ void Task::unscheduleTaskPrivate() {
     if (!taskRunQueueLink_.isLinked())
         return;
     MOX_TRACE_AT(taskSchedulerTrace, 8, "Unscheduled " << this);
-    TaskTimeStamp const now = Mox::SteadyClock::now();
-    taskHistoryInsertTs(EventType::unschedule, now);
-    taskScheduler_->runQueue(taskPriority()).takeBack(*this);
-    doUpdateSchedulingLatency(now);
+    taskScheduler_->runQueue(taskPriority()).leave(*this, Mox::SteadyClock::now(), Leaving::takenBack);
 }
 
 // Running
@@ -190,10 +197,8 @@ void Task::taskRunFromTest() {
     sanityCheckCurrentRunningThread();
     Mox::Ptr<Task> const self = this;
     TaskTimeStamp const now = Mox::SteadyClock::now();
-    if (taskRunQueueLink_.isLinked()) {
-        taskScheduler_->taskSchedulerUnlinkTask(now, taskScheduler_->runQueue(taskPriority()), this);
-        doUpdateSchedulingLatency(now);
-    }
+    if (taskRunQueueLink_.isLinked())
+        taskScheduler_->runQueue(taskPriority()).leave(*this, now, Leaving::removed);
     TaskTimeStamp end{};
     taskDoRun(now, &end);
 }
@@ -208,24 +213,32 @@ inline void Task::measureRun(TaskTimeDuration runTime) {
     taskTotalRunTime_ = sum(taskTotalRunTime_, runTime);
 }
 
+/// A run may be nested in another one of the same task, which is told by the runs under way: the attribute
+/// can be set by anybody. The outer run goes on as what is running when the inner one is over.
+///
+/// The pass holds the task over the run. Whoever has it run without holding it may lose it in a callback: the
+/// record, which is held here, tells that before the task is touched again.
+inline void Task::tellRun(TaskTimeStamp const& start) {
+    Mox::Ptr<TaskRecord> const record = record_;
+    bool const isNested = std::exchange(isInRun_, true);
+    TaskTimeStamp const outerStart = std::exchange(taskLastRunTimeStamp_, start);
+    taskCurrentlyRunningIs(true);
+    requireAlive(*record);
+    taskRunInc(1);
+    requireAlive(*record);
+    isInRun_ = isNested;
+    taskCurrentlyRunningIs(isNested);
+    requireAlive(*record);
+    if (isNested) [[unlikely]]
+        taskLastRunTimeStamp_ = outerStart;
+}
+
 void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
     record(EventType::runStart, start);
     KELTASK_TASK_PROBE(run_start, this, taskLastSchedulingLatency_.count());
     MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
     MOX_TRACE_AT(taskSchedulerTrace, 8, "Running " << this);
-
-    // A run may be nested in another one of the same task.
-    bool const wasRunning = taskCurrentlyRunning_;
-    TaskTimeStamp const outerStart = taskLastRunTimeStamp_;
-    taskLastRunTimeStamp_ = start;
-    taskCurrentlyRunningIs(true);
-    taskRunInc(1);
-    taskCurrentlyRunningIs(wasRunning);
-    if (wasRunning)
-        taskLastRunTimeStamp_ = outerStart;
-
-    MOX_ASSERT_AS("taskMagicNumber_ == taskMagicNumberConstructed()",
-                  taskMagicNumber() == taskMagicNumberConstructed());
+    tellRun(start);
     TaskTimeStamp const now = Mox::SteadyClock::now();
     *end = now;
     measureRun(elapsed(start, now));
@@ -255,11 +268,11 @@ bool Task::taskShouldYield() const {
 void Task::taskQuantumIs(Mox::Seconds const& quantum) {
     TaskTimeDuration const internal = Mox::toNanoseconds(quantum);
     U32 const level = quantum == taskQuantumDefault ? 9 : 4;
+    record_->taskQuantumIs(internal);
     MOX_TRACE_AT(taskSchedulerTrace, level, "Set quantum " << this << " to " << internal);
     MOX_ASSERT_AS("taskQuantumInternal_ > TaskTimeDuration( 0 )", internal > TaskTimeDuration(0));
     MOX_ASSERT_AS("taskQuantumInternal_ <= boost::chrono::seconds( 1 )",
                   internal <= boost::chrono::seconds(1));
-    record_->taskQuantumIs(internal);
 }
 
 // Statistics

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mox/Prefetch.h>
+#include <mox/Problem.h>
 #include <mox/Ptr.h>
 #include <mox/ReactorList.h>
 #include <mox/String.h>
@@ -98,6 +99,8 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     /// Runs the task once; the run pass calls it, with the task off its queue. `end` gets the end of the run.
     void taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end);
     TaskStat getStats() const;
+    /// What stands in the way of scheduling the task, which would end in an assertion.
+    Mox::Problem problemOfScheduling() const;
     /// Record an event of the task in the root's history, stamped now or as given; nothing for an orphan.
     void taskHistoryInsertNow(TaskSchedulerEventType eventType) const;
     void taskHistoryInsertTs(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
@@ -116,7 +119,7 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     Mox::U32 taskMagicNumber() const { return record_->taskMagicNumber(); }
     TaskRunQueueLink const& taskRunQueueLink() const { return taskRunQueueLink_; }
 
-    /// True from being scheduled to the end of the run.
+    /// Whether the task is scheduled, as last told: see taskScheduled().
     bool taskBusy() const { return taskBusy_; }
     bool taskSuspendedForTest() const { return taskSuspendedForTest_; }
     bool taskForceYieldInTest() const { return taskForceYieldInTest_; }
@@ -144,23 +147,21 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
   protected:
     /// Requires: the calling thread may touch the scheduler tree.
     void sanityCheckCurrentRunningThread() const;
-    /// Appends to the run queue without updating taskBusy. False when a callback on the way has ended the
-    /// task.
-    bool scheduleTaskPrivate();
     /// Takes the task off its run queue, if it is there, without updating taskBusy.
     void unscheduleTaskPrivate();
+    /// The scheduler drops a task of its own that others may hold.
+    void orphan();
+    /// Makes taskBusy what taskScheduled() is; nothing is asked where a task that is queued is busy already.
     /// The last statement of every operation: a callback of it may release the task.
     void updateTaskBusy() {
-        if (!taskBusy_ || !(taskCurrentlyRunning_ || taskRunQueueLink_.isLinked()))
+        if (!(taskBusy_ && taskRunQueueLink_.isLinked()))
             taskBusyIs(taskScheduled());
     }
 
   private:
-    friend class TaskScheduler;
-    friend class TaskSchedulerRoot;
-    friend class TimerTask;
-    friend class TaskRunQueue;
-    friend struct TaskRegistryTraits;
+    friend class TaskRunQueue;                   // the task's place in it
+    friend struct TaskRegistryTraits;            // its link in the registry
+    template <class> friend class OwnTaskAccess; // which makes it a scheduler's own
 
     void handleInitialized();
     void handleDestroy();
@@ -168,8 +169,8 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     void handleTaskSuspendedForTest();
     void handleTaskForceYieldInTest();
 
-    bool enqueue();
     bool wakeScheduler();
+    void tellRun(TaskTimeStamp const& start);
     void record(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
     template <Mox::U32 notification> void notify() const;
     template <Mox::U32 notification, class T> void change(T& attribute, T value);
@@ -189,13 +190,12 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
 
     /// The scheduler made the task for itself: the task no longer keeps it alive.
     void ownedBySchedulerIs();
-    /// The scheduler drops a task of its own that others may hold.
-    void orphan();
 
     // The order of the members is that of the cache: what a run touches stands together.
 
-    // Flags; the one that every run changes is no bit
+    // Flags; those that every run changes are no bits
     bool taskCurrentlyRunning_ = false;
+    bool isInRun_ = false; // whatever the attribute says
     bool taskBusy_ : 1 = false;
     bool taskSuspendedForTest_ : 1 = false;
     bool taskForceYieldInTest_ : 1 = false;

@@ -46,7 +46,7 @@ class MOX_EXPORT TaskRecord {
     std::string_view taskName() const { return {reinterpret_cast<char const*>(this + 1), nameLength_}; }
     TaskPriority taskPriority() const { return TaskPriority::PriorityEnumInstance(priority_); }
     TaskTimeDuration taskQuantum() const { return TaskTimeDuration(quantum_); }
-    /// Requires: from 0 to one second.
+    /// Kept as it is from 0 to one second; whoever takes another one tells it by an assertion.
     void taskQuantumIs(TaskTimeDuration quantum) { quantum_ = static_cast<Mox::U32>(quantum.count()); }
     Mox::String const& schedulerName() const { return schedulerName_->name(); }
 

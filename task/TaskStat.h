@@ -87,6 +87,8 @@ class MOX_EXPORT TaskStat {
     Mox::U32 taskRun() const { return taskRun_; }
     void taskRunIs(Mox::U32 runs) { taskRun_ = runs; }
     void taskRunInc(Mox::U32 runs) { taskRun_ += runs; }
+    /// Whether there were runs: a counter of 0 beside run time has wrapped.
+    bool hasRun() const { return taskRun_ != 0 || taskTotalRunTime_ != 0.0; }
     Mox::Seconds taskTotalRunTime() const { return taskTotalRunTime_; }
     void taskTotalRunTimeIs(Mox::Seconds time) { taskTotalRunTime_ = time; }
     void taskTotalRunTimeInc(Mox::Seconds const& time) { taskTotalRunTime_ += time; }

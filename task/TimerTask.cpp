@@ -117,6 +117,7 @@ void TimerTask::disarm() { timer_->timeMinIs(Mox::endOfTime); }
 bool TimerTask::taskScheduled() const { return Task::taskScheduled() || timerArmed(); }
 
 TaskStat::TaskStatus TimerTask::taskStatus() const {
+    sanityCheckCurrentRunningThread();
     TaskStat::TaskStatus status = Task::taskStatus();
     status.taskTimerIs(true);
     status.taskTimerRunningIs(timerArmed());
@@ -132,8 +133,7 @@ Seconds TimerTask::currentExpirationTime() const {
 
 void TimerTask::scheduleTask() {
     disarm();
-    if (scheduleTaskPrivate())
-        updateTaskBusy(); // an expiry while suspended for test leaves the task idle
+    Task::scheduleTask();
 }
 
 void TimerTask::taskRunFromTest() {
@@ -145,7 +145,6 @@ void TimerTask::taskRunFromTest() {
 
 void TimerTask::scheduleTaskDelay(Seconds delayIntoFuture) {
     prefetchTimer();
-    sanityCheckCurrentRunningThread();
     if (delayIntoFuture > std::numeric_limits<Seconds>::max())
         stopTimerTask();
     else
@@ -194,6 +193,7 @@ void TimerTask::scheduleTaskJitterDown(Seconds delayIntoFuture, Mox::U8 maxJitte
 }
 
 void TimerTask::scheduleTaskDelayedPrivate(Seconds delay, bool resetDelayIfAlreadyRunning) {
+    sanityCheckCurrentRunningThread();
     MOX_ASSERT_AS("!std::isnan( delayIntoFuture )", !std::isnan(delay));
     MOX_ASSERT_AS("__null != taskScheduler_", scheduler());
     if (delay == 0.0)

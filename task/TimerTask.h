@@ -46,7 +46,7 @@ class MOX_EXPORT TimerTask : public Task {
     /// The same downwards. Requires: maxJitterPercentage <= 100, a delay that is not negative.
     void scheduleTaskJitterDown(Mox::Seconds delayIntoFuture, Mox::U8 maxJitterPercentage);
     /// What these come to: with `resetDelayIfAlreadyRunning` in place of what was pending, else unless the
-    /// task runs earlier anyway. Requires: the thread may touch the tree.
+    /// task runs earlier anyway.
     void scheduleTaskDelayedPrivate(Mox::Seconds delay, bool resetDelayIfAlreadyRunning);
     /// Disarms the timer and takes the task off its run queue.
     void stopTimerTask();
@@ -62,7 +62,7 @@ class MOX_EXPORT TimerTask : public Task {
     static Mox::Type const& type();
 
   private:
-    friend class TaskSchedulerRoot;
+    template <class> friend class OwnTaskAccess;
 
     void handleTimerTaskInit();
     void timerIs(Mox::Ptr<TimerWheel> const& wheel);

@@ -2,6 +2,7 @@
 
 #include <mox/AttributeTable.h>
 #include <registry/detail/Problems.h>
+#include <task/TaskPriority.h>
 
 #include <algorithm>
 

@@ -22,7 +22,6 @@ class HandRoot : public Kel::TaskSchedulerRoot {
         root->hasNotificationActiveIs(true);
         return root;
     }
-    ~HandRoot() override { dropOwnTasks(); }
 
     void requestSchedulerRun() override { ++requests_; }
     /// The requests since the last call.
@@ -59,7 +58,6 @@ class HandRoot : public Kel::TaskSchedulerRoot {
 class HandScheduler : public Kel::TaskScheduler {
   public:
     using TaskScheduler::TaskScheduler;
-    ~HandScheduler() override { dropOwnTasks(); }
     void requestSchedulerRun() override {
         ++requests;
         if (atRequest)

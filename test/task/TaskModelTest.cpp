@@ -67,8 +67,6 @@ class TaskProgram : TestSupport::HandTree {
         ++toTell_;
     }
     void updateBusy() {
-        if (busy_ && (running_ || queued_))
-            return;
         if (std::exchange(busy_, queued_ || isArmed()) != busy_)
             recordAndTell(busy_ ? "busy" : "idle");
     }

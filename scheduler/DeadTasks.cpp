@@ -1,0 +1,41 @@
+#include <scheduler/DeadTasks.h>
+
+#include <utility>
+
+namespace Kel {
+
+TaskStat DeadTasks::merge(Mox::String const& name, TaskStat const& stat) {
+    TaskStat* const entry = stats_.find(name);
+    return entry ? *entry += stat : TaskStat() + stat;
+}
+
+Mox::U32 DeadTasks::collect(std::vector<TaskStat>* out, bool includeIdle) const {
+    Mox::U32 leftOut = 0;
+    for (auto const& [name, stat] : stats_)
+        if (includeIdle || stat.hasRun())
+            out->push_back(stat);
+        else
+            ++leftOut;
+    return leftOut;
+}
+
+void DeadTasks::retire() {
+    counts_.clear();
+    if (stats_.empty())
+        return;
+    Retired& retired = retired_.emplace_back();
+    retired.stats.swap(stats_);
+    retired.next = retired.stats.begin();
+}
+
+Mox::String DeadTasks::dropRetired() {
+    Retired& retired = retired_.front();
+    Mox::String name = retired.next->first;
+    ++retired.next;
+    retired.stats.erase(name);
+    if (retired.stats.empty())
+        retired_.pop_front();
+    return name;
+}
+
+} // namespace Kel

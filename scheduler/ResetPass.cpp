@@ -1,0 +1,79 @@
+#include <scheduler/ResetPass.h>
+
+#include <scheduler/TaskScheduler.h>
+
+namespace Kel {
+
+void ResetPass::bookmarkIs(TaskKey const& key) {
+    bookmark_ = key;
+    isDropping_ = false;
+}
+
+/// The maps of dead tasks are empty after every run, the first one too; what they held is dropped once the
+/// tasks are reset.
+void ResetPass::run(DeadTasks& deadTasks) {
+    bool const tasksAreReset = isDropping_ || resetTasks();
+    if (!isDropping_)
+        deadTasks.retire();
+    if (!tasksAreReset)
+        return;
+    dropNames(deadTasks);
+    isDropping_ = deadTasks.hasRetired();
+    if (isDropping_)
+        goOn();
+}
+
+void ResetPass::begin() {
+    for (Mox::U32 p = 0; p < TaskRunQueues::count; ++p)
+        scheduler_.runQueue(TaskPriority::PriorityEnumInstance(p)).tasksRunBaseIsTasksRun();
+    scheduler_.schedulerMaxSchedulerSlipInternalIs(TaskTimeDuration(0));
+}
+
+/// Resetting a task may run foreign code, so that behind it only the
+/// task's key is known to be good. A run gets beyond the task that it resumed at, or a quantum of 0 would
+/// reset that one for ever.
+bool ResetPass::resetTasks() {
+    TaskKey const resumed = bookmark_;
+    bool const begins = resumed == TaskKey();
+    if (begins)
+        begin();
+    auto const& tasks = scheduler_.tasksRegistered();
+    for (Task* task = begins ? tasks.first() : tasks.from(resumed); task;) {
+        TaskKey const key = task->taskKey();
+        task->resetStats();
+        if ((begins || key != resumed) && quantumIsUsed()) {
+            scheduler_.resetStatsTaskBookmarkIs(key);
+            goOn();
+            return false;
+        }
+        task = nextAfter(key);
+    }
+    return true;
+}
+
+Task* ResetPass::nextAfter(TaskKey const& key) const {
+    auto const& tasks = scheduler_.tasksRegistered();
+    Task* const task = tasks.from(key);
+    return task && task->taskKey() == key ? tasks.after(task) : task;
+}
+
+/// A pass that is run by hand, without a task, has no quantum.
+bool ResetPass::quantumIsUsed() const {
+    auto const task = scheduler_.resetter();
+    return task && task->taskShouldYield();
+}
+
+void ResetPass::goOn() {
+    if (auto const task = scheduler_.resetter())
+        task->scheduleTask();
+}
+
+void ResetPass::dropNames(DeadTasks& deadTasks) {
+    while (deadTasks.hasRetired()) {
+        scheduler_.deadTaskStatsNotify(deadTasks.dropRetired());
+        if (quantumIsUsed())
+            return;
+    }
+}
+
+} // namespace Kel
