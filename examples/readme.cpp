@@ -15,5 +15,5 @@ int main() {
     });
     task->scheduleTask();
     root->evLoop()->run();
-    root->printStats(StreamDumpContext::StreamDumpContextIs(std::cout), 0, true, true, false, false);
+    root->printStats(StreamDumpContext::StreamDumpContextIs(std::cout));
 }

@@ -128,6 +128,13 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     virtual void tasksPerPriorityNotify(TaskPriority priority);
     virtual void tasksPerPriorityIs(TaskPriority priority, Mox::U32 count);
 
+    // Reports
+
+    /// Prints the statistics report of all tasks, those that never ran and the dead included.
+    void printStats(Mox::Ptr<DumpContext const> const& context) const {
+        printStats(context, 0, true, true, false, false);
+    }
+
     // The run pass
 
     /// One pass: runs at most one task, and requests the next pass if it did.

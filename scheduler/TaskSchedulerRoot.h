@@ -31,6 +31,7 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
     void zeroReferencesIs(bool zero) override;
     Mox::Type const* fwkType() const override;
     ~TaskSchedulerRoot() override;
+    using TaskScheduler::printStats;
     void printStats(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent, bool includeNeverRunTasks,
                     bool includeDeadTasks, bool displayMemoryAddressOfTasks,
                     bool includeSchedulerHistory) const override;

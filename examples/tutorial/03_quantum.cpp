@@ -40,7 +40,7 @@ int main() {
     sliced->scheduleTask();
     whole->scheduleTask();
     loop->run();
-    root->printStats(Kel::StreamDumpContext::StreamDumpContextIs(std::cout), 0, false, false, false, false);
+    root->printStats(Kel::StreamDumpContext::StreamDumpContextIs(std::cout));
 
     bool const asExpected = sliced->taskWorkCount() == items && sliced->taskRun() > 1 &&
                             whole->taskRun() == 1 && whole->taskQuantumViolation500() == 1;
