@@ -8,6 +8,8 @@
 
 namespace Kel {
 
+/// The position moves only once all is read. A sign is refused with everything else that is no digit, since
+/// the number is read as an unsigned one.
 DisplayPointer::DisplayPointer(Mox::String::IteratorConst& position, Mox::String::IteratorConst const& end) {
     std::string_view const text(position, end);
     Mox::U64 address = 0;

@@ -13,6 +13,8 @@ namespace Kel {
 
 MOX_DEFINE_TYPE(DumpContext, "Kel::DumpContext", &Mox::PtrInterface::type())
 
+/// Nearly every line of a report fits on the stack; a longer one is formatted a second time, in memory of the
+/// length that the first told.
 void objDumpPrintf(Mox::Ptr<DumpContext const> const& context, char const* format, ...) {
     std::array<char, 512> line;
     va_list arguments;

@@ -30,6 +30,7 @@ Mox::Ptr<EventLoop> EventLoop::EventLoopIs(boost::asio::io_context& ioContext) {
     return loop;
 }
 
+/// Other users of the manager's loop decide when that ends, so a loop carried by it waits when it is idle.
 Mox::Ptr<EventLoop> EventLoop::EventLoopIs(Mox::Ptr<Mox::ActivityManager> const& manager) {
     Mox::Ptr<EventLoop> loop = new EventLoop;
     loop->manager_ = manager;
@@ -41,6 +42,7 @@ Mox::Ptr<EventLoop> EventLoop::EventLoopIs(Mox::Ptr<Mox::ActivityManager> const&
 
 boost::asio::io_context& EventLoop::ioContext() const { return loop_->ioContext(); }
 
+/// This and the other run functions hold the loop, since a callback may let the last other reference go.
 void EventLoop::run() {
     Mox::Ptr<EventLoop> const self = this;
     loop_->run(runsWhenIdle_);

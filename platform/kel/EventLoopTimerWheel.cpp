@@ -6,6 +6,7 @@ namespace Kel {
 
 MOX_DEFINE_TYPE(EventLoopTimerWheel, "Kel::EventLoopTimerWheel", &TimerWheel::type())
 
+/// The wheel holds the event loop, since the turn loop that calls it is a part of that.
 Mox::Ptr<TimerWheel> EventLoopTimerWheel::EventLoopTimerWheelIs(Mox::Ptr<Mox::Activity> const& activity,
                                                                 Mox::Ptr<Mox::Clock const> const& clock,
                                                                 Mox::U32 tickMsec, Mox::U32 ticks,

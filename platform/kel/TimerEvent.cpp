@@ -16,6 +16,7 @@ TimerEvent::TimerEvent(Mox::Ptr<EventLoop> const& evLoop) : evLoop_(evLoop), wak
 
 TimerEvent::Expiry::Expiry(TimerEvent& event) : Wakeup(event.evLoop_->turnLoop()), event_(event) {}
 
+/// An event that is switched off when it comes due is spent, as a muted reactor's is.
 void TimerEvent::Expiry::onWakeup() {
     if (event_.hasNotificationActive())
         event_.reactors_.notify<0>();

@@ -17,6 +17,7 @@ namespace {
 // Ticks from here on are one far future that never comes: 2^62 is exact as a double, leaves room for counting
 // on, and lies 1.4 thousand million years ahead at 10 milliseconds a tick.
 constexpr S64 farTick = S64{1} << 62;
+static_assert(static_cast<S64>(static_cast<Seconds>(farTick)) == farTick && farTick < WheelBuckets::never);
 
 // How many entries one poll takes out, so that a million lazily moved timers in one tick cannot hold the
 // thread; the rest is taken on the next turn.
@@ -63,6 +64,9 @@ S64 TimerWheel::tickNotBefore(Seconds time) const {
     return tick;
 }
 
+/// Moved to a later tick, a lazy timer stays under its old one, which is never too late to look at it. The
+/// loop is asked only for a tick before the one asked for, since nothing is filed under an earlier one; while
+/// the wheel collects, it asks once at the end instead.
 void TimerWheel::file(NotifieeConst& timer) {
     S64 const tick = tickNotBefore(timer.timeMin_);
     if (timer.isLinked()) {
@@ -73,9 +77,12 @@ void TimerWheel::file(NotifieeConst& timer) {
     buckets_.insert(timer, tick);
     timer.keptFrom_ = movesLazily_ ? timeOf(tick) : Mox::endOfTime;
     if (tick < wakeTick_ && !isCollecting_)
-        requestWakeAt(tick); // no other tick is earlier than the one asked for
+        requestWakeAt(tick);
 }
 
+/// A wake-up for a timer that is disarmed now is left as it is: it costs one look, where finding the next
+/// tick costs a scan each time. The last timer takes it along, so that a wheel with nothing armed lets a loop
+/// end.
 void TimerWheel::unfile(NotifieeConst& timer) {
     if (!timer.isLinked())
         return;
@@ -91,6 +98,7 @@ void TimerWheel::requestWake() {
     requestWakeAt(buckets_.size() == 0 ? WheelBuckets::never : buckets_.next());
 }
 
+/// Ticks of the far future are waited for by nobody: no clock that can jump shall go there.
 void TimerWheel::requestWakeAt(S64 tick) {
     wakeTick_ = tick;
     if (tick >= farTick)
@@ -99,13 +107,17 @@ void TimerWheel::requestWakeAt(S64 tick) {
         wake_.at(timeOf(tick));
 }
 
+/// The wheel asks for its next call before it tells anybody. An expiry may turn the loop, and from there the
+/// timers that are still to be told, or to be collected, have to be reached: so with more than one due the
+/// next turn is asked for, and only once all are told the tick that is really next. With one due, which is
+/// the usual case, that tick is known at once and asked for once. The reference is held because an expiry may
+/// let the last timer, and with it the wheel, go.
 void TimerWheel::poll() {
-    Mox::Ptr<TimerWheel> const self = this; // an expiry may let the last timer, and so the wheel, go
+    Mox::Ptr<TimerWheel> const self = this;
     ++wakeups_;
     isCollecting_ = true;
     bool const through = collect(wake_.clock().now());
     isCollecting_ = false;
-    // An expiry may turn the loop: what is still to be told, or to be collected, comes at its next turn.
     bool const several = !due_.empty() && std::next(due_.begin()) != due_.end();
     if (several || !through)
         wakeAtNextTurn();
@@ -116,6 +128,8 @@ void TimerWheel::poll() {
         requestWake();
 }
 
+/// No tick is earlier than the one noted, so that arming in the meantime does not put a time in place of the
+/// turn.
 void TimerWheel::wakeAtNextTurn() {
     wakeTick_ = -WheelBuckets::never;
     wake_.atNextTurn();
@@ -123,6 +137,9 @@ void TimerWheel::wakeAtNextTurn() {
 
 /// Moves what is due to the due list, and on to their new ticks what was moved later. False when it stopped
 /// before it was through.
+///
+/// It goes tick by tick, which is the order of expiry when the loop comes late. A timer that was moved later
+/// is told under its own tick, even if that is due as well: told where it is found, it would overtake others.
 bool TimerWheel::collect(Seconds now) {
     WheelBuckets::Entries taken;
     Mox::U32 count = 0;
@@ -143,6 +160,8 @@ bool TimerWheel::collect(Seconds now) {
     return true;
 }
 
+/// One by one from a list of the wheel's own, and each disarmed before it is told: an expiry may arm itself
+/// again, and disarm, destroy or move those behind it.
 void TimerWheel::fire() {
     while (!due_.empty()) {
         NotifieeConst& timer = static_cast<NotifieeConst&>(buckets_.removeFront(due_));
@@ -156,8 +175,9 @@ void TimerWheel::fire() {
 
 TimerWheel::NotifieeConst::~NotifieeConst() { timeMinIs(Mox::endOfTime); }
 
+/// The base holds the former wheel until this has run, so the timer can still leave it.
 void TimerWheel::NotifieeConst::handleNotifier() {
-    timeMinIs(Mox::endOfTime); // on the former wheel, which is still there
+    timeMinIs(Mox::endOfTime);
     wheel_ = const_cast<TimerWheel*>(static_cast<TimerWheel const*>(rawNotifier()));
 }
 

@@ -46,7 +46,7 @@ class MOX_EXPORT TimerWheel : public Mox::PtrInterface {
     /// How often the wheel's loop has called it since it was made: what an idle wheel costs.
     Mox::U64 wakeups() const { return wakeups_; }
 
-    /// For reactors: the wheel calls its timers one by one and keeps no list.
+    /// Null for its reactors: the wheel calls its timers one by one and keeps no list.
     Mox::ReactorChain* moxReactors() const { return nullptr; }
 
     Mox::Type const* fwkType() const override;
@@ -138,7 +138,9 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
 
     void file(Mox::Seconds time);
 
-    // These two, which are all that a move to a later time touches, lie in one line of the cache (64 bits).
+    // These two, which are all that a move to a later time touches, lie in one line of the cache: together
+    // they stand at a multiple of 16 bytes, to which objects are aligned on 64 bits.
+    static_assert(sizeof(void*) < 8 || (sizeof(Mox::Reactor) + sizeof(WheelEntry)) % 16 == 0);
     Mox::Seconds timeMin_ = Mox::endOfTime;
     /// From this time on a new one changes nothing in where the timer is filed.
     Mox::Seconds keptFrom_ = Mox::endOfTime;

@@ -13,11 +13,15 @@ WheelBuckets::WheelBuckets(Mox::U32 buckets)
     MOX_ASSERT(buckets > 0);
 }
 
+/// A scan over all buckets, which lie side by side for it; put off until somebody asks, so that many removals
+/// in a row cost one.
 void WheelBuckets::findNext() {
     next_ = *std::ranges::min_element(leastTicks_);
     nextIsStale_ = false;
 }
 
+/// The bucket is gone through anyway, so its exact minimum comes out of it. Where the walk stops early, the
+/// rest is not looked at, and this tick stays the bound for it.
 Mox::U32 WheelBuckets::take(Entries& taken, Mox::U32 most) {
     Mox::S64 const tick = next();
     if (tick == never)
@@ -26,7 +30,7 @@ Mox::U32 WheelBuckets::take(Entries& taken, Mox::U32 most) {
     Mox::S64 least = never;
     Mox::U32 count = 0;
     for (auto at = entries.begin(); at != entries.end();) {
-        if (count == most) { // the rest is not looked at; the tick stays the bound for it
+        if (count == most) {
             least = tick;
             break;
         }

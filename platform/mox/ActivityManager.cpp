@@ -34,6 +34,7 @@ ActivityManager::~ActivityManager() {
         current = nullptr;
 }
 
+/// This and the other run functions hold the manager, since a callback may let the last other reference go.
 void ActivityManager::run() {
     Ptr<ActivityManager> const self = this;
     turnLoop_->run(false);
@@ -55,13 +56,15 @@ Seconds ActivityManager::nextDue() const { return turnLoop_->nextDue(); }
 
 MOX_DEFINE_TYPE(ActivityManager, "Mox::ActivityManager", &PtrInterface::type())
 
+/// The thread itself holds the first manager only. One that is asked for when the thread's locals are already
+/// being destroyed is kept by its users alone: a holder that is gone would never let it go again.
 Ptr<ActivityManager> activityManager() {
     if (!current) {
         Ptr<ActivityManager> made = new ActivityManager;
         current = made.ptr();
         static thread_local bool first = true;
         if (std::exchange(first, false))
-            holder.manager = made; // once: later in the thread's end, users alone keep it
+            holder.manager = made;
         return made;
     }
     return current;
@@ -74,8 +77,8 @@ Clock const& threadClock() {
     return *current->config()->clock();
 }
 
+/// Late in a thread nobody else may hold a manager, so one is held for the reading.
 Seconds now() {
-    // Late in a thread nobody else may hold a manager.
     Ptr<ActivityManager> const manager = current ? nullptr : activityManager();
     return threadClock().now();
 }

@@ -4,6 +4,18 @@
 
 /// Assertions stay on in every build: a broken precondition ends the process at once, with its text.
 ///
+/// Which to use when:
+/// - MOX_ASSERT is the ordinary one: the condition, as it is written, says what was required.
+/// - MOX_ASSERT_AS is for a text that belongs to the interface, because a header or a manual states it and
+///   logs are searched for it, so that it stays when things are renamed; and for a condition that would not
+///   tell its reader what was required. The text is the precondition in the caller's terms.
+/// - MOX_ASSERT_IN is for headers, where MOX_SOURCE_NAME would be that of whichever source includes them.
+/// - MOX_FAIL stands where the condition would always be false.
+/// - Mox::assertionFailed() itself is for a function that reports for another: where the function or the
+///   source that the message names is not the one it stands in.
+///
+/// They are for the mistakes of the program; what comes from outside is refused by a RangeException.
+///
 /// A source states the name that its assertions and traces carry by defining MOX_SOURCE_NAME before its
 /// first include; the name may differ from the file's.
 

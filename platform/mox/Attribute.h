@@ -25,17 +25,17 @@ MOX_EXPORT std::string_view toString(AttributeKind kind);
 struct Attribute {
     std::string name;
     AttributeKind kind = AttributeKind::value;
-    std::string type;  // of its value; of a collection, of an entry's value
+    std::string type;  // that of its value, or, for a collection, that of an entry's value
     std::string range; // in words; empty when its type says all
 
     std::function<String(Subject const&)> read;
 
-    // Of one that can be written
+    // Empty unless it can be written.
     std::function<Problem(String const& text)> problemOfText;
     std::function<Problem(Subject const&, String const& text)> problemOfWriting;
     std::function<void(Subject const&, String const& text)> write;
 
-    // Of a collection
+    // Empty unless it is a collection.
     std::function<std::vector<String>(Subject const&)> keys;
     std::function<std::optional<String>(Subject const&, String const& key)> entry;
 

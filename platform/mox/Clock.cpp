@@ -15,6 +15,9 @@ MOX_DEFINE_TYPE(Clock, "Mox::Clock", &PtrInterface::type())
 
 bool Clock::idleUntil(Seconds) const { return false; }
 
+/// The wakeup of one reactor, on the loop of the thread that armed it first. It holds the manager, since a
+/// loop has to outlive its wakeups, and reactors may outlive the thread's locals. The alarm is disarmed
+/// before anybody is told: the callback may arm it again, and a muted reactor's alarm is spent all the same.
 class Clock::NotifieeConst::Alarm : public Wakeup {
   public:
     Alarm(NotifieeConst& reactor, Ptr<ActivityManager> manager)
@@ -49,9 +52,10 @@ void Clock::NotifieeConst::timeMinIs(Seconds time) {
     alarm_->at(time);
 }
 
+/// An alarm is bound to one clock for life; the next arming makes one for the new clock.
 void Clock::NotifieeConst::handleNotifier() {
     timeMin_ = endOfTime;
-    alarm_.reset(); // it belongs to the former clock
+    alarm_.reset();
 }
 
 void Clock::NotifieeConst::handleNotification(U32 notification) {

@@ -30,7 +30,7 @@ class MOX_EXPORT Clock : public PtrInterface {
     Type const* fwkType() const override;
     static Type const& type();
 
-    /// For reactors: a clock calls them one by one and keeps no list.
+    /// Null for its reactors: a clock calls them one by one and keeps no list.
     ReactorChain* moxReactors() const { return nullptr; }
 };
 

@@ -116,6 +116,8 @@ template <class Traits> class HashTable {
 
   private:
     static constexpr std::size_t fewestBuckets = 8;
+    static_assert(std::has_single_bit(fewestBuckets) &&
+                  fewestBuckets > 1); // a code is shifted by less than 32
 
     std::size_t bucketOf(U32 code) const { return static_cast<std::size_t>(code) >> shift_; }
 

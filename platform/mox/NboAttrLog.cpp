@@ -29,6 +29,7 @@ char const* In::take(std::size_t bytes) {
     return taken;
 }
 
+/// The length is read back when the bytes are missing, so that the log stands before the string as a whole.
 void In::read(String* value) {
     std::size_t const start = position_;
     U32 length = 0;

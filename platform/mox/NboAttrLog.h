@@ -9,6 +9,7 @@
 
 #include <concepts>
 #include <cstring>
+#include <limits>
 #include <type_traits>
 
 /// The binary attribute log: values one behind the other in network byte order, without names or types, so
@@ -87,6 +88,8 @@ template <class T> void bytesToValue(String const& bytes, T* value) {
     in->expectEnd();
     *value = read;
 }
+
+static_assert(std::numeric_limits<double>::is_iec559 && sizeof(double) == 8);
 
 /// The unsigned number of the same width, which carries any bits unharmed (an x87 register does not).
 template <Number T> using Word = typename boost::uint_t<static_cast<int>(8 * sizeof(T))>::exact;

@@ -63,6 +63,7 @@ class MOX_EXPORT ReactorChain {
 
     /// Has the caches fetch the first reactor, if there is one, and what the application put behind it.
     void prefetch() const {
+        static_assert(sizeof(Reactor) / 2 <= 64, "the addresses leave no line of the cache between them");
         Mox::prefetch(head_);
         Mox::prefetch(head_, sizeof(Reactor) / 2);
         Mox::prefetch(head_, sizeof(Reactor));

@@ -6,6 +6,8 @@
 
 #include <boost/chrono/system_clocks.hpp>
 
+#include <type_traits>
+
 namespace Mox {
 
 /// The one place that reads the steady clock.
@@ -17,6 +19,9 @@ namespace Mox {
 class SteadyClock {
   public:
     using TimePoint = boost::chrono::steady_clock::time_point;
+
+    static_assert(std::is_same_v<TimePoint::duration, Nanoseconds>,
+                  "the latest reading is kept in nanoseconds");
 
     static TimePoint now() noexcept {
         TimePoint const reading = boost::chrono::steady_clock::now();

@@ -29,10 +29,11 @@ template <class T> String numberToStrep(T value) {
     return std::string_view(text.data(), written.ptr);
 }
 
+/// Texts are written in single quotes, so that double ones need no escape, though they are read with one.
 void escapeByte(char byte, std::string& text) {
     constexpr char const* digits = "0123456789abcdef";
     for (Escape const& escape : escapes)
-        if (escape.byte == byte && byte != '"') { // needs none within single quotes
+        if (escape.byte == byte && byte != '"') {
             text += {'\\', escape.letter};
             return;
         }
@@ -92,7 +93,9 @@ bool isCutExponent(std::string_view text) {
     return std::ranges::find(cuts, text) != cuts.end();
 }
 
-/// Reads the decimal number that stands there.
+/// Reads the decimal number that stands there. Where the text ends within a number, that is told apart from a
+/// text that is none, so that a reader of a stream knows that more is to come; digits alone could always go
+/// on and are taken as they are.
 template <class T> T readDecimal(StrepCursor& cursor) {
     std::string_view const text = cursor.rest();
     RoundingToDouble const rounding;
@@ -112,10 +115,11 @@ template <class T> T readDecimal(StrepCursor& cursor) {
     return number;
 }
 
-/// A double without its sign.
+/// A double without its sign. Words are read here and not by from_chars, which takes more of them than the
+/// form has.
 double readMagnitude(StrepCursor& cursor) {
     char const first = cursor.rest().front();
-    if (first == '.' || (first >= '0' && first <= '9')) // from_chars reads words too
+    if (first == '.' || (first >= '0' && first <= '9'))
         return readDecimal<double>(cursor);
 
     String word;

@@ -38,7 +38,7 @@ class Subject {
 
     Type const* type_ = nullptr;
     std::string valueTypeName_;
-    void* address_; // of an entity: as a PtrInterface*
+    void* address_; // an entity's is that of its PtrInterface
 };
 
 } // namespace Mox

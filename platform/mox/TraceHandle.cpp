@@ -15,6 +15,7 @@ namespace Mox {
 namespace {
 
 constexpr U32 levelCount = 10;
+static_assert(levelCount <= 32); // bits of the word that holds them
 
 /// The levels that a list such as "1,4-5" names; what does not parse names none.
 U32 parseLevels(std::string_view list) {
@@ -78,6 +79,7 @@ spdlog::logger& defaultLogger() {
 
 } // namespace
 
+/// A handle that nobody defined is never destroyed: whoever asked for it may keep the reference.
 TraceHandle& TraceHandle::traceHandle(std::string_view name) {
     Registry& registry = theRegistry();
     std::lock_guard const lock(registry.mutex);
@@ -106,18 +108,20 @@ void TraceHandle::levelEnabledIs(U32 level, bool enabled) {
         levels_.fetch_and(~(1u << level));
 }
 
+/// What the old sink holds goes after the lock: its destructor may trace.
 void TraceHandle::sinkIs(Sink sink) {
     auto replacement = sink ? std::make_shared<Sink const>(std::move(sink)) : nullptr;
     std::lock_guard const lock(sinkMutex_);
     sink_.swap(replacement);
 }
 
+/// The sink is called with the handle unlocked and is held meanwhile: it may trace, or replace itself.
 void TraceHandle::record(U32 level, std::string_view source, std::string_view function,
                          std::string_view text) const {
     std::shared_ptr<Sink const> sink;
     {
         std::lock_guard const lock(sinkMutex_);
-        sink = sink_; // called unlocked: a sink may trace, or replace itself
+        sink = sink_;
     }
     if (sink)
         (*sink)({*this, level, source, function, text});

@@ -20,6 +20,9 @@ namespace Mox {
 
 namespace {
 
+// How long a busy loop goes on without a look at timers and descriptors. A longer budget makes a turn
+// cheaper, since fewer turns pay for the look, and has descriptors wait longer. The number of turns is the
+// bound for callbacks that never read the clock.
 constexpr Nanoseconds budgetTime = boost::chrono::microseconds(10);
 constexpr U32 budgetTurnsMax = 256;
 constexpr Seconds sleepMax = 86400.0; // well inside what the system's timers take
@@ -31,7 +34,8 @@ std::chrono::nanoseconds sleepDuration(Seconds seconds) {
 
 } // namespace
 
-/// The loop's end of Asio.
+/// The loop's end of Asio. The io_context may be the application's, and handlers that the loop has left there
+/// then outlive the loop: they refer to it through a cell of their own that tells them so.
 struct TurnLoop::Io {
     Io() : own(std::in_place, 1), context(*own), timer(context) {}
     Io(boost::asio::io_context& application, PtrInterface const& loopOwner)
@@ -42,12 +46,13 @@ struct TurnLoop::Io {
     boost::asio::steady_timer timer;
     PtrInterface const* owner = nullptr;
     U64 ownHandlers = 0; // handlers of the loop itself that have run
-    // What handlers see of the loop: null once it is gone.
-    std::shared_ptr<TurnLoop*> loop = std::make_shared<TurnLoop*>(nullptr);
+    std::shared_ptr<TurnLoop*> loop = std::make_shared<TurnLoop*>(nullptr); // null once it is gone
     bool pumpPosted = false;
 };
 
-/// Tells the loops of a forking thread: Asio asks for it before, and after on both sides.
+/// Tells the loops of a forking thread: Asio asks for it before, and after on both sides. Other threads'
+/// loops are not told, since the child has no other threads. What is registered with the system stays so for
+/// ever, hence once for all loops and a list of them beside it.
 class TurnLoop::Fork {
   public:
     static void watch(TurnLoop* loop) {
@@ -102,6 +107,9 @@ class TurnLoop::Driving {
     bool const outerStopped_; // a run nested in one that is to end does not undo that
 };
 
+// The queue of the thread's clock is there from the start: where runUntil() ends is a time on that clock, to
+// be waited for even when no timer is armed on it. An attached loop is told of no fork, since its io_context
+// is the application's to tell.
 TurnLoop::TurnLoop(std::unique_ptr<Io> io) : isAttached_(!io->own), io_(std::move(io)) {
     queues_.push_back(std::make_unique<TimerQueue>(nullptr));
     *io_->loop = this;
@@ -131,12 +139,17 @@ TimerQueue& TurnLoop::queueOf(Ptr<Clock const> const& clock) {
 
 // Running
 
+/// The wakeup leaves the list before it is called: it may ask for the next turn, be destroyed, or turn this
+/// loop, and then what stands behind it is called from there.
 inline void TurnLoop::callFirst() {
     Wakeup& wakeup = immediate_.front();
     immediate_.pop_front();
-    wakeup.onWakeup(); // may destroy the wakeup, and turn this loop
+    wakeup.onWakeup();
 }
 
+/// One list serves the turn under way and the next, since its front tells whose turn it is; nested turns
+/// begin with what is left of the outer ones, so the order of calls is that of asking, however deep the turns
+/// nest.
 inline bool TurnLoop::hasCallsOf(U64 turn) const {
     return !immediate_.empty() && immediate_.front().askedInTurn_ < turn;
 }
@@ -150,6 +163,9 @@ void TurnLoop::run(bool waitsWhenIdle) {
     }
 }
 
+/// What is due at the very end still gets its call. Under a clock that is not real that goes on until nothing
+/// immediate is left, so that a run ends in the same state however long a budget lasts on the machine; on a
+/// real clock work that asks for itself again would never let it end.
 void TurnLoop::runUntil(Seconds time, bool waitsWhenIdle) {
     MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
     Driving const driving(*this);
@@ -164,6 +180,8 @@ void TurnLoop::runUntil(Seconds time, bool waitsWhenIdle) {
         runBudget();
 }
 
+/// Timers and descriptors come first, so that what they ask for is called in this same turn. A turn within a
+/// run counts in that run's budget.
 U64 TurnLoop::runOnce() {
     Driving const driving(*this);
     serveTimers();
@@ -180,11 +198,15 @@ void TurnLoop::runBudget() {
     runTurns();
 }
 
+/// Goes by readings that others took, so that a turn pays for none. A clock that went back tells nothing
+/// about the time used, and ends the budget too.
 inline bool TurnLoop::budgetSpent() const {
     Nanoseconds const used = SteadyClock::latest() - budgetStart_;
     return used >= budgetTime || used < Nanoseconds(0) || budgetTurns_ >= budgetTurnsMax;
 }
 
+/// One test between two calls: a busy scheduler makes turns of one call, and would otherwise test both list
+/// and budget for each. Whether a clock is virtual is asked once a budget for the same reason.
 void TurnLoop::runTurns() {
     bool const hasVirtualTimers =
         std::ranges::any_of(queues_, [](auto const& queue) { return !queue->clock().isReal(); });
@@ -203,6 +225,7 @@ void TurnLoop::runTurns() {
 
 // Timers and descriptors
 
+/// A clock that nobody waits for is not read, and one reading serves all that is due.
 void TurnLoop::serve(TimerQueue& queue) {
     if (queue.empty())
         return;
@@ -222,6 +245,8 @@ void TurnLoop::serveVirtualTimers() {
             serve(*queue);
 }
 
+/// An io_context that once found nothing pending stays stopped, and has to be restarted before it serves what
+/// came since. The loop's own handlers are no callbacks of anybody, and are left out of the count.
 U64 TurnLoop::pollDescriptors() {
     if (io_->context.stopped())
         io_->context.restart();
@@ -232,10 +257,14 @@ U64 TurnLoop::pollDescriptors() {
 // Waiting
 
 /// Nothing is immediate: lets the clocks jump, or sleeps. False when nothing can happen any more.
+///
+/// Jumps come first, since a clock that jumps makes something due at once. The sleep ends with whatever comes
+/// first, a handler of the application or the loop's own timer; that is cancelled then, or its wait would
+/// count as something pending and keep a run with nothing left to do from ending.
 bool TurnLoop::wait(Seconds limit, bool waitsWhenIdle) {
     if (clocksJump(limit))
         return true;
-    if (io_->context.stopped()) // it ran dry at the last poll, and would not wait
+    if (io_->context.stopped())
         io_->context.restart();
     Seconds const duration = sleepTime(limit);
     if (duration == endOfTime)
@@ -250,6 +279,8 @@ bool TurnLoop::wait(Seconds limit, bool waitsWhenIdle) {
     return true;
 }
 
+/// Every clock that can jump does, each to what is due first on it: they know nothing of each other, and one
+/// that waited for the others to come to rest might wait for ever.
 bool TurnLoop::clocksJump(Seconds limit) const {
     bool jumped = false;
     for (auto const& queue : queues_) {
@@ -260,6 +291,7 @@ bool TurnLoop::clocksJump(Seconds limit) const {
     return jumped;
 }
 
+/// Time on a clock that is not real does not pass by sleeping, so only real ones count.
 Seconds TurnLoop::sleepTime(Seconds limit) const {
     Seconds shortest = endOfTime;
     for (auto const& queue : queues_) {
@@ -279,9 +311,11 @@ Seconds TurnLoop::dueOn(Clock const& clock, Seconds limit) const {
     return due;
 }
 
+/// Without the guard the io_context returns at once when no descriptor is waited for, which is how a run
+/// ends; with it, it waits until another thread posts something.
 bool TurnLoop::waitForDescriptors(bool waitsWhenIdle) {
     if (!waitsWhenIdle)
-        return io_->context.run_one() > 0; // at once when there is none to wait for
+        return io_->context.run_one() > 0;
     auto const guard = boost::asio::make_work_guard(io_->context);
     io_->context.run_one();
     return true;
@@ -299,6 +333,7 @@ Seconds TurnLoop::nextDue() const {
 
 // Inside the application's io_context
 
+/// At most one pump waits in the io_context, whatever is armed meanwhile: it serves all.
 void TurnLoop::requestPump() {
     if (io_->pumpPosted)
         return;
@@ -311,10 +346,13 @@ void TurnLoop::requestPump() {
     });
 }
 
+/// One budget, so that the application's handlers get their turn in between. A pump that a run function has
+/// polled leaves the work to that. The owner is held because a callback may let the loop go. The io_context
+/// does not say when it has run dry, so a clock that can jump does so here, once nothing immediate is left.
 void TurnLoop::pump() {
     ++io_->ownHandlers;
     if (driven_ > 0)
-        return; // polled by a run function, which turns anyway
+        return;
     Ptr<PtrInterface const> const owner = io_->owner;
     Driving const driving(*this);
     serveTimers();
@@ -323,6 +361,8 @@ void TurnLoop::pump() {
         serveTimers();
 }
 
+/// Replaces the wait before; with nothing to wait for, the io_context is left with none, so that its own run
+/// can end. The handler of a wait that was replaced only counts itself.
 void TurnLoop::armWait() {
     Seconds const duration = sleepTime(endOfTime);
     if (duration == endOfTime) {

@@ -95,6 +95,7 @@ Attribute const& TypeEntry::collection(std::string_view name) const {
     return found;
 }
 
+/// What can be read but never written is told apart from what is not there at all.
 Attribute const& TypeEntry::writable(std::string_view name) const {
     Attribute const& found = attribute(name);
     if (!found.isWritable())
@@ -115,6 +116,7 @@ void TypeEntry::refuseIf(std::string_view member, Problem const& problem) const 
         refuse(member, problem);
 }
 
+/// The guards of the bases stand before a derived type as well, its own first.
 void TypeEntry::pass(Subject const& subject, std::string_view member) const {
     for (TypeEntry const* type = this; type; type = type->base_)
         if (type->guard_)
@@ -129,6 +131,8 @@ String TypeEntry::text(Subject const& subject, std::string_view name) const {
     return attribute.read(subject);
 }
 
+/// Whatever can be said of the text alone is said first, without the entity; the guard comes before the
+/// entity is looked at, since it tells whether that may be done; and all of it before anything is written.
 void TypeEntry::textIs(Subject const& subject, std::string_view name, String const& text) const {
     Attribute const& attribute = writable(name);
     refuseIf(name, attribute.problemOfText(text));
@@ -174,6 +178,8 @@ bool TypeEntry::isNeeded(std::string const& attribute) const {
     return contains(neededTexts_, attribute) || contains(neededReferences_, attribute);
 }
 
+/// Texts that the constructor takes are the factory's to check; those that are written afterwards are checked
+/// here, while there is no entity yet that would have to go again.
 void TypeEntry::checkIngredients(Ingredients const& ingredients) const {
     if (String const* const name = repeated(ingredients.texts))
         refuse(*name, "given twice");
@@ -202,6 +208,8 @@ Ptr<PtrInterface> TypeEntry::makeEntity(Ingredients const& ingredients) const {
     return entity;
 }
 
+/// The attribute that stands for all others is written last, so that it counts in whatever order the texts
+/// come.
 std::any TypeEntry::makeValue(std::vector<Ingredients::Text> const& texts) const {
     if (!valueMaker_)
         throw OperationNotSupportedException(name_ + ": not a value");

@@ -18,12 +18,16 @@ constinit bool registryIsMade = false;
 
 } // namespace
 
+/// Tables are chained in the order of their construction, without allocating. A registry that stands already
+/// takes them up at once: they came with a library that was loaded late.
 TypeTables::TypeTables(Add add) : add_(add) {
     *std::exchange(endOfTables, &next_) = this;
-    if (registryIsMade) // a library that was loaded late
+    if (registryIsMade)
         add_(typeRegistry());
 }
 
+/// The root of the entities comes first, so that every entity has a base from the start. The tables may ask
+/// for types, not for the registry itself, which is not made before they are through.
 TypeRegistry::TypeRegistry() {
     AttributeTable<PtrInterface>(*this)
         .readOnly("references", &PtrInterface::references)
@@ -52,6 +56,7 @@ TypeEntry const& TypeRegistry::type(std::string_view name) const {
     throw RangeException("no type " + valueToStrep(name));
 }
 
+/// An application's own class need not be known: its entities are used as the nearest base that is.
 TypeEntry const& TypeRegistry::typeOf(Subject const& subject) const {
     for (Type const* type = subject.type(); type; type = type->base())
         if (TypeEntry const* const found = find(type->name()))
@@ -66,10 +71,12 @@ TypeEntry const* TypeRegistry::nearestBase(Type const& type) const {
     return base;
 }
 
+/// The new type may be the base of some that are there already, so all look for theirs again. Types are few
+/// and added once.
 TypeEntry& TypeRegistry::add(Type const& type) {
     TypeEntry& entry = add(std::string(type.name()));
     ofEntities_.push_back({&type, &entry});
-    for (OfEntities const& known : ofEntities_) // it may be the base of some
+    for (OfEntities const& known : ofEntities_)
         known.entry->baseIs(nearestBase(*known.type));
     return entry;
 }

@@ -23,6 +23,7 @@ void VirtualClock::nowIs(Seconds time) {
     now_ = time;
 }
 
+/// A time that has passed does not turn the clock back, and an infinite one is no time to go to.
 bool VirtualClock::idleUntil(Seconds time) const {
     if (!autoAdvance_ || !std::isfinite(time))
         return false;

@@ -13,12 +13,15 @@ Wakeup::Wakeup(TurnLoop& loop, Ptr<Clock const> clock) : loop_(loop), clock_(std
 
 Wakeup::~Wakeup() { cancel(); }
 
+/// Looked up at the first time that is asked for: a wakeup that only knows next turns, such as a scheduler's,
+/// makes the loop no queue.
 TimerQueue& Wakeup::queue() {
     if (!queue_)
         queue_ = &loop_.queueOf(clock_);
     return *queue_;
 }
 
+/// One that stands in the list of turns keeps its place there: asking twice is asking once.
 void Wakeup::atNextTurn() {
     if (turnHook_.is_linked())
         return;
@@ -33,9 +36,10 @@ void Wakeup::atNextTurn() {
     loop_.nextTurn(*this);
 }
 
+/// A time that has come is a call at the next turn, in the order of asking with all others. Clocks start at
+/// 0, so that asking for that time, as run requests do, needs no reading.
 void Wakeup::at(Seconds time) {
     MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
-    // Clocks start at 0, so that asking for that time, as run requests do, needs no reading.
     if (time <= 0.0 || (time != endOfTime && time <= queue().clock().now()))
         return atNextTurn();
     cancel();
@@ -58,6 +62,8 @@ void Wakeup::in(Seconds delay) {
     loop_.pendingChanged();
 }
 
+/// A loop inside an application's io_context has left a wait there for the earliest timer, so it has to know
+/// of a timer that goes; a call at the next turn has left nothing that would last.
 void Wakeup::cancel() {
     turnHook_.unlink();
     if (timerHook_.is_linked()) {

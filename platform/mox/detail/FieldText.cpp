@@ -52,13 +52,15 @@ class ValueReader {
         cursor_.expect("**");
     }
 
+    /// The blanks before a value are read here, so that a text cut there is this form's premature end and not
+    /// that of the value's type.
     void readOne(AttributeReader const& readAttribute) {
         String name;
         cursor_.read(&name);
         cursor_.expect(":");
         if (std::ranges::find(names_, name) != names_.end())
             throw RangeException(shortName_ + " has this attribute already: " + name);
-        cursor_.rest(); // where nothing of the value is there, it is this form that was cut
+        cursor_.rest();
         String::IteratorConst position = cursor_.position();
         if (!readAttribute(name, position))
             throw RangeException(shortName_ + " has no such attribute: " + name);

@@ -19,7 +19,7 @@ template <class Base> class FunctionReactor : public Base {
     /// Requires: the function is not empty.
     template <class X>
     FunctionReactor(Ptr<X> const& notifier, U32 notification, std::function<void()> function) {
-        MOX_ASSERT(function);
+        MOX_ASSERT_IN("FunctionReactor", "function", function);
         held_ = new Held(std::move(function));
         for (U32 other = 0; other < 32; ++other)
             this->notificationActiveIs(other, other == notification);

@@ -12,6 +12,7 @@ std::string_view StrepCursor::rest() {
     return {position_, end_};
 }
 
+/// A text that ends within the token is no other token: it may have been cut.
 bool StrepCursor::accept(std::string_view token) {
     std::string_view const text = rest();
     if (text.starts_with(token)) {
