@@ -169,9 +169,10 @@ void TurnLoop::run(bool waitsWhenIdle) {
 void TurnLoop::runUntil(Seconds time, bool waitsWhenIdle) {
     MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
     Driving const driving(*this);
-    while (!stopped_ && threadClock().now() < time) {
+    auto const goesOn = [&] { return !stopped_ && threadClock().now() < time; };
+    while (goesOn()) {
         runBudget();
-        if (immediate_.empty() && !stopped_ && !wait(time, waitsWhenIdle))
+        if (immediate_.empty() && goesOn() && !wait(time, waitsWhenIdle))
             return;
     }
     if (!stopped_)

@@ -61,7 +61,12 @@ TEST(HashMap, ARandomProgramDoesWhatASortedMapDoes) {
         expectEqualFrom(map, map.begin(), model, model.empty() ? key : model.begin()->first);
     }
     EXPECT_TRUE(std::ranges::equal(map, model));
-    EXPECT_TRUE(std::ranges::equal(Mox::HashMap<Key, int>(map), model)) << "a copy";
+    Mox::HashMap<Key, int> copy;
+    EXPECT_FALSE(copy.erase(Key{1}));
+    copy.valueIs(Key{~0u}, 1);
+    copy = map;
+    copy = *&copy;
+    EXPECT_TRUE(std::ranges::equal(copy, model)) << "a copy";
 }
 
 TEST(HashOrder, SpreadsAddressesOverTheBuckets) {

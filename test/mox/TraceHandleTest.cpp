@@ -44,10 +44,11 @@ TEST(TraceHandle, FormatsOnlyWhatIsEnabledForItsSinkOrAsOneLineOnStandardError) 
     testing::internal::CaptureStderr();
     handle.levelEnabledIs(4, true);
     trace();
-    handle.sinkIs(
-        [&](Mox::TraceRecord const& r) { sunk += std::string(r.handle.name()) + std::string(r.text); });
+    handle.sinkIs([&](Mox::TraceRecord const& r) {
+        sunk += std::string(r.handle.name()) + std::string(r.text);
+        handle.sinkIs(nullptr);
+    });
     trace();
-    handle.sinkIs(nullptr);
     handle.levelEnabledIs(4, false);
     trace();
     EXPECT_THAT(
