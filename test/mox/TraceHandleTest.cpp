@@ -43,18 +43,18 @@ TEST(TraceHandle, FormatsOnlyWhatIsEnabledForItsSinkOrAsOneLineOnStandardError) 
     };
     testing::internal::CaptureStderr();
     handle.levelEnabledIs(4, true);
-    trace();
     handle.sinkIs([&](Mox::TraceRecord const& r) {
         sunk += std::string(r.handle.name()) + std::string(r.text);
-        handle.sinkIs(nullptr);
+        handle.sinkIs(nullptr); // the default again, from the next one on
     });
+    trace();
     trace();
     handle.levelEnabledIs(4, false);
     trace();
     EXPECT_THAT(
         testing::internal::GetCapturedStderr(),
-        testing::MatchesRegex("[^\n]*Default/4 TraceHandleTest::operator\\(\\) 100 %s \\{\\} of it 1\n"));
-    EXPECT_EQ("Default100 %s {} of it 2", sunk);
+        testing::MatchesRegex("[^\n]*Default/4 TraceHandleTest::operator\\(\\) 100 %s \\{\\} of it 2\n"));
+    EXPECT_EQ("Default100 %s {} of it 1", sunk);
     EXPECT_EQ(2, formatted);
 }
 
