@@ -79,7 +79,8 @@ class LoopProgram {
             clocks_[c]->autoAdvanceIs(loop_.form == Form::application || !random_.oneIn(4));
             clocks_[c]->nowIs(now_[c] += 0.25 * static_cast<double>(random_.below(3)));
         }
-        runNested();
+        if (!random_.oneIn(4))
+            runNested();
         for (Slot const& slot : slots_)
             ASSERT_EQ(slot.at != Mox::endOfTime, slot.armed());
         Seconds const due = std::min(dueOn(0) - now_[0], dueOn(1) - now_[1]);
@@ -273,6 +274,8 @@ class LoopProgram {
         bool const throws = slot.reactor && random_.oneIn(10);
         for (std::size_t changes = random_.below(3); changes > 0; --changes)
             change();
+        if (random_.oneIn(6))
+            clocks_[0]->nowIs(now_[0] += 0.25);
         if (loop_.form != Form::application && random_.oneIn(15))
             stopped_ = true, loop_.turns().stop();
         if (frames_.size() < 4 && random_.oneIn(8))
