@@ -12,6 +12,10 @@ using Mox::U32;
 
 namespace {
 
+// One class for each notifying type, not for each notification: all of a task's end in the same call, and the
+// switches, of which only one is on, tell them apart without a look at the function. FunctionReactor keeps
+// the function alive until its call ends, also when the call lets the reactor go.
+
 struct TaskCallback final : Mox::FunctionReactor<Task::NotifieeConst> {
     using FunctionReactor::FunctionReactor;
     void onTaskBusy() override { call(); }
@@ -45,7 +49,8 @@ template <class Base> struct TimerCallback final : Mox::FunctionReactor<Base> {
     void onTime() override { this->call(); }
 };
 
-constexpr U32 onlyNotification = 0; // of a type that has but one
+/// Of a type that has but one.
+constexpr U32 onlyNotification = 0;
 
 using Of = Task::NotifieeConst;
 

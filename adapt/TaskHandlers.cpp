@@ -17,10 +17,13 @@ Mox::Ptr<TaskHandlers> TaskHandlers::TaskHandlersIs(Mox::Ptr<Task> const& task,
     return handlers;
 }
 
+/// The reactor knows the queue by a plain pointer: it goes with this object, which holds the queue longer.
 TaskHandlers::TaskHandlers(Mox::Ptr<Task> const& task, Mox::Ptr<EventLoop> const& evLoop)
     : evLoop_(evLoop), task_(task), queue_(new HandlerQueue(task.ptr(), evLoop->ioContext())),
       runs_(onTaskRun(task_, [queue = queue_.ptr()] { queue->run(); })) {}
 
+/// Closed, not only let go: executors, of which sockets and suspended coroutines have copies, still hold the
+/// queue, and the handlers in it may hold those.
 TaskHandlers::~TaskHandlers() { queue_->close(); }
 
 } // namespace Kel

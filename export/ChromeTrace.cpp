@@ -56,7 +56,8 @@ char const* instantName(TaskSchedulerEventType type) {
     }
 }
 
-/// A run against its task's quantum.
+/// A run against its task's quantum. Whether it is a violation is counted in nanoseconds, as the task does
+/// it: by the percentage, which is a double, a run of exactly two quanta might be none.
 class Percentage {
   public:
     explicit Percentage(HistoryRun const& run)
@@ -82,6 +83,7 @@ class ChromeTrace {
             begin_ = std::prev(root.history().end())->timeStamp();
     }
 
+    /// The whole text before the sink gets any of it: what a sink does may change the tree.
     std::string text() {
         writeNames();
         for (HistoryRun const& run : historyRuns(root_.history(), now_))
@@ -116,6 +118,9 @@ class ChromeTrace {
         return fmt::format("{} {}", std::get<1>(key), std::get<2>(key).toStrep());
     }
 
+    /// Of a run that the history cut off, only what is known is told: a percentage or a violation of a part
+    /// would be taken for that of the whole. A clock that went back makes a slice of no length: no viewer
+    /// draws a negative one.
     void writeRun(HistoryRun const& run) {
         HistoryTask const& task = lanes_.task(*run.task);
         Percentage const percentage(run);
@@ -141,6 +146,7 @@ class ChromeTrace {
                 fmt::format(FMT_STRING("{}{}% violation"), run.task->isAlive() ? "" : "about ", limit));
     }
 
+    /// What happened to a scheduler as a whole has no task, and so no lane: it is drawn over all of them.
     void writeInstant(TaskSchedulerHistory::Event const& event) {
         char const* const name = instantName(event.eventType());
         if (!name)
@@ -157,6 +163,8 @@ class ChromeTrace {
               task.lane->number, time(stamp), name, task.name);
     }
 
+    /// By lane, not by scheduler: schedulers of one name share a lane, and two counters in one would be drawn
+    /// as one that jumps.
     void writeQueueLengths() {
         std::map<HistoryLane const*, HistoryQueueLength> lengths;
         for (auto const& event : oldestFirst(root_.history()))

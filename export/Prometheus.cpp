@@ -20,37 +20,24 @@ namespace Kel {
 
 namespace {
 
-/// What a series of tasks sums up.
+/// What a series of tasks sums up: the living and the dead, merged as a scheduler merges its dead. Of the
+/// last latency that rule keeps the latest record's, which of the living is any; so here the greatest counts,
+/// and that of the dead stands in when none lives.
 struct Figures {
-    Mox::U64 runs = 0;
-    Mox::Seconds runTime = 0;
-    Mox::Seconds lastLatency = 0;     // of the living
-    Mox::Seconds lastLatencyDead = 0; // stands in when none lives
-    Mox::Seconds maxLatency = 0;
-    Mox::U64 violations200 = 0;
-    Mox::U64 violations500 = 0;
-    Mox::U64 living = 0;
+    TaskStat sum;                              // without a name: "other" has many
+    std::array<Mox::Seconds, 2> lastLatency{}; // of the dead, of the living
+    bool anyLives = false;
 
-    /// Takes a task, or a record of dead ones.
-    template <class T> void add(T const& task) {
-        runs += task.taskRun();
-        runTime += task.taskTotalRunTime();
-        maxLatency = std::max(maxLatency, task.taskSchedulingLatencyHighWaterMark());
-        violations200 += task.taskQuantumViolation200();
-        violations500 += task.taskQuantumViolation500();
-        Mox::Seconds& latency = std::is_same_v<T, Task> ? lastLatency : lastLatencyDead;
-        latency = std::max(latency, task.taskLastSchedulingLatency());
-        living += std::is_same_v<T, Task>;
+    void add(TaskStat stat, bool lives) {
+        stat.taskNameIs({});
+        Mox::Seconds const latency = stat.taskLastSchedulingLatency();
+        add({std::move(stat), {lives ? 0 : latency, lives ? latency : 0}, lives});
     }
     void add(Figures const& other) {
-        runs += other.runs;
-        runTime += other.runTime;
-        lastLatency = std::max(lastLatency, other.lastLatency);
-        lastLatencyDead = std::max(lastLatencyDead, other.lastLatencyDead);
-        maxLatency = std::max(maxLatency, other.maxLatency);
-        violations200 += other.violations200;
-        violations500 += other.violations500;
-        living += other.living;
+        sum += other.sum;
+        for (bool const lives : {false, true})
+            lastLatency[lives] = std::max(lastLatency[lives], other.lastLatency[lives]);
+        anyLives |= other.anyLives;
     }
 };
 
@@ -109,6 +96,8 @@ class Measured {
     std::map<TaskLabels, Figures> tasks;
 
   private:
+    /// Schedulers of one name are one to whoever reads the output, so they are summed up: the format
+    /// has each set of labels once.
     void add(TaskScheduler const& scheduler) {
         SchedulerLabel const label = quoted(scheduler.schedulerName());
         Mox::Seconds& slip = slips[label];
@@ -123,26 +112,34 @@ class Measured {
         addTasks(scheduler, label);
     }
 
-    /// By the names as they are, which stay where they are meanwhile: many tasks share few names.
+    /// First by the names as they are, then by labels: many tasks share few names, and a label takes an
+    /// allocation and a look at every byte. The names stay where they are meanwhile. What an application has
+    /// put among the dead with a priority that is none has no series to be in.
     void addTasks(TaskScheduler const& scheduler, SchedulerLabel const& label) {
         std::array<std::unordered_map<std::string_view, Figures>, TaskRunQueues::count> byName;
         auto const& living = scheduler.tasksRegistered();
         for (Task const* task = living.first(); task; task = living.after(task))
-            byName[task->taskPriority().numericValue()][task->taskRecord()->taskName()].add(*task);
+            byName[task->taskPriority().numericValue()][task->taskRecord()->taskName()].add(task->getStats(),
+                                                                                            true);
         for (auto const& [name, stat] : scheduler.deadTaskStats())
             if (stat.taskPriority().isValid())
-                byName[stat.taskPriority().numericValue()][name].add(stat);
+                byName[stat.taskPriority().numericValue()][name].add(stat, false);
         for (Mox::U32 p = 0; p < byName.size(); ++p)
             for (auto const& [name, figures] : byName[p])
                 tasks[{{label, TaskPriority::PriorityEnumInstance(p)}, quoted(name)}].add(figures);
     }
 
+    /// A NaN has no place in the order, and would leave all of it open: it counts as the least. Of equal run
+    /// times the first labels stay, so that idle tasks don't change places from one reading to the next. The
+    /// others are summed up beside the series and added at the end, for one of those that stay may be named
+    /// "other" itself.
     void sumUpOthers(std::size_t taskNamesMax) {
         std::vector<std::map<TaskLabels, Figures>::iterator> ranking;
         for (auto at = tasks.begin(); at != tasks.end(); ++at)
             ranking.push_back(at);
-        std::ranges::stable_sort(ranking, std::greater(), [](auto at) { // a NaN has no place in the order
-            return std::isnan(at->second.runTime) ? -Mox::endOfTime : at->second.runTime;
+        std::ranges::stable_sort(ranking, std::greater(), [](auto at) {
+            Mox::Seconds const runTime = at->second.sum.taskTotalRunTime();
+            return std::isnan(runTime) ? -Mox::endOfTime : runTime;
         });
         for (std::size_t rank = taskNamesMax; rank < ranking.size(); ++rank) {
             auto const series = tasks.extract(ranking[rank]);
@@ -159,6 +156,7 @@ class Exposition {
   public:
     explicit Exposition(Measured const& measured) : measured_(measured) {}
 
+    /// Family by family: the format wants all samples of one metric in one group.
     std::string text() {
         writeTasks();
         writeQueues();
@@ -174,21 +172,22 @@ class Exposition {
     void writeTasks() {
         using F = Figures const&;
         taskFamily("keltask_task_runs_total", "counter", "Runs of the tasks of that name",
-                   [](F f) { return f.runs; });
+                   [](F f) { return Mox::U64{f.sum.taskRun()}; });
         taskFamily("keltask_task_run_seconds_total", "counter",
-                   "Time that the runs of the tasks of that name took", [](F f) { return f.runTime; });
+                   "Time that the runs of the tasks of that name took",
+                   [](F f) { return f.sum.taskTotalRunTime(); });
         taskFamily("keltask_task_last_latency_seconds", "gauge",
                    "Time from being scheduled to leaving the run queue, of the last run",
-                   [](F f) { return f.living != 0 ? f.lastLatency : f.lastLatencyDead; });
+                   [](F f) { return f.lastLatency[f.anyLives]; });
         taskFamily("keltask_task_max_latency_seconds", "gauge",
                    "Time from being scheduled to leaving the run queue, at most",
-                   [](F f) { return f.maxLatency; });
+                   [](F f) { return f.sum.taskSchedulingLatencyHighWaterMark(); });
         family(
             "keltask_task_quantum_violations_total", "counter",
             "Runs that took so many percent of the quantum or more; those of 500 are not among those of 200");
         for (auto const& [task, figures] : measured_.tasks) {
-            sample(labels(task) + ",limit=\"200\"", figures.violations200);
-            sample(labels(task) + ",limit=\"500\"", figures.violations500);
+            sample(labels(task) + ",limit=\"200\"", Mox::U64{figures.sum.taskQuantumViolation200()});
+            sample(labels(task) + ",limit=\"500\"", Mox::U64{figures.sum.taskQuantumViolation500()});
         }
     }
     void writeQueues() {

@@ -20,8 +20,9 @@ constexpr std::size_t prometheusTaskNamesMax = 200;
 /// priority. A name that comes in or falls out looks like a counter's reset, also of "other": rates of
 /// "other" mean something only while the names are fewer than that. So does resetStats().
 ///
-/// Latencies are not summed: of several tasks the greatest counts. The last latency is that of the living.
-/// Bytes that are not UTF-8 become U+FFFD.
+/// Runs and violations wrap after 2^32, also of several tasks together: to a reader a wrap is a reset to
+/// about zero. Latencies are not summed: of several tasks the greatest counts. The last latency is that of
+/// the living. Bytes that are not UTF-8 become U+FFFD.
 ///
 /// Every task is visited: with a million of them that takes a while.
 ///

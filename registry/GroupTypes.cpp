@@ -29,6 +29,8 @@ Mox::Ptr<Mox::PtrInterface> makeParentTask(Mox::Ingredients const& ingredients) 
 
 } // namespace
 
+/// The parent task can be seen by name, and not taken off: a group without one cannot ask for a run, so that
+/// scheduling a task in it ends the process.
 void addGroupTypes(Mox::TypeRegistry& registry) {
     Mox::AttributeTable<TaskGroup>(registry)
         .factory({"taskGroupName", "taskGroupPriority", "enforceTaskGroupPriority"}, {"parentScheduler"},

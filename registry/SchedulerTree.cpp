@@ -1,6 +1,8 @@
 #define MOX_SOURCE_NAME "SchedulerTree"
 #include <registry/SchedulerTree.h>
 
+#include <mox/Assert.h>
+
 #include <algorithm>
 #include <sstream>
 
@@ -24,27 +26,33 @@ std::string_view takeName(std::string_view& text) {
 
 TaskKey keyOf(Mox::PtrInterface const* entity) { return TaskKey(reinterpret_cast<std::uintptr_t>(entity)); }
 
-/// The key that the name is; none when it is none.
+/// The key that the name is; none when it is none. A task may be named like a key, so what is no key is no
+/// error: it is looked for as a name.
 TaskKey keyFrom(std::string_view name) {
     TaskKey key = TaskKey::none();
     if (!name.starts_with('@'))
         return key;
     try {
         Mox::strepToValue(Mox::String(name), &key);
-    } catch (RangeException const&) { // then it is a name after all
+    } catch (RangeException const&) {
     }
     return key;
 }
 
+/// A group that was built below one scheduler can be run by a parent task of another, and what an operator
+/// looks for is where its time goes to. A group without a parent task is shown where it was built, so that it
+/// is to be found at all.
 TaskScheduler const* schedulerAbove(TaskGroup const& group) {
     auto const parentTask = group.parentTask() ? group.parentTask()->notifier() : nullptr;
     return parentTask ? parentTask->taskScheduler().ptr() : group.parentScheduler().ptr();
 }
 
+/// No scheduler knows the groups below it, the root knows all of its tree: each level of a path is a search
+/// through them, of which a tree has few. The root lists its schedulers as constants because it does not own
+/// them; they were not made constant.
 std::vector<TaskGroup*> groupsBelow(TaskScheduler const& scheduler) {
     std::vector<TaskGroup*> groups;
     for (auto const& [candidate, value] : scheduler.root()->taskScheduler())
-        // The root lists its schedulers as constants, but does not own them.
         if (auto* const group = dynamic_cast<TaskGroup*>(const_cast<TaskScheduler*>(candidate)))
             if (schedulerAbove(*group) == &scheduler)
                 groups.push_back(group);
@@ -54,7 +62,8 @@ std::vector<TaskGroup*> groupsBelow(TaskScheduler const& scheduler) {
 std::string_view nameOf(TaskGroup const* group) { return group->taskGroupName(); }
 std::string_view nameOf(Task const* task) { return task->taskRecord()->taskName(); }
 
-/// The first so many, by name and then by key; the rest in no order.
+/// The first so many, by name and then by key; the rest in no order: of a million tasks a thousand are shown,
+/// and sorting all would take most of the time. The key makes the order of namesakes the same in each call.
 template <class Child> std::size_t sortSome(std::vector<Child*>& children) {
     std::size_t const shown = std::min(children.size(), SchedulerTree::childrenMax);
     std::ranges::partial_sort(children, children.begin() + static_cast<std::ptrdiff_t>(shown),
@@ -115,10 +124,12 @@ std::string lineOf(Mox::Operation const& operation) {
 
 } // namespace
 
-/// The way along a path, one name at a time.
-class SchedulerTree::Walk {
+/// The way along a path, one name at a time. It holds the entity that it stands on, so that a derived class
+/// that lets go of it when it is read or called does not end it under the call.
+class SchedulerTree::PathCursor {
   public:
-    Walk(TaskSchedulerRoot& root, std::string_view path) : path_(path), rest_(path) {
+    PathCursor(TaskSchedulerRoot& root, std::string_view path) : path_(path), rest_(path) {
+        root.sanityCheckCurrentRunningThread();
         std::string_view const name = takeName(rest_);
         if (name != root.schedulerName() && keyFrom(name) != keyOf(&root))
             throw RangeException("no root " + inQuotes(name) + ", it is " + inQuotes(root.schedulerName()) +
@@ -132,7 +143,9 @@ class SchedulerTree::Walk {
             step();
         return entity_;
     }
-    /// As far as there are children and something is left behind them, which is an attribute then.
+    /// As far as there are children and something is left behind them, which is an attribute then. The last
+    /// name is therefore never taken for a child: "root/x" asks for the root's attribute, "root/x/y" for that
+    /// of its child x.
     Entity toAttribute() {
         while (rest_.find('/') != rest_.npos && !leadsToCollection())
             step();
@@ -156,6 +169,8 @@ class SchedulerTree::Walk {
         }
     };
 
+    /// By key first: a key is what is left when names do not tell two apart, so it must not be hidden by a
+    /// task that has it for its name.
     Found find(std::string_view name) const {
         Found found;
         auto* const scheduler = dynamic_cast<TaskScheduler*>(entity_.ptr());
@@ -194,6 +209,8 @@ class SchedulerTree::Walk {
         entity_ = found.entity;
     }
 
+    /// Behind a collection comes a key, which may look like a name: the way ends before it. A child of the
+    /// collection's name goes before the collection, as children do everywhere on a path but at its end.
     bool leadsToCollection() const {
         std::string_view ahead = rest_;
         std::string_view const name = takeName(ahead);
@@ -206,8 +223,11 @@ class SchedulerTree::Walk {
     Entity entity_;
 };
 
+SchedulerTree::SchedulerTree(Mox::Ptr<TaskSchedulerRoot> root) : root_(std::move(root)) { MOX_ASSERT(root_); }
+
 std::vector<std::string> SchedulerTree::list(std::string_view path) const {
-    Entity const entity = path.empty() ? Entity(root_) : Walk(*root_, path).toEnd();
+    root_->sanityCheckCurrentRunningThread();
+    Entity const entity = path.empty() ? Entity(root_) : PathCursor(*root_, path).toEnd();
     std::vector<std::string> lines;
     if (auto const* const scheduler = dynamic_cast<TaskScheduler const*>(entity.ptr())) {
         listChildren(groupsBelow(*scheduler), "groups", lines);
@@ -226,9 +246,9 @@ std::vector<std::string> SchedulerTree::list(std::string_view path) const {
 }
 
 std::variant<std::string, std::vector<std::string>> SchedulerTree::get(std::string_view path) const {
-    Walk walk(*root_, path);
-    Entity const entity = walk.toAttribute();
-    std::string_view key = walk.rest();
+    PathCursor cursor(*root_, path);
+    Entity const entity = cursor.toAttribute();
+    std::string_view key = cursor.rest();
     std::string_view const name = takeName(key);
     Mox::TypeEntry const& type = Mox::typeRegistry().typeOf(*entity);
     if (!key.empty())
@@ -241,14 +261,14 @@ std::variant<std::string, std::vector<std::string>> SchedulerTree::get(std::stri
 }
 
 void SchedulerTree::set(std::string_view path, std::string_view text) const {
-    Walk walk(*root_, path);
-    Entity const entity = walk.toAttribute();
-    Mox::attributeTextIs(*entity, walk.rest(), text);
+    PathCursor cursor(*root_, path);
+    Entity const entity = cursor.toAttribute();
+    Mox::attributeTextIs(*entity, cursor.rest(), text);
 }
 
 std::string SchedulerTree::call(std::string_view path, std::string_view operation,
                                 std::vector<Mox::String> const& arguments) const {
-    Entity const entity = Walk(*root_, path).toEnd();
+    Entity const entity = PathCursor(*root_, path).toEnd();
     return Mox::callOperation(*entity, operation, arguments);
 }
 

@@ -11,8 +11,17 @@
 
 namespace Kel {
 
-/// The live schedulers and tasks below a root, walked by name, for an operator who looks at them and steers
-/// them.
+/// The live schedulers and tasks below a root, walked by name: for an application that offers its operators a
+/// look at its own tree, and a hand in it, over a socket, a console or a debug page.
+///
+///     Kel::SchedulerTree const tree(root);
+///     for (std::string const& line : tree.list("app/background"))
+///         reply << line << '\n';
+///     tree.set("app/background/keys/taskQuantum", "0.05");
+///
+/// Not for code that knows its entities, which calls them; nor for what is read again and again: everything
+/// here is text, and by name a scheduler's tasks are searched one by one (with a million of them that takes a
+/// while, a key is found at once). Figures over time are what writePrometheus() gives.
 ///
 /// A path begins with the root's name; `/` leads from a scheduler to a group or a task of it:
 /// `kelkv/background/keys`. A group stands below the scheduler that its parent task belongs to, under its own
@@ -24,13 +33,16 @@ namespace Kel {
 ///
 /// Every function throws a Mox::Exception, for the operator to read, and has then changed nothing.
 ///
-/// By name, a scheduler's tasks are searched one by one: with a million of them that takes a while, a key is
-/// found at once.
+/// Thread rule: that of the tree; a call from another thread is fatal.
+///
+/// Lifetime: a value, which holds the root and nothing else. What it returns is text, and stays good when
+/// the tree changes; a key may belong to another task later.
 class MOX_EXPORT SchedulerTree {
   public:
-    explicit SchedulerTree(Mox::Ptr<TaskSchedulerRoot> root) : root_(std::move(root)) {}
+    /// Requires: a root.
+    explicit SchedulerTree(Mox::Ptr<TaskSchedulerRoot> root);
 
-    /// The children that are listed; of others only their number.
+    /// So many groups, tasks and keys are told one by one; of further ones only their number.
     static constexpr std::size_t childrenMax = 1000;
 
     /// A line each: groups, then tasks with their statistics, both by name and then by key, attributes with
@@ -38,16 +50,18 @@ class MOX_EXPORT SchedulerTree {
     std::vector<std::string> list(std::string_view path) const;
     /// An attribute's text, or that of a collection's entry; of a collection its keys, up to `childrenMax`.
     std::variant<std::string, std::vector<std::string>> get(std::string_view path) const;
+    /// Writes the attribute that the path ends with.
     void set(std::string_view path, std::string_view text) const;
-    /// Returns the text of the result, empty when there is none.
+    /// Calls an operation of the entity that the path leads to. Returns the text of the result, empty when
+    /// there is none.
     std::string call(std::string_view path, std::string_view operation,
                      std::vector<Mox::String> const& arguments) const;
 
   private:
     using Entity = Mox::Ptr<Mox::PtrInterface>;
-    class Walk;
+    class PathCursor;
 
-    Mox::Ptr<TaskSchedulerRoot> const root_;
+    Mox::Ptr<TaskSchedulerRoot> root_;
 };
 
 } // namespace Kel

@@ -14,8 +14,11 @@ using Mox::U32;
 
 namespace {
 
-// Collections of entities. Keys are compared with those of the entries, never taken for addresses.
+// Collections of entities. Keys are compared with those of the entries, never taken for addresses: they come
+// from outside, and what an operator copied may have died since.
 
+/// It can be written because the scheduler has a setter of one task. A text can only be the null reference,
+/// and that no scheduler takes: so the answer is the scheduler's own, not that it was read only.
 Mox::Attribute tasksRegistered() {
     Mox::Attribute tasks;
     tasks.type = Mox::AttributeText<Task*>::type();
@@ -34,7 +37,6 @@ Mox::Attribute tasksRegistered() {
             subject.as<TaskScheduler>().tasksRegistered(Mox::AttributeText<TaskKey>::read(key));
         return task ? std::optional(Mox::referenceToStrep(task)) : std::nullopt;
     };
-    // A text can only be the null reference, and that no scheduler takes.
     tasks.problemOfText = [](String const& text) {
         return text == "None" ? "" : "only None can be given as a text: tasks register themselves";
     };
@@ -68,6 +70,9 @@ Mox::Attribute taskSchedulers() {
 
 // Problems
 
+/// Gaining runnable tasks asks for a run. Losing them while there are some would leave these in their queues
+/// for good: nobody asks for a run again until a task is scheduled. A root goes idle then, which arms the
+/// trim of its history.
 Problem problemOfRunnable(TaskScheduler const& scheduler, bool hasRunnableTasks) {
     if (hasRunnableTasks == scheduler.schedulerHasRunnableTasks())
         return {};
@@ -88,11 +93,12 @@ Problem problemOfRoot(TaskScheduler const& scheduler) {
     return scheduler.root() ? "" : "the scheduler has no root";
 }
 
+/// Such a loop waits anyway when it is idle, and has no timer to be kept alive by.
 Problem problemOfKeepingAlive(TaskSchedulerEventLoop const& root) {
     return root.evLoop()->useMoxEventLoop() ? "the loop is the activity manager's" : "";
 }
 
-// Of each pair of operations of a name, the one by key.
+// Of each pair of operations of a name, the one by key: the other takes an iterator, which has no text.
 
 TaskStat deadTaskStatsDel(TaskScheduler& scheduler, String const& name) {
     return scheduler.deadTaskStatsDel(name);
@@ -126,6 +132,8 @@ Mox::Ptr<Mox::PtrInterface> makeActivityRoot(Mox::Ingredients const& ingredients
     return taskSchedulerMoxActivityFactory(nameOf("Kel::TaskSchedulerMoxActivity", ingredients));
 }
 
+/// The guard stands before reading, too: the maps change under the tree's thread. Counters that a scheduler
+/// keeps of its tasks are read only, for what is written over them no later count corrects.
 void addScheduler(Mox::TypeRegistry& registry) {
     Mox::AttributeTable<TaskScheduler>(registry)
         .guard(&TaskScheduler::problemOfThread)
@@ -172,6 +180,7 @@ void addScheduler(Mox::TypeRegistry& registry) {
                    problemOfRoot);
 }
 
+/// The wheel is read only, though a root takes another one: no text can name one.
 void addRoot(Mox::TypeRegistry& registry) {
     Mox::AttributeTable<TaskSchedulerRoot>(registry)
         .factory({"schedulerName"}, {}, makeRoot)

@@ -20,11 +20,13 @@ using Mox::U8;
 
 namespace {
 
-/// A setter of nanoseconds that takes seconds, as its getter gives.
+/// A setter of nanoseconds that takes seconds, as its getter gives: an operator who writes back what he read
+/// changes nothing.
 template <auto setter> void secondsIs(Task& task, Seconds seconds) {
     (task.*setter)(Mox::toNanoseconds(seconds));
 }
 
+/// An orphan belongs to no tree, and so to no thread.
 Problem problemOfTask(Task const& task) {
     TaskScheduler const* const scheduler = task.scheduler();
     return scheduler ? scheduler->problemOfThread() : "";
@@ -40,6 +42,7 @@ Problem problemOfSuspending(Task const& task, bool suspended) {
     return scheduler->schedulerHasRunnableTasks() ? "" : scheduler->problemOfRequest();
 }
 
+/// To change the count is to run the task: its reactors work when they are told.
 Problem problemOfRunIs(Task const& task, U32) { return problemOfRunning(task); }
 
 Problem problemOfTaskReset(Task const& task) {
@@ -47,6 +50,7 @@ Problem problemOfTaskReset(Task const& task) {
     return parentTask ? parentTask->problemOfResetStats() : "";
 }
 
+/// A test may set the clock back behind the last run; the task asserts that it is not.
 Problem problemOfAskingForYield(Task const& task) {
     return Mox::SteadyClock::now() >= task.taskLastRunTimeStamp() ? "" : "the clock is behind the last run";
 }
@@ -55,6 +59,8 @@ Problem problemOfAskingForYield(Task const& task) {
 
 bool isNever(Seconds delay) { return delay == Mox::endOfTime; }
 
+/// What the wheel does with it is decided here and not when it fires: a timer that nothing could run then
+/// would end the process at a time when nobody remembers who armed it.
 Problem problemOfDelay(TimerTask const& task, Seconds delay) {
     if (std::isnan(delay))
         return "the delay is no number";
@@ -82,6 +88,8 @@ Problem problemOfJitterDown(TimerTask const& task, Seconds delay, U8 maxJitterPe
 
 // Factories
 
+/// What all tasks are built from. The scheduler is asked before anything is made: a constructor
+/// that cannot register its task ends the process.
 struct TaskIngredients {
     explicit TaskIngredients(Building const& building)
         : scheduler(building.reference<TaskScheduler>("taskScheduler")),

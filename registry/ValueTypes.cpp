@@ -40,6 +40,8 @@ template <class T> void addFieldType(Mox::TypeRegistry& registry) {
     });
 }
 
+/// A flag and the whole value can be given together, in any order: then the value counts, as it does in the
+/// status' own text form.
 void addStatus(Mox::TypeRegistry& registry) {
     using Status = TaskStat::TaskStatus;
     Mox::AttributeTable<Status>(registry)
@@ -54,6 +56,8 @@ void addStatus(Mox::TypeRegistry& registry) {
         .wholeValue("value");
 }
 
+/// A stamp is a duration since the clock's epoch, so it reads as one, and what is true of one text is of the
+/// other.
 void addTimes(Mox::TypeRegistry& registry) {
     Mox::AttributeTable<TaskTimeDuration>(registry).writable(
         "value", [](TaskTimeDuration const& duration) { return Mox::S64{duration.count()}; },
@@ -63,6 +67,8 @@ void addTimes(Mox::TypeRegistry& registry) {
         [](TaskTimeStamp& stamp, TaskTimeDuration value) { stamp = TaskTimeStamp(value); });
 }
 
+/// A number outside the enumeration is a value like any other here; who wants to make a task of it is
+/// refused.
 void addPriority(Mox::TypeRegistry& registry) {
     using Enum = TaskPriority::PriorityEnum;
     Mox::AttributeTable<Enum>(registry).writable(
@@ -77,6 +83,8 @@ constinit Mox::Range<Mox::U8> const eventTypeRange{
         return number <= static_cast<Mox::U8>(TaskSchedulerEventType::schedulerRunIgnoredWhileSuspended);
     }};
 
+/// An event shows its task's name: the task may have died, and a reference to what is no longer there would
+/// lead nowhere.
 void addEvent(Mox::TypeRegistry& registry) {
     using Event = TaskSchedulerHistory::Event;
     using Type = TaskSchedulerEventType;

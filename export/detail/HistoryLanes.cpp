@@ -5,6 +5,9 @@
 
 namespace Kel {
 
+/// Lanes come from the history alone, so that a scheduler of which nothing is to be seen takes no room; the
+/// tree is asked only for the present lengths of their queues. The numbers follow the order of the keys, not
+/// that of the events: a lane has its place in the next trace, too.
 HistoryLanes::HistoryLanes(TaskSchedulerRoot const& root) : rootName_(root.schedulerName()) {
     for (TaskSchedulerHistory::Event const& event : root.history())
         if (event.task())
@@ -21,6 +24,7 @@ HistoryLanes::Key HistoryLanes::key(std::string_view scheduler, TaskPriority pri
     return {scheduler != rootName_, scheduler, priority};
 }
 
+/// Each name is escaped once: a task has thousands of events.
 void HistoryLanes::add(TaskRecord const& record) {
     auto const [entry, isNew] = tasks_.try_emplace(&record);
     if (!isNew)

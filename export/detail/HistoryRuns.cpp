@@ -27,9 +27,11 @@ class Runs {
         }
     }
 
+    /// All runs that began before the history begin at its beginning: of these the last to end is the
+    /// outermost, and a viewer nests slices of one beginning in the order in which it gets them.
     std::vector<HistoryRun> finish(TaskTimeStamp const& now) {
         endOpenRuns(0, now);
-        std::ranges::reverse(begunBefore_); // the last one to end is the outermost
+        std::ranges::reverse(begunBefore_);
         begunBefore_.insert(begunBefore_.end(), runs_.begin(), runs_.end());
         return std::move(begunBefore_);
     }
@@ -40,13 +42,16 @@ class Runs {
         runs_.push_back({task, stamp, stamp, true, false, latency(task, stamp)});
     }
 
+    /// The innermost open run of the task: a task that runs within itself ends in that order. Runs within it
+    /// that are still open ended without an event, as an orphan's do, and cannot have lasted longer.
+    /// With none open the beginning was overwritten, or trimmed away.
     void end(TaskRecord const* task, TaskTimeStamp const& stamp) {
         for (std::size_t depth = open_.size(); depth > 0; --depth) {
             HistoryRun& run = runs_[open_[depth - 1]];
             if (run.task != task)
                 continue;
             run.endIsKnown = true;
-            endOpenRuns(depth - 1, stamp); // those within it whose end was not recorded
+            endOpenRuns(depth - 1, stamp);
             return;
         }
         begunBefore_.push_back({task, begin_, stamp, false, true, std::nullopt});
@@ -57,6 +62,7 @@ class Runs {
             runs_[open_.back()].end = stamp;
     }
 
+    /// Each scheduling explains one run: a run that was made directly, after it, has none.
     std::optional<TaskTimeDuration> latency(TaskRecord const* task, TaskTimeStamp const& stamp) {
         auto const scheduled = scheduled_.extract(task);
         return scheduled ? std::optional(elapsed(scheduled.mapped(), stamp)) : std::nullopt;
