@@ -61,21 +61,24 @@ bool isNever(Seconds delay) { return delay == Mox::endOfTime; }
 
 /// What the wheel does with it is decided here and not when it fires: a timer that nothing could run then
 /// would end the process at a time when nobody remembers who armed it.
-Problem problemOfDelay(TimerTask const& task, Seconds delay) {
+Problem problemOfArming(TimerTask const& task, Seconds delay) {
     if (std::isnan(delay))
         return "the delay is no number";
-    if (isNever(delay)) // stops the timer
-        return {};
     auto const scheduler = task.taskScheduler();
     return scheduler ? scheduler->problemOfRequest() : "the task has lost its scheduler";
 }
 
-Problem problemOfLowestDelay(TimerTask const& task, Seconds delay) {
-    return isNever(delay) ? "the delay is not finite" : problemOfDelay(task, delay);
+Problem problemOfDelay(TimerTask const& task, Seconds delay) {
+    return isNever(delay) ? "" : problemOfArming(task, delay); // stops the timer
 }
 
+Problem problemOfLowestDelay(TimerTask const& task, Seconds delay) {
+    return isNever(delay) ? "the delay is not finite" : problemOfArming(task, delay);
+}
+
+/// Without end is as far as the wheel's time goes, here.
 Problem problemOfDelayPrivate(TimerTask const& task, Seconds delay, bool) {
-    return problemOfLowestDelay(task, delay);
+    return problemOfArming(task, delay);
 }
 
 Problem problemOfJitterUp(TimerTask const& task, Seconds delay, U8) { return problemOfDelay(task, delay); }

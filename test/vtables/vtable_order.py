@@ -5,8 +5,7 @@ usage: vtable_order.py LISTS COMPILER [FLAG...]
 A list stands in a file of the class's name, with dots for "::". Its lines:
     include NAME    the header that has the class
     base CLASS      the operations of that class's list come first
-    NAME            an operation; the destructor is "~", an overload stands once for each
-    # ...           a comment
+    NAME...         operations; the destructor is "~", an overload stands once for each
 """
 
 import difflib
@@ -21,15 +20,13 @@ def read_list(folder: Path, cls: str) -> tuple[str, list[str]]:
     """The class's header and the operations expected of it."""
     header, operations = "", []
     for line in (folder / f"{cls.replace('::', '.')}.txt").read_text().splitlines():
-        words = line.split("#")[0].split()
-        if len(words) == 2 and words[0] == "include":
-            header = words[1]
-        elif len(words) == 2 and words[0] == "base":
-            operations += read_list(folder, words[1])[1]
-        elif len(words) == 1:
-            operations += words
-        elif words:
-            sys.exit(f"{cls}: cannot read the line: {line}")
+        match line.split():
+            case ["include", name]:
+                header = name
+            case ["base", base]:
+                operations += read_list(folder, base)[1]
+            case names:
+                operations += names
     return header, operations
 
 
