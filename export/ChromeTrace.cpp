@@ -60,8 +60,7 @@ char const* instantName(TaskSchedulerEventType type) {
 /// it: by the percentage, which is a double, a run of exactly two quanta might be none.
 class Percentage {
   public:
-    explicit Percentage(HistoryRun const& run)
-        : length_(elapsed(run.start, run.end)), quantum_(run.task->taskQuantum()) {}
+    Percentage(TaskTimeDuration length, TaskTimeDuration quantum) : length_(length), quantum_(quantum) {}
 
     /// A task that is forced to yield has none.
     bool exists() const { return quantum_ > TaskTimeDuration(0); }
@@ -123,8 +122,8 @@ class ChromeTrace {
     /// draws a negative one.
     void writeRun(HistoryRun const& run) {
         HistoryTask const& task = lanes_.task(*run.task);
-        Percentage const percentage(run);
         TaskTimeDuration const length = std::max(elapsed(run.start, run.end), TaskTimeDuration(0));
+        Percentage const percentage(length, run.task->taskQuantum());
         std::string arguments;
         auto const argument = [&](auto format, auto const& value) {
             fmt::format_to(std::back_inserter(arguments), "{}", arguments.empty() ? "" : ",");

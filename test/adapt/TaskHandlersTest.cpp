@@ -75,7 +75,12 @@ TEST_F(TaskHandlersTest, OnlyDispatchFromInsideARunCallsAtOnce) {
     auto const never = boost::asio::require(any, boost::asio::execution::blocking.never);
     EXPECT_NE(any, never);
     EXPECT_EQ(any, boost::asio::prefer(never, boost::asio::execution::blocking.possibly));
+    EXPECT_EQ(boost::asio::query(never, boost::asio::execution::blocking),
+              boost::asio::execution::blocking.never);
+    EXPECT_EQ(boost::asio::query(any, boost::asio::execution::blocking),
+              boost::asio::execution::blocking.possibly);
     dispatch(any, [&] {
+        t->taskRunFromTest(); // a run within the run
         calls(1);
         post(any, [&] { calls(5); });
         boost::asio::defer(any, [&] { calls(6); });
@@ -87,7 +92,7 @@ TEST_F(TaskHandlersTest, OnlyDispatchFromInsideARunCallsAtOnce) {
     EXPECT_THAT(called, ElementsAre());
     root->runUntilIdle();
     EXPECT_THAT(called, ElementsAre(1, 2, 3, 4, 5, 6, 7));
-    EXPECT_EQ(1u, t->taskRun());
+    EXPECT_EQ(2u, t->taskRun());
 }
 
 TEST_F(TaskHandlersTest, OperationsOnTheLoopCompleteInARunOfTheTask) {

@@ -54,7 +54,7 @@ struct ExportTest : TestSupport::HandTreeTest {
     void newScheduler(Ptr<Kel::TaskScheduler>& place) {
         if (random.oneIn(2)) {
             place = Kel::taskGroupFactory(random.oneIn(3) ? name() : "g", priority(), false, root);
-            root->taskSchedulerIs(place.ptr(), !random.oneIn(6));
+            root->taskSchedulerIs(place.ptr(), !random.oneIn(3));
         } else { // the root does not list it
             place = new TestSupport::HandScheduler(name(), root.ptr());
             place->hasNotificationActiveIs(true);
@@ -76,6 +76,12 @@ struct ExportTest : TestSupport::HandTreeTest {
         stat.taskNameIs(name());
         stat.taskTotalRunTimeIs(oneOf({0.125, Mox::endOfTime, -Mox::endOfTime, std::nan("")}));
         root->deadTaskStatsInc(stat.taskName(), stat);
+    }
+    void clockGoesBack() {
+        Ptr<TestSupport::OnRun> const back =
+            new TestSupport::OnRun(task("back"), [this] { steady.advance(-unit); });
+        back->notifier()->taskRunFromTest();
+        steady.advance(unit);
     }
     /// The work of every task.
     void run() {
@@ -116,6 +122,8 @@ struct ExportTest : TestSupport::HandTreeTest {
             root->suspendedIs(!root->suspended());
         if (random.oneIn(100))
             newDead();
+        if (random.oneIn(100))
+            clockGoesBack();
         if (random.oneIn(100))
             root->resetStats();
         if (dynamic_cast<TestSupport::HandScheduler*>(scheduler.ptr()) && random.oneIn(4))

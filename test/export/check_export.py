@@ -46,16 +46,17 @@ def trace_of(root, now, events, tasks, schedulers):
 
     def slices_of(task, start, end, latency, cut):
         name, _, _, quantum, alive = tasks[task]
+        length = max(end - start, 0)  # a clock may have gone back
         args = {} if latency is None else {"latency_us": us(latency)}
         if cut:
             args["cut"] = cut
         elif quantum:
-            args["quantum_percent"] = 100 * (end - start) / quantum
+            args["quantum_percent"] = 100 * length / quantum
         if not cut and not alive:
             args["about"] = True
-        dur = us(max(end - start, 0))
+        dur = us(length)
         yield event("X", shown(name), tid=tid[lane_of[task]], ts=us(start - begin), dur=dur, cat="run", args=args)
-        limit = 0 if cut else 500 if end - start >= 5 * quantum else 200 if end - start >= 2 * quantum else 0
+        limit = 0 if cut else 500 if length >= 5 * quantum else 200 if length >= 2 * quantum else 0
         if limit:
             yield instant(task, end, f"{'' if alive else 'about '}{limit}% violation")
 

@@ -8,6 +8,8 @@
 
 #include <gmock/gmock.h>
 
+#include <bit>
+
 namespace {
 
 using namespace std::string_literals;
@@ -80,16 +82,45 @@ TEST_F(BuildingTest, StatusIsItsWholeValueWhereverThatStands) {
     }
 }
 
-TEST_F(BuildingTest, TypesOfAttributesAreKnownByName) {
-    for (Mox::TypeEntry const& type : Mox::typeRegistry().types())
-        for (Mox::Attribute const* attribute : type.attributes())
-            if (attribute->type.starts_with("Kel::Task")) {
-                EXPECT_NE(Mox::typeRegistry().find(attribute->type), nullptr) << attribute->type;
-            }
-    auto const stamp = Mox::typeRegistry().type("Kel::TaskTimeStamp").makeValue({{"value", "-5"}});
-    EXPECT_EQ(std::any_cast<Kel::TaskTimeStamp>(stamp).time_since_epoch().count(), -5);
-    EXPECT_THROW(Mox::typeRegistry().type("Kel::TaskSchedulerEventType").makeValue({{"value", "18"}}),
-                 Mox::RangeException);
+TEST_F(BuildingTest, ValuesReadAsTheyWereBuilt) {
+    auto const text = [](auto value, char const* attribute) {
+        return Mox::attributeText(Mox::Subject::ofValue(value), attribute);
+    };
+    auto const built = [](char const* type, Texts const& texts) {
+        return Mox::typeRegistry().type(type).makeValue(texts);
+    };
+    for (auto const& [type, good, bad] :
+         std::initializer_list<std::tuple<char const*, char const*, char const*>>{
+             {"Kel::TaskTimeStamp", "-5", "x"},
+             {"Kel::TaskTimeDuration", "-9223372036854775808", "9223372036854775808"},
+             {"Kel::TaskKey", "18446744073709551615", "-1"},
+             {"Kel::ProcessId", "-2", "1 "},
+             {"Kel::TaskPriority", "'scavenge'", "'lowest'"},
+             {"Kel::TaskSchedulerEventType", "17", "18"},
+             {"Kel::TaskStat::TaskStatus", "31", "32"}}) {
+        std::any value = built(type, {{"value", good}});
+        auto const& entry = Mox::typeRegistry().type(type);
+        EXPECT_NE(TestSupport::refusal([&, &type = type, &bad = bad] {
+                      built(type, {{"value", bad}});
+                  }),
+                  "")
+            << type;
+        if (auto* stamp = std::any_cast<Kel::TaskTimeStamp>(&value)) {
+            EXPECT_EQ(entry.text(Mox::Subject::ofValue(*stamp), "value"), good);
+        } else if (auto* key = std::any_cast<Kel::TaskKey>(&value)) {
+            EXPECT_EQ(entry.text(Mox::Subject::ofValue(*key), "value"), good);
+        }
+    }
+    for (char const* flag : {"taskTimer", "taskTimerRunning", "taskOnRunQueue", "taskCurrentlyRunning",
+                             "taskSuspendedForTest"}) {
+        auto const status =
+            std::any_cast<Kel::TaskStat::TaskStatus>(built("Kel::TaskStat::TaskStatus", {{flag, "True"}}));
+        EXPECT_EQ(text(status, flag), "True");
+        EXPECT_TRUE(std::has_single_bit(status.value()));
+    }
+    auto const t = task("shown");
+    t->scheduleTask();
+    EXPECT_EQ(text(*root->history().begin(), "task"), "'shown'");
 }
 
 TEST_F(BuildingTest, EntitiesAreBuiltFromTextsAndReferences) {
@@ -104,7 +135,16 @@ TEST_F(BuildingTest, EntitiesAreBuiltFromTextsAndReferences) {
         {{{"taskGroupName", "'g'"}, {"taskGroupPriority", "'low'"}, {"enforceTaskGroupPriority", "True"}},
          {{"parentScheduler", root}}});
     EXPECT_EQ(Mox::attributeText(*group, "schedulerName"), "'TaskGroup;g'");
+    EXPECT_EQ(Mox::attributeText(*group, "enforceTaskGroupPriority"), "True");
+    auto const loose = build("Kel::TaskGroup", {{{"taskGroupName", "''"},
+                                                 {"taskGroupPriority", "'scavenge'"},
+                                                 {"enforceTaskGroupPriority", "False"}},
+                                                {{"parentScheduler", root}}});
+    EXPECT_EQ(Mox::attributeText(*loose, "enforceTaskGroupPriority"), "False");
     EXPECT_NE(build("Kel::Task", {needed, {{"taskScheduler", group}}}), nullptr);
+    auto const parentTask =
+        build("Kel::TaskGroupParentTask", {needed, {{"taskScheduler", group}, {"taskGroup", nullptr}}});
+    EXPECT_EQ(Mox::attributeText(*parentTask, "taskGroup"), "None");
     auto const loop = Kel::EventLoop::EventLoopIs();
     auto const driver =
         build("Kel::TaskSchedulerEventLoop", {{{"schedulerName", "'r'"}}, {{"evLoop", loop}}});
@@ -136,6 +176,8 @@ TEST_F(BuildingTest, RefusedIngredientsLeaveNothing) {
         EXPECT_EQ(refused("Kel::TimerTask", ingredients), message);
     EXPECT_THAT(refused("Kel::TimerTask", {needed, {{"taskScheduler", group->parentTask()->notifier()}}}),
                 testing::HasSubstr("is no Kel::TaskScheduler"));
+    EXPECT_EQ(refused("Kel::TaskGroupParentTask", {needed, {{"taskScheduler", group}, {"taskGroup", group}}}),
+              "Kel::TaskGroupParentTask::taskScheduler: the group takes tasks of priority high only");
     EXPECT_EQ(root->tasksRegistered().size(), 1u); // the group's
     EXPECT_TRUE(root->deadTaskStats().empty());
     EXPECT_THROW(build("Kel::Tusk", {}), Mox::RangeException);

@@ -305,7 +305,9 @@ struct RefusalTest : LiveAttributesTest {
                    withWheel = Kel::taskSchedulerRootFactory("withWheel");
         withWheel->timerWheelIs(named.root->timerWheel());
         auto const loose = Kel::taskGroupFactory("loose", TaskPriority::low, false, named.root);
-        loose->parentTaskDel();
+        auto const waits = Kel::taskFactory(loose, TaskPriority::low, "waits"),
+                   sleeps = Kel::taskFactory(loose, TaskPriority::low, "sleeps");
+        waits->scheduleTask(), sleeps->taskSuspendedForTestIs(true), loose->parentTaskDel();
         auto const lostTask = Kel::taskGroupFactory("lostTask", TaskPriority::low, false, named.root);
         lostTask->resetStats(), lostTask->resetStatsTask()->notifierIs(nullptr);
         direct.root->resetStats();
@@ -315,17 +317,31 @@ struct RefusalTest : LiveAttributesTest {
         suspendedRoot->suspendedIs(true);
         auto const suspended = Kel::taskFactory(bare, TaskPriority::low, "suspended");
         suspended->taskSuspendedForTestIs(true);
+        auto const noWheel = TestSupport::HandRoot::HandRootIs("noWheel");
+        noWheel->timerWheelIs(nullptr), noWheel->trimHistoryEnabledIs(true),
+            noWheel->schedulerHasRunnableTasksIs(true);
         auto const full = Kel::taskSchedulerEventLoopFactory("full", named.loop);
-        for (Entity const& entity : std::initializer_list<Entity>{
-                 bare, withWheel, loose, lostTask, lostTask->parentTask()->notifier(),
-                 direct.root->resetStatsTaskDel(), moxLoop, suspendedRoot, suspended,
-                 Kel::taskFactory(bare, TaskPriority::low, "t"), full,
-                 Kel::timerTaskFactory(withWheel, TaskPriority::low, "timer"),
-                 Kel::taskFactory(loose, TaskPriority::low, "t"),
-                 Kel::TaskScheduler::TaskSchedulerIs("scheduler", bare.ptr()),
-                 bare->resetStatsTaskIs(bare, TaskPriority::low, "reset"),
-                 Kel::taskFactory(full, TaskPriority::low, "t"),
-                 Kel::taskGroupFactory("inBare", TaskPriority::low, true, bare)})
+        for (Entity const& entity :
+             std::initializer_list<Entity>{bare,
+                                           withWheel,
+                                           loose,
+                                           waits,
+                                           sleeps,
+                                           noWheel,
+                                           lostTask,
+                                           lostTask->parentTask()->notifier(),
+                                           direct.root->resetStatsTaskDel(),
+                                           moxLoop,
+                                           suspendedRoot,
+                                           suspended,
+                                           Kel::taskFactory(bare, TaskPriority::low, "t"),
+                                           full,
+                                           Kel::timerTaskFactory(withWheel, TaskPriority::low, "timer"),
+                                           Kel::taskFactory(loose, TaskPriority::low, "t"),
+                                           Kel::TaskScheduler::TaskSchedulerIs("scheduler", bare.ptr()),
+                                           bare->resetStatsTaskIs(bare, TaskPriority::low, "reset"),
+                                           Kel::taskFactory(full, TaskPriority::low, "t"),
+                                           Kel::taskGroupFactory("inBare", TaskPriority::low, true, bare)})
             named.entities.push_back(entity);
     }
     /// What comes after it sooner or later.
@@ -391,7 +407,8 @@ TEST_F(RefusalTest, ByNameExactlyThatIsRefusedWhichWouldEndTheProcess) {
     }
     // Known: a quantum for a parent task to come, tasks left on a queue, a reset that is cut short, an alarm
     // that is never.
-    EXPECT_THAT(cautious, testing::ElementsAre("'TaskGroup;loose' taskGroupQuantum", "'reset' taskRun",
+    EXPECT_THAT(cautious, testing::ElementsAre("'TaskGroup;loose' schedulerHasRunnableTasks",
+                                               "'TaskGroup;loose' taskGroupQuantum", "'reset' taskRun",
                                                "'reset' taskRunFromTest", "'reset' taskRunInc",
                                                "'root' schedulerHasRunnableTasks",
                                                "'timer' scheduleTaskDelayedPrivate"));
@@ -425,6 +442,9 @@ TEST_F(LiveAttributesTest, MessagesNameTypeAttributeAndProblem) {
               "Kel::TaskSchedulerRoot has no operation 'explode'");
     EXPECT_EQ(refusal([&] { callOperation(*root, "clearHistory", {"1"}); }),
               "Kel::TaskSchedulerRoot::clearHistory: takes 0 arguments, not 1");
+    named.task->taskRunFromTest(), steady.advance(std::chrono::nanoseconds(-1));
+    EXPECT_EQ(refusal([&] { callOperation(*task, "taskShouldYield"); }),
+              "Kel::Task::taskShouldYield: the clock is behind the last run");
     std::string fromAbroad;
     std::thread([&] { fromAbroad = refusal([&] { attributeText(*task, "taskQuantum"); }); }).join();
     EXPECT_EQ(fromAbroad, "Kel::Task::taskQuantum: this thread is not the tree's");
