@@ -1,7 +1,5 @@
 #include "Commands.h"
 
-#include "Connection.h"
-
 #include <boost/unordered/unordered_flat_map.hpp>
 
 #include <algorithm>
@@ -42,14 +40,14 @@ bool isWord(std::string_view text, std::string_view capitals) {
     return std::ranges::equal(text, capitals, {}, capital);
 }
 
-void answer(Connection& connection, Arguments words) {
+void answer(CommandContext& context, Arguments words) {
     Command const* const command = find(words[0]);
     if (!command)
-        connection.reply().error("unknown command '" + std::string(words[0].substr(0, shownName)) + "'");
+        context.reply.error("unknown command '" + std::string(words[0].substr(0, shownName)) + "'");
     else if (words.size() < command->wordsMin || words.size() > command->wordsMax)
-        connection.reply().error("wrong number of arguments for '" + std::string(command->name) + "'");
+        context.reply.error("wrong number of arguments for '" + std::string(command->name) + "'");
     else
-        command->run(connection, words);
+        command->run(context, words);
 }
 
 bool isAnsweredAtOnce(Arguments words) {

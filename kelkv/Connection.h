@@ -1,95 +1,56 @@
 #pragma once
 
-#include "Resp.h"
-#include "Walk.h"
+#include <task/Task.h>
 
 #include <boost/asio/ip/tcp.hpp>
 
-#include <string>
+#include <exception>
+#include <functional>
+#include <utility>
 
 namespace KelKv {
 
-class Daemon;
-class Port;
-
-/// One client: a socket, and a task that answers what has come in.
+/// One client of any port: a socket, whose handlers take what comes in, and a task that answers it, so that
+/// the work is measured and takes turns as all work does.
 ///
-/// A readable socket is read by its handler, which schedules the task. The task answers requests until none
-/// is left, its quantum is used (it schedules itself again then), or the client has to wait for something;
-/// then it sends what it has in one go. While a walk works for the client, its other requests wait, so that
-/// replies come in order.
-///
-/// A client that does not read its replies is not answered while `outputLimit` bytes are unsent, and once
-/// `inputLimit` bytes are unanswered it is not read from.
-///
-/// Lifetime: its port holds it until `close()`; so does each handler under way.
-class Connection : public Kel::Task::Notifiee, private WalkClient {
+/// Lifetime: its listener holds it from `start()` until it has closed; so does each handler under way.
+class Connection : public Kel::Task::Notifiee {
   public:
     using Socket = boost::asio::ip::tcp::socket;
+    using Error = boost::system::error_code;
 
-    static constexpr std::size_t inputLimit = Limits::request + (1 << 16);
-    static constexpr std::size_t outputLimit = 1 << 20;
-    static constexpr Mox::Seconds quantum = 0.0002;
-
-    Connection(Daemon& daemon, Port& port, Socket socket);
-    /// Begins to read.
-    void start();
+    /// Begins to read. Calls `closed` once, when it has closed.
+    void start(std::function<void()> closed);
     void close();
 
-    void onTaskRun() override;
+    /// Traced; the connection closes. So end exceptions of a task's run and of a handler, for which nobody
+    /// else would catch them.
+    void onException(std::exception_ptr thrown) noexcept override;
 
-    // For commands
+  protected:
+    Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Kel::TaskPriority priority, char const* name);
 
-    Daemon& daemon() const { return daemon_; }
-    bool isOperator() const;
-    ReplyWriter reply() { return ReplyWriter(output_); }
-    /// Replies with the keys that match the pattern, or without a pattern with their number, once all are
-    /// walked.
-    void walkIs(std::optional<std::string> pattern);
-    /// Closes once the replies so far are sent.
-    void closeWhenSent() { closing_ = true; }
+    /// Null once it is closed.
+    Mox::Ptr<Kel::Task> const& task() const { return task_; }
+    virtual void onStart() = 0;
+    virtual void onClose() = 0;
+
+    /// A handler that keeps the connection, and is called if it is not closed by then.
+    template <class Handler> auto whileOpen(Handler handler) {
+        return [self = Mox::Ptr<Connection>(this), handler](Error error, std::size_t = 0) {
+            if (!self->task_)
+                return;
+            try {
+                handler(error);
+            } catch (...) {
+                self->onException(std::current_exception());
+            }
+        };
+    }
 
   private:
-    bool pieceIs(std::string&& piece) override;
-    void walkDone() override;
-
-    void waitReadable();
-    void waitWritable();
-    void onReadable();
-    void onWritable();
-    bool receive();
-    void proceed();
-
-    bool mayAnswer() const;
-    std::string_view unanswered() const { return std::string_view(input_).substr(answered_); }
-    std::size_t unsent() const { return output_.size() - sent_; }
-    bool parseNext();
-    void answerNext();
-    bool answerAll();
-    void answerAtOnce();
-    void compactInput();
-    void flush();
-    void goOn();
-
-    Daemon& daemon_;
-    Port& port_;
-    Socket socket_;
-    Mox::Ptr<Kel::Task> task_; // null: closed
-
-    // What came in
-    std::string input_;
-    std::size_t answered_ = 0; // bytes at the input's beginning
-    RequestParser parser_;
-    bool isAnswering_ = false;
-    bool isReading_ = false;
-    bool atEnd_ = false; // the client sends no more
-
-    // What goes out
-    std::string output_;
-    std::size_t sent_ = 0; // bytes at the output's beginning
-    bool isWriting_ = false;
-    bool closing_ = false;
-    Mox::Ptr<Walk> walk_;
+    Mox::Ptr<Kel::Task> task_;
+    std::function<void()> closed_;
 };
 
 } // namespace KelKv

@@ -1,32 +1,25 @@
 #include "HttpConnection.h"
 
-#include "Daemon.h"
-#include "HttpPage.h"
-
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
 
+#include <algorithm>
 #include <utility>
 
 namespace KelKv {
 
 namespace http = boost::beast::http;
 
-HttpConnection::HttpConnection(Daemon& daemon, Listener<HttpConnection>& listener,
-                               boost::asio::ip::tcp::socket socket)
-    : daemon_(daemon), listener_(listener), stream_(std::move(socket)),
-      task_(Kel::Task::TaskIs(daemon.root(), Kel::TaskPriority::normal, "http")) {
+HttpConnection::HttpConnection(Mox::Ptr<Kel::TaskSchedulerEventLoop> const& root, std::span<Page const> pages,
+                               Socket socket)
+    : Connection(root, Kel::TaskPriority::normal, "http"), root_(root), pages_(pages),
+      stream_(std::move(socket)) {
     request_.header_limit(headerLimit);
-    notifierIs(task_);
 }
 
-void HttpConnection::start() {
+void HttpConnection::onStart() {
     stream_.expires_after(patience);
-    http::async_read_header(stream_, input_, request_,
-                            [self = Mox::Ptr<HttpConnection>(this)](Error error, std::size_t) {
-                                if (self->task_)
-                                    self->onRequest(error);
-                            });
+    http::async_read_header(stream_, input_, request_, whileOpen([this](Error error) { onRequest(error); }));
 }
 
 void HttpConnection::onRequest(Error error) {
@@ -35,10 +28,10 @@ void HttpConnection::onRequest(Error error) {
         return close();
     isMalformed_ = static_cast<bool>(error);
     isWaiting_ = true;
-    if (daemon_.root()->suspended())
+    if (root_->suspended())
         onTaskRun();
     else
-        task_->scheduleTask();
+        task()->scheduleTask();
 }
 
 void HttpConnection::onTaskRun() {
@@ -60,14 +53,29 @@ void HttpConnection::answer() {
         answerIs(Status::bad_request, "text/plain", "one host has to be named\n");
     else if (!namesThisHost())
         answerIs(Status::misdirected_request, "text/plain", "not this host\n");
-    else if (path == "/")
-        answerIs(Status::ok, "text/html; charset=utf-8", httpPage);
-    else if (path == "/metrics")
-        answerIs(Status::ok, "text/plain; version=0.0.4; charset=utf-8", daemon_.metrics());
-    else if (path == "/trace.json")
-        answerIs(Status::ok, "application/json", daemon_.trace());
     else
+        answerPage(path);
+}
+
+void HttpConnection::answerPage(std::string_view path) {
+    auto const page = std::ranges::find(pages_, path, &Page::path);
+    if (page == pages_.end())
         answerIs(Status::not_found, "text/plain", "there is /, /metrics and /trace.json\n");
+    else
+        answerIs(Status::ok, page->contentType, page->body());
+}
+
+/// The handler of a request calls it, too, when no task runs.
+void HttpConnection::onException(std::exception_ptr thrown) noexcept {
+    Kel::Task::Notifiee::onException(std::move(thrown));
+    if (isSending_)
+        return close();
+    try {
+        answerIs(Status::internal_server_error, "text/plain", "the answer could not be made\n");
+        send();
+    } catch (...) {
+        close();
+    }
 }
 
 /// A page from elsewhere whose name resolves to this host (DNS rebinding) has another name.
@@ -104,14 +112,12 @@ void HttpConnection::answerIs(Status status, char const* contentType, std::strin
 }
 
 void HttpConnection::send() {
-    http::async_write(stream_, response_, [self = Mox::Ptr<HttpConnection>(this)](Error error, std::size_t) {
-        Error ignored;
-        self->stream_.socket().shutdown(boost::asio::socket_base::shutdown_send, ignored);
-        if (error)
-            self->close();
-        else if (self->task_)
-            self->drain();
-    });
+    isSending_ = true;
+    http::async_write(stream_, response_, whileOpen([this](Error error) {
+                          Error ignored;
+                          stream_.socket().shutdown(boost::asio::socket_base::shutdown_send, ignored);
+                          error ? close() : drain();
+                      }));
 }
 
 /// Takes what the client still sends, until it closes or its time is over: a socket that is closed with
@@ -119,22 +125,7 @@ void HttpConnection::send() {
 void HttpConnection::drain() {
     input_.clear();
     stream_.async_read_some(input_.prepare(headerLimit),
-                            [self = Mox::Ptr<HttpConnection>(this)](Error error, std::size_t) {
-                                if (error)
-                                    self->close();
-                                else if (self->task_)
-                                    self->drain();
-                            });
-}
-
-void HttpConnection::close() {
-    if (!task_)
-        return;
-    Mox::Ptr<HttpConnection> const self = this;
-    notifierIs(nullptr);
-    task_ = nullptr;
-    stream_.close();
-    listener_.closed(self);
+                            whileOpen([this](Error error) { error ? close() : drain(); }));
 }
 
 } // namespace KelKv

@@ -1,7 +1,5 @@
 #include "Commands.h"
 
-#include "Connection.h"
-#include "Daemon.h"
 #include <registry/SchedulerTree.h>
 
 #include <algorithm>
@@ -14,49 +12,49 @@ namespace {
 
 constexpr std::size_t any = Limits::arguments;
 
-Kel::SchedulerTree tree(Connection& connection) { return Kel::SchedulerTree(connection.daemon().root()); }
+Kel::SchedulerTree tree(CommandContext& context) { return Kel::SchedulerTree(context.engine.root); }
 
-void bulks(Connection& connection, std::vector<std::string> const& texts) {
-    connection.reply().array(texts.size());
+void bulks(CommandContext& context, std::vector<std::string> const& texts) {
+    context.reply.array(texts.size());
     for (std::string const& text : texts)
-        connection.reply().bulk(text);
+        context.reply.bulk(text);
 }
 
 // Each takes the words behind its own name.
 
-void history(Connection& connection, Arguments) { connection.reply().bulk(connection.daemon().history()); }
+void history(CommandContext& context, Arguments) { context.reply.bulk(context.engine.history()); }
 
-void trace(Connection& connection, Arguments) { connection.reply().bulk(connection.daemon().trace()); }
+void trace(CommandContext& context, Arguments) { context.reply.bulk(context.engine.trace()); }
 
-void reset(Connection& connection, Arguments) {
-    connection.daemon().root()->resetStats();
-    connection.reply().status("OK");
+void reset(CommandContext& context, Arguments) {
+    context.engine.root->resetStats();
+    context.reply.status("OK");
 }
 
-void list(Connection& connection, Arguments words) {
-    bulks(connection, tree(connection).list(words.empty() ? "" : words[0]));
+void list(CommandContext& context, Arguments words) {
+    bulks(context, tree(context).list(words.empty() ? "" : words[0]));
 }
 
-void get(Connection& connection, Arguments words) {
-    auto const answer = tree(connection).get(words[0]);
+void get(CommandContext& context, Arguments words) {
+    auto const answer = tree(context).get(words[0]);
     if (auto const* const text = std::get_if<std::string>(&answer))
-        connection.reply().bulk(*text);
+        context.reply.bulk(*text);
     else
-        bulks(connection, std::get<std::vector<std::string>>(answer));
+        bulks(context, std::get<std::vector<std::string>>(answer));
 }
 
-void set(Connection& connection, Arguments words) {
-    tree(connection).set(words[0], words[1]);
-    connection.reply().status("OK");
+void set(CommandContext& context, Arguments words) {
+    tree(context).set(words[0], words[1]);
+    context.reply.status("OK");
 }
 
-void call(Connection& connection, Arguments words) {
+void call(CommandContext& context, Arguments words) {
     std::vector<Mox::String> const arguments(words.begin() + 2, words.end());
-    std::string const result = tree(connection).call(words[0], words[1], arguments);
+    std::string const result = tree(context).call(words[0], words[1], arguments);
     if (result.empty())
-        connection.reply().status("OK");
+        context.reply.status("OK");
     else
-        connection.reply().bulk(result);
+        context.reply.bulk(result);
 }
 
 constexpr Command subcommands[] = {
@@ -64,21 +62,20 @@ constexpr Command subcommands[] = {
     {"GET", 1, 1, get},         {"SET", 2, 2, set},     {"CALL", 2, any, call},
 };
 
-void sched(Connection& connection, Arguments words) {
-    if (!connection.isOperator())
-        return connection.reply().error("SCHED is for the operator's port");
+void sched(CommandContext& context, Arguments words) {
+    if (!context.isOperator)
+        return context.reply.error("SCHED is for the operator's port");
     auto const at =
         std::ranges::find_if(subcommands, [&](Command const& c) { return isWord(words[1], c.name); });
     if (at == std::end(subcommands))
-        return connection.reply().error("unknown subcommand of SCHED");
+        return context.reply.error("unknown subcommand of SCHED");
     Arguments const behind = words.subspan(2);
     if (behind.size() < at->wordsMin || behind.size() > at->wordsMax)
-        return connection.reply().error("wrong number of arguments for 'SCHED " + std::string(at->name) +
-                                        "'");
+        return context.reply.error("wrong number of arguments for 'SCHED " + std::string(at->name) + "'");
     try {
-        at->run(connection, behind);
+        at->run(context, behind);
     } catch (Mox::Exception const& e) {
-        connection.reply().error(e.what());
+        context.reply.error(e.what());
     }
 }
 

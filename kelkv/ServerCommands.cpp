@@ -1,8 +1,5 @@
 #include "Commands.h"
 
-#include "Connection.h"
-#include "Daemon.h"
-
 #include <unistd.h>
 
 #include <sstream>
@@ -13,41 +10,43 @@ namespace {
 
 constexpr std::size_t any = Limits::arguments;
 
-void ping(Connection& connection, Arguments words) {
+void ping(CommandContext& context, Arguments words) {
     if (words.size() == 1)
-        connection.reply().status("PONG");
+        context.reply.status("PONG");
     else
-        connection.reply().bulk(words[1]);
+        context.reply.bulk(words[1]);
 }
 
-void echo(Connection& connection, Arguments words) { connection.reply().bulk(words[1]); }
+void echo(CommandContext& context, Arguments words) { context.reply.bulk(words[1]); }
 
-void quit(Connection& connection, Arguments) {
-    connection.reply().status("OK");
-    connection.closeWhenSent();
+void quit(CommandContext& context, Arguments) {
+    context.reply.status("OK");
+    context.next = CommandContext::Next::close;
 }
 
 // INFO
 
-void infoServer(Daemon& daemon, std::ostream& out) {
-    out << "process_id:" << getpid() << "\r\ntcp_port:" << daemon.clients().number()
-        << "\r\noperator_port:" << daemon.operators().number()
-        << "\r\nuptime_in_seconds:" << static_cast<Mox::U64>(daemon.upTime()) << "\r\n";
+void infoServer(Engine& engine, std::ostream& out) {
+    Engine::Ports const ports = engine.ports();
+    out << "process_id:" << getpid() << "\r\ntcp_port:" << ports.clients
+        << "\r\noperator_port:" << ports.operators
+        << "\r\nuptime_in_seconds:" << static_cast<Mox::U64>(Mox::now() - engine.started) << "\r\n";
 }
 
-void infoClients(Daemon& daemon, std::ostream& out) {
-    out << "connected_clients:" << daemon.clients().connections()
-        << "\r\nconnected_operators:" << daemon.operators().connections() << "\r\n";
+void infoClients(Engine& engine, std::ostream& out) {
+    Engine::Ports const ports = engine.ports();
+    out << "connected_clients:" << ports.clientConnections
+        << "\r\nconnected_operators:" << ports.operatorConnections << "\r\n";
 }
 
-void infoKeyspace(Daemon& daemon, std::ostream& out) { out << "keys:" << daemon.store().size() << "\r\n"; }
+void infoKeyspace(Engine& engine, std::ostream& out) { out << "keys:" << engine.store.size() << "\r\n"; }
 
-void infoScheduler(Daemon& daemon, std::ostream& out) { out << daemon.statistics(); }
+void infoScheduler(Engine& engine, std::ostream& out) { out << engine.statistics(); }
 
 struct Section {
     char const* name;
     std::string_view capitals;
-    void (*print)(Daemon& daemon, std::ostream& out);
+    void (*print)(Engine& engine, std::ostream& out);
 };
 
 constexpr Section sections[] = {
@@ -57,44 +56,44 @@ constexpr Section sections[] = {
     {"Scheduler", "SCHEDULER", infoScheduler},
 };
 
-void info(Connection& connection, Arguments words) {
+void info(CommandContext& context, Arguments words) {
     std::ostringstream out;
     for (Section const& section : sections)
         if (words.size() == 1 || isWord(words[1], section.capitals)) {
             out << (out.tellp() > 0 ? "\r\n" : "") << "# " << section.name << "\r\n";
-            section.print(connection.daemon(), out);
+            section.print(context.engine, out);
         }
-    connection.reply().bulk(out.view());
+    context.reply.bulk(out.view());
 }
 
 // What client programs ask before they begin. There is nothing to configure and no catalogue of commands.
 
-void config(Connection& connection, Arguments words) {
+void config(CommandContext& context, Arguments words) {
     if (words.size() < 3 || !isWord(words[1], "GET"))
-        return connection.reply().error("only CONFIG GET is known");
+        return context.reply.error("only CONFIG GET is known");
     bool const isSave = isWord(words[2], "SAVE");
     if (!isSave && !isWord(words[2], "APPENDONLY"))
-        return connection.reply().array(0);
-    connection.reply().array(2);
-    connection.reply().bulk(words[2]);
-    connection.reply().bulk(isSave ? "" : "no");
+        return context.reply.array(0);
+    context.reply.array(2);
+    context.reply.bulk(words[2]);
+    context.reply.bulk(isSave ? "" : "no");
 }
 
-void client(Connection& connection, Arguments words) {
+void client(CommandContext& context, Arguments words) {
     if (isWord(words[1], "SETINFO") || isWord(words[1], "SETNAME"))
-        connection.reply().status("OK");
+        context.reply.status("OK");
     else if (isWord(words[1], "GETNAME"))
-        connection.reply().null();
+        context.reply.null();
     else
-        connection.reply().error("unknown subcommand of CLIENT");
+        context.reply.error("unknown subcommand of CLIENT");
 }
 
-void command(Connection& connection, Arguments words) {
+void command(CommandContext& context, Arguments words) {
     if (words.size() > 1 && isWord(words[1], "COUNT"))
-        connection.reply().integer(static_cast<Mox::S64>(keyCommands().size() + serverCommands().size() +
-                                                         operatorCommands().size()));
+        context.reply.integer(static_cast<Mox::S64>(keyCommands().size() + serverCommands().size() +
+                                                    operatorCommands().size()));
     else
-        connection.reply().array(0);
+        context.reply.array(0);
 }
 
 constexpr Command commands[] = {

@@ -15,9 +15,9 @@ Store::Store(Mox::Ptr<Kel::TaskScheduler> const& scheduler)
 }
 
 Store::Value* Store::find(std::string_view key) {
-    HashedKey const hashed(key);
-    Shard& shard = shardOf(hashed);
-    auto const at = shard.find(hashed);
+    KeyView const view = hashed(key);
+    Shard& shard = shardOf(view);
+    auto const at = shard.find(view);
     if (at == shard.end())
         return nullptr;
     if (isDue(at->second)) [[unlikely]] {
@@ -28,11 +28,11 @@ Store::Value* Store::find(std::string_view key) {
 }
 
 Store::Value& Store::set(std::string_view key, std::string_view text) {
-    HashedKey const hashed(key);
-    Shard& shard = shardOf(hashed);
-    auto at = shard.find(hashed);
+    KeyView const view = hashed(key);
+    Shard& shard = shardOf(view);
+    auto at = shard.find(view);
     if (at == shard.end()) {
-        at = shard.try_emplace(std::string(key)).first;
+        at = shard.try_emplace(Key{std::string(key), view.hash}).first;
         ++size_;
     }
     at->second.text = text;
@@ -41,9 +41,9 @@ Store::Value& Store::set(std::string_view key, std::string_view text) {
 }
 
 bool Store::erase(std::string_view key) {
-    HashedKey const hashed(key);
-    Shard& shard = shardOf(hashed);
-    auto const at = shard.find(hashed);
+    KeyView const view = hashed(key);
+    Shard& shard = shardOf(view);
+    auto const at = shard.find(view);
     if (at == shard.end())
         return false;
     bool const wasDue = isDue(at->second);
@@ -74,9 +74,9 @@ void Store::expiryDel(Value& value) {
 }
 
 void Store::expire(std::string_view key, Expiry const& expiry) {
-    HashedKey const hashed(key);
-    Shard& shard = shardOf(hashed);
-    auto const at = shard.find(hashed);
+    KeyView const view = hashed(key);
+    Shard& shard = shardOf(view);
+    auto const at = shard.find(view);
     if (at != shard.end() && at->second.expiry == &expiry)
         erase(shard, at);
 }

@@ -18,10 +18,10 @@ namespace KelKv {
 ///
 /// The table is cut into shards by the keys' hashes, each a small hash map. That bounds what one step costs:
 /// only a shard's few hundred keys move when it grows, so that no SET has to move a million, and only they
-/// are freed at a time. It also makes walking simple: a key never changes its shard, so a walk that visits
-/// shard after shard, each in one step, sees every key that is there throughout, and sees it once, whatever
-/// is written between its steps. It keeps nothing but the number of the shard where it goes on, and nobody
-/// has to tell it of a change.
+/// are freed at a time. It also makes walking simple: a key changes neither its shard nor its hash, so a walk
+/// that visits shard after shard, and in each the hashes in ascending ranges, each range in one step, sees
+/// every key that is there throughout, and sees it once, whatever is written between its steps. It keeps
+/// nothing but the shard and the hash where it goes on, and nobody has to tell it of a change.
 class Store {
   public:
     static constexpr std::size_t shards = 4096;
@@ -32,24 +32,22 @@ class Store {
         Mox::Seconds due = Mox::endOfTime; // the expiry's time, for those who walk a million keys
     };
 
-    /// A key to look for; its hash chooses the shard and the place in it.
-    struct HashedKey {
-        explicit HashedKey(std::string_view key) : text(key), hash(std::hash<std::string_view>{}(key)) {}
-        std::string_view text;
+    /// A key with its hash, which chooses the shard and the place in it, and is kept: neither a shard that
+    /// grows nor a walk that goes by hashes reads a long key again.
+    template <class Text> struct Hashed {
+        Text text;
         std::size_t hash;
     };
+    using Key = Hashed<std::string>;
     struct Hash {
         using is_transparent = void;
-        std::size_t operator()(HashedKey const& key) const { return key.hash; }
-        std::size_t operator()(std::string_view key) const { return HashedKey(key).hash; }
+        std::size_t operator()(auto const& key) const { return key.hash; }
     };
     struct Equal {
         using is_transparent = void;
-        bool operator()(std::string_view a, std::string_view b) const { return a == b; }
-        bool operator()(HashedKey const& a, std::string_view b) const { return a.text == b; }
-        bool operator()(std::string_view a, HashedKey const& b) const { return a == b.text; }
+        bool operator()(auto const& a, auto const& b) const { return a.hash == b.hash && a.text == b.text; }
     };
-    using Shard = boost::unordered_flat_map<std::string, Value, Hash, Equal>;
+    using Shard = boost::unordered_flat_map<Key, Value, Hash, Equal>;
 
     explicit Store(Mox::Ptr<Kel::TaskScheduler> const& scheduler);
 
@@ -74,7 +72,10 @@ class Store {
     Shard const& shard(std::size_t number) const { return table_[number]; }
 
   private:
-    Shard& shardOf(HashedKey const& key) { return table_[key.hash % shards]; }
+    using KeyView = Hashed<std::string_view>;
+
+    static KeyView hashed(std::string_view key) { return {key, std::hash<std::string_view>{}(key)}; }
+    Shard& shardOf(KeyView const& key) { return table_[key.hash % shards]; }
     void erase(Shard& shard, Shard::iterator at);
 
     // The expiries have a scheduler of their own, which is one task to the others, and one line in the

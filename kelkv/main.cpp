@@ -49,8 +49,8 @@ std::optional<Options> readOptions(std::span<char*> words) {
 /// SIGUSR1 prints what the scheduler measured, SIGINT and SIGTERM end the daemon.
 class Signals {
   public:
-    explicit Signals(KelKv::Daemon& daemon)
-        : daemon_(daemon), signals_(daemon.loop()->ioContext(), SIGUSR1, SIGINT, SIGTERM) {
+    Signals(Kel::EventLoop& loop, KelKv::Engine const& engine)
+        : loop_(loop), engine_(engine), signals_(loop.ioContext(), SIGUSR1, SIGINT, SIGTERM) {
         wait();
     }
 
@@ -60,13 +60,14 @@ class Signals {
             if (error)
                 return;
             if (signal != SIGUSR1)
-                return daemon_.loop()->stop();
-            std::cerr << daemon_.statistics() << daemon_.history() << std::flush;
+                return loop_.stop();
+            std::cerr << engine_.statistics() << engine_.history() << std::flush;
             wait();
         });
     }
 
-    KelKv::Daemon& daemon_;
+    Kel::EventLoop& loop_;
+    KelKv::Engine const& engine_;
     boost::asio::signal_set signals_;
 };
 
@@ -78,7 +79,7 @@ void serve(Options const& options) {
             http.emplace(options.httpAddress.value_or(boost::asio::ip::address_v4::loopback()),
                          *options.httpPort);
         KelKv::Daemon daemon(loop, options.port, options.operatorPort, http);
-        Signals const signals(daemon);
+        Signals const signals(*loop, daemon.engine());
         std::cout << "kelkv: port " << daemon.clients().number() << ", operator's port "
                   << daemon.operators().number() << std::endl;
         if (daemon.http())

@@ -1,10 +1,13 @@
 #include <kelkv/Daemon.h>
+#include <kelkv/RespConnection.h>
 
 #include <support/Python.h>
+#include <support/TraceLog.h>
 #include <support/VirtualTime.h>
 
-#include <boost/asio/ip/tcp.hpp>
 #include <gmock/gmock.h>
+
+#include <deque>
 
 namespace KelKv {
 
@@ -17,73 +20,67 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
-using Exchanges = std::initializer_list<std::pair<std::string, std::string>>;
 
-constexpr std::size_t turnsMax = 200000;
+constexpr int turnsMax = 200000;
 
 /// A client in the daemon's own thread: it turns the daemon's loop while it waits.
-class Client {
-  public:
-    Client(Kel::EventLoop& loop, auto const& port) : loop_(loop) {
-        socket_.connect({boost::asio::ip::address_v4::loopback(), port.number()});
-        socket_.non_blocking(true);
+struct Client {
+    Client(Kel::EventLoop& ofAll, Listener const& listener) : loop(ofAll) {
+        socket.connect({boost::asio::ip::address_v4::loopback(), listener.number()});
+        socket.non_blocking(true);
     }
-    void close() { socket_.close(); }
-    void sendNoMore() { socket_.shutdown(tcp::socket::shutdown_send); }
 
     /// As much as the daemon takes within so many turns.
-    std::size_t sendSome(std::string_view bytes, std::size_t turns) {
+    std::size_t send(std::string_view bytes, int turns = turnsMax) {
         std::size_t sent = 0;
         for (; turns > 0 && sent < bytes.size(); --turns) {
-            sent += socket_.write_some(boost::asio::buffer(bytes.substr(sent)), error_);
-            loop_.runOnce();
+            sent += socket.write_some(boost::asio::buffer(bytes.substr(sent)), error);
+            loop.runOnce();
         }
         return sent;
     }
-    void send(std::string_view bytes) { EXPECT_EQ(sendSome(bytes, turnsMax), bytes.size()); }
-
+    void sendNoMore() { socket.shutdown(tcp::socket::shutdown_send); }
     /// What comes until there are so many bytes, until the daemon closes, or within so many turns.
-    std::string receive(std::size_t size, std::size_t turns = turnsMax) {
-        for (; turns > 0 && received_.size() < size && error_ != boost::asio::error::eof; --turns) {
-            loop_.runOnce();
+    std::string receive(std::size_t size, int turns = turnsMax) {
+        for (; turns > 0 && received.size() < size && error != boost::asio::error::eof; --turns) {
+            loop.runOnce();
             char buffer[65536];
-            received_.append(buffer, socket_.read_some(boost::asio::buffer(buffer), error_));
+            received.append(buffer, socket.read_some(boost::asio::buffer(buffer), error));
         }
-        std::string const result = received_.substr(0, size);
-        received_.erase(0, size);
+        std::string const result = received.substr(0, size);
+        received.erase(0, size);
         return result;
     }
     std::string receiveAll() {
         std::string const all = receive(std::string::npos);
-        EXPECT_EQ(error_, boost::asio::error::eof);
+        EXPECT_EQ(error, boost::asio::error::eof);
         return all;
     }
-    std::string receiveBulk() {
+    std::string askAll(std::string_view request) {
+        send(request);
+        return receiveAll();
+    }
+    std::string askBulk(std::string_view request) {
+        send(request);
         std::string size;
         while (!size.ends_with("\r\n"))
             size += receive(1);
         return receive(std::stoul(size.substr(1)) + 2);
     }
     void expect(std::string_view request, std::string_view reply) {
-        SCOPED_TRACE(std::string(request.substr(0, 60)));
         send(request);
-        EXPECT_EQ(receive(reply.size()), reply);
-    }
-    void expectAll(Exchanges exchanges) {
-        for (auto const& [request, reply] : exchanges)
-            expect(request + "\r\n", reply + "\r\n");
+        EXPECT_EQ(receive(reply.size()), reply) << request.substr(0, 60);
     }
     void expectNothing() {
         EXPECT_EQ(receive(1, 50), "");
-        EXPECT_NE(error_, boost::asio::error::eof);
+        EXPECT_NE(error, boost::asio::error::eof);
     }
 
-  private:
-    Kel::EventLoop& loop_;
-    boost::asio::io_context ownContext_;
-    tcp::socket socket_{ownContext_};
-    std::string received_;
-    boost::system::error_code error_;
+    Kel::EventLoop& loop;
+    boost::asio::io_context ownContext;
+    tcp::socket socket{ownContext};
+    std::string received;
+    boost::system::error_code error;
 };
 
 struct DaemonTest : testing::Test {
@@ -93,9 +90,19 @@ struct DaemonTest : testing::Test {
     }
     void fill(int keys) {
         for (int i = 0; i < keys; ++i)
-            daemon->store().set("key" + std::to_string(i), "value");
+            engine().store.set("key" + std::to_string(i), "value");
     }
-    Mox::U32 runnableWalks() const { return daemon->background()->runnableTaskCount(Kel::TaskPriority::low); }
+    Engine& engine() { return daemon->engine(); }
+    Client operatorClient() { return Client(*loop, daemon->operators()); }
+    /// What an HTTP server answers before it closes its side.
+    std::string ask(std::string_view request, Listener const* http = nullptr) {
+        return Client(*loop, http ? *http : *daemon->http()).askAll(request);
+    }
+    std::string body(std::string const& path) {
+        std::string const answer = ask("GET " + path + " HTTP/1.1\r\nHost: localhost:80\r\n\r\n");
+        EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 OK\r\n"));
+        return answer.substr(answer.find("\r\n\r\n") + 4);
+    }
 
     TestSupport::VirtualTime time;
     Mox::Ptr<Kel::EventLoop> const loop = Kel::EventLoop::EventLoopIs();
@@ -103,56 +110,31 @@ struct DaemonTest : testing::Test {
     std::unique_ptr<Daemon> daemon = std::make_unique<Daemon>(loop, 0, 0, anyPort);
     Client client{*loop, daemon->clients()};
 };
+using HttpTest = DaemonTest;
+
+struct FailingConnection final : RespConnection {
+    using RespConnection::RespConnection;
+    void onTaskRun() override { throw std::runtime_error("no answer"); }
+};
 
 } // namespace
-
-TEST_F(DaemonTest, Answers) {
-    client.expectAll({
-        {"PING\r\nping hello\r\nECHO x", "+PONG\r\n$5\r\nhello\r\n$1\r\nx"},
-        {"*3\r\n$3\r\nSET\r\n$1\r\na\r\n$4\r\n1\r\n2\r\nGET a", "+OK\r\n$4\r\n1\r\n2"},
-        {"INCR a", "-ERR the value is no integer"},
-        {"INCR n\r\nINCR n", ":1\r\n:2"},
-        {"SET n 9223372036854775807\r\nINCR n", "+OK\r\n-ERR the value is at its maximum"},
-        {"MSET a 1 b", "-ERR a key without a value"},
-        {"MSET a 1 b 2\r\nMGET a c b", "+OK\r\n*3\r\n$1\r\n1\r\n$-1\r\n$1\r\n2"},
-        {"EXISTS a c b a\r\nDEL n b c\r\nDBSIZE", ":3\r\n:2\r\n:1"},
-        {"KEYS *\r\nKEYS b*\r\nDBSIZE EXACT", "*1\r\n$1\r\na\r\n*0\r\n:1"},
-        {"TTL a\r\nTTL c\r\nEXPIRE c 10", ":-1\r\n:-2\r\n:0"},
-        {"EXPIRE a 10\r\nPERSIST a\r\nPERSIST a", ":1\r\n:1\r\n:0"},
-        {"EXPIRE a x", "-ERR the time to live is no integer"},
-        {"SET a 1 EX 0", "-ERR the time to live is not positive"},
-        {"SET a 1 NX", "-ERR syntax error"},
-        {"SET a 1 PX 2000\r\nTTL a", "+OK\r\n:2"},
-        {"PEXPIRE a -1\r\nGET a\r\nFLUSHALL", ":1\r\n$-1\r\n+OK"},
-        {"CONFIG GET save\r\nCONFIG GET x", "*2\r\n$4\r\nsave\r\n$0\r\n\r\n*0"},
-        {"CLIENT SETINFO LIB-NAME x\r\nCOMMAND DOCS", "+OK\r\n*0"},
-        {"GET", "-ERR wrong number of arguments for 'GET'"},
-        {"NOSUCH x", "-ERR unknown command 'NOSUCH'"},
-        {"SCHED RESET", "-ERR SCHED is for the operator's port"},
-    });
-    client.send("INFO\r\nQUIT\r\nPING\r\n");
-    EXPECT_THAT(client.receiveAll(), AllOf(HasSubstr("# Server\r\n"), HasSubstr("connected_clients:1\r\n"),
-                                           HasSubstr("keys:0\r\n"), HasSubstr("TotalRunCount"),
-                                           EndsWith("\r\n+OK\r\n"))); // and nothing after QUIT
-    EXPECT_EQ(daemon->clients().connections(), 0u);
-}
 
 TEST_F(DaemonTest, PipelinedRequestsAreAnsweredInOrderAroundWalksThoughTheClientSendsNoMore) {
     fill(20000);
     Client other(*loop, daemon->clients());
     client.send("PING\r\nKEYS key1999?\r\nDBSIZE EXACT\r\nECHO end\r\nhalf a reque");
     client.sendNoMore();
-    other.expect("PING\r\n", "+PONG\r\n");
+    other.expect("INFO clients\r\n",
+                 "$55\r\n# Clients\r\nconnected_clients:2\r\nconnected_operators:0\r\n\r\n");
     EXPECT_THAT(client.receiveAll(),
                 AllOf(StartsWith("+PONG\r\n*10\r\n$8\r\nkey1999"), EndsWith("\r\n:20000\r\n$3\r\nend\r\n")));
-    EXPECT_EQ(daemon->root()->deadTaskStats("dbsize"), nullptr);
-    ASSERT_NE(daemon->background()->deadTaskStats("dbsize"), nullptr) << "walks are the group's tasks";
-    EXPECT_EQ(daemon->background()->deadTaskStats("dbsize")->taskWorkCount(), 20000u);
-    std::string const report = daemon->statistics();
-    std::size_t const ofGroup = report.find("\nTaskGroup;background\nPriority ");
-    EXPECT_THAT(report.substr(0, ofGroup),
-                AllOf(HasSubstr("\nTaskGroup;background "), Not(HasSubstr("\nkeys "))));
-    EXPECT_THAT(report.substr(ofGroup), HasSubstr("\nkeys "));
+    EXPECT_EQ(engine().root->deadTaskStats("dbsize"), nullptr);
+    ASSERT_NE(engine().background->deadTaskStats("dbsize"), nullptr) << "walks are the group's tasks";
+    EXPECT_EQ(engine().background->deadTaskStats("dbsize")->taskWorkCount(), 20000u);
+    EXPECT_THAT(engine().statistics(),
+                testing::ContainsRegex("\nTaskGroup;background (.*\n)*TaskGroup;background\n(.*\n)*keys "));
+    EXPECT_EQ(other.askAll("QUIT\r\nPING\r\n"), "+OK\r\n");
+    EXPECT_EQ(daemon->clients().connections(), 0u);
 }
 
 TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRunAndWalksMayBeUnderWayAtTheEnd) {
@@ -162,112 +144,90 @@ TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRunAndWalksMayBeUnderWayAtTheEnd) {
     second.send("KEYS *\r\n");
     for (int i = 0; i < 10; ++i)
         other.expect("GET key7\r\n", "$5\r\nvalue\r\n");
-    ASSERT_EQ(runnableWalks(), 2u) << "the GETs waited for a walk";
-    EXPECT_EQ(client.receive(9), "*300000\r\n");
+    EXPECT_EQ(engine().background->runnableTaskCount(Kel::TaskPriority::low), 2u)
+        << "of those that are there";
+    EXPECT_EQ(client.receive(9), "*300000\r\n"); // more than the sockets hold
+    client.socket.close();
+    for (int i = 0; i < 20; ++i)
+        other.expect("PING\r\n", "+PONG\r\n");
+    EXPECT_EQ(daemon->clients().connections(), 2u);
     second.send("DBSIZE EXACT\r\n");
-    Mox::Ptr<Kel::TaskGroup> const group = daemon->background();
+    Mox::Ptr<Kel::TaskGroup> const group = engine().background;
     daemon.reset();
-    client.receiveAll();
     second.receiveAll();
     EXPECT_EQ(group->references(), 1u) << "a walk still holds it";
 }
 
-TEST_F(DaemonTest, MalformedRequestClosesItsConnectionOnly) {
+TEST_F(DaemonTest, WhatIsWrongOrFailsEndsItsConnectionOnly) {
     Client half(*loop, daemon->clients());
     half.send("*2\r\n$3\r\nGET\r\n$5\r\nab");
-    client.send("PING\r\n*1\r\n$2000000\r\n");
-    EXPECT_EQ(client.receiveAll(), "+PONG\r\n-ERR Protocol error: the request is too large\r\n");
+    EXPECT_EQ(client.askAll("PING\r\n*1\r\n$2000000\r\nPING\r\n"),
+              "+PONG\r\n-ERR Protocol error: the request is too large\r\n");
     half.expect("cde\r\n", "$-1\r\n");
-}
-
-TEST_F(DaemonTest, ClientThatGoesAwayInMidReplyTakesItsWalkAlong) {
-    fill(300000); // more than the sockets hold
-    client.expect("KEYS *\r\n", "*300000\r\n");
-    client.close();
-    Client other(*loop, daemon->clients());
-    for (int i = 0; i < 20; ++i)
-        other.expect("PING\r\n", "+PONG\r\n");
-    EXPECT_EQ(daemon->clients().connections(), 1u);
-    EXPECT_NE(daemon->background()->deadTaskStats("keys"), nullptr);
+    TestSupport::TraceLog trace({0}, "Mox");
+    RespConnection::Role const role{"failing", Kel::TaskPriority::normal, false};
+    Listener failing(loop->ioContext(), anyPort, 1, [&](tcp::socket socket) {
+        return new FailingConnection(engine(), role, std::move(socket));
+    });
+    EXPECT_EQ(ask("PING\r\n", &failing), "");
+    EXPECT_THAT(trace.take(), HasSubstr("no answer"));
+    EXPECT_THROW(Daemon(loop, daemon->clients().number(), 0), boost::system::system_error);
 }
 
 TEST_F(DaemonTest, ClientThatDoesNotReadIsNotReadFrom) {
-    daemon->store().set("big", std::string(500000, 'v'));
-    std::size_t const replies = 100 * (9 + 500000 + 2);
+    engine().store.set("big", std::string(500000, 'v'));
     std::string gets, ping = "PING " + std::string(60000, 'p') + "\r\n";
     for (int i = 0; i < 100; ++i)
         gets += "GET big\r\n";
     client.send(gets);
     Client(*loop, daemon->clients()).expect("PING\r\n", "+PONG\r\n");
     int sent = 0;
-    while (sent < 1000 && client.sendSome(ping, 100) == ping.size())
+    while (sent < 1000 && client.send(ping, 100) == ping.size())
         ++sent;
     EXPECT_LT(sent, 500); // 30 MB, where the limit and the sockets' buffers hold far less
+    std::size_t const replies = 100 * (9 + 500000 + 2);
     EXPECT_EQ(client.receive(replies).size(), replies);
-    EXPECT_EQ(client.receiveBulk(), ping.substr(5));
+    EXPECT_EQ(client.askBulk(""), ping.substr(5));
 }
 
 TEST_F(DaemonTest, OperatorIsAnsweredWhileTheSchedulerIsSuspended) {
     client.expect("PING\r\n", "+PONG\r\n");
-    Client op(*loop, daemon->operators()), other(*loop, daemon->operators()),
-        silent(*loop, daemon->operators());
-    op.expect("ECHO x\r\nSCHED RESET\r\n", "$1\r\nx\r\n+OK\r\n");
-    op.expect("SCHED SET kelkv/suspended True\r\n", "+OK\r\n");
-    op.send("SCHED HISTORY\r\n");
-    EXPECT_THAT(op.receiveBulk(), AllOf(HasSubstr("schedulerSuspended"), HasSubstr("operator")));
-    op.send("SCHED TRACE\r\n");
-    EXPECT_THAT(TestSupport::python("export/check_trace.py", op.receiveBulk()),
+    Client op = operatorClient(), other = operatorClient(), silent = operatorClient();
+    op.expect("SCHED CALL kelkv/client resetStats\r\nSCHED SET kelkv/suspended True\r\n", "+OK\r\n+OK\r\n");
+    EXPECT_THAT(op.askBulk("SCHED HISTORY\r\n"),
+                AllOf(HasSubstr("schedulerSuspended"), HasSubstr("run end    N client")));
+    EXPECT_THAT(TestSupport::python("export/check_trace.py", op.askBulk("SCHED TRACE\r\n")),
                 Contains(HasSubstr(" kelkv normal: \"client\" for ")));
-
-    op.expectAll({{"*2\r\n$7\r\nCOMMAND\r\n$4\r\nDOCS", "*0"},
-                  {"CLIENT SETINFO LIB-NAME x\r\n\r\nHELLO 3", "+OK\r\n-ERR unknown command 'HELLO'"}});
-    other.send("PING\r\nQUIT\r\n");
-    EXPECT_EQ(other.receiveAll(), "+PONG\r\n+OK\r\n");
+    op.expect("*2\r\n$7\r\nCOMMAND\r\n$4\r\nDOCS\r\nCLIENT SETINFO LIB-NAME x\r\n\r\nHELLO 3\r\n",
+              "*0\r\n+OK\r\n-ERR unknown command 'HELLO'\r\n");
+    EXPECT_EQ(other.askAll("PING\r\nQUIT\r\nPING\r\n"), "+PONG\r\n+OK\r\n");
     silent.sendNoMore();
     EXPECT_EQ(silent.receiveAll(), "");
     EXPECT_EQ(daemon->operators().connections(), 1u);
-    op.send("ECHO waits\r\n");
+    op.send("ECHO waits\r\nPING\r\n");
     client.send("PING\r\n");
     op.expectNothing();
     client.expectNothing();
-    daemon->root()->suspendedIs(false);
-    EXPECT_EQ(op.receive(11), "$5\r\nwaits\r\n");
-    EXPECT_EQ(client.receive(7), "+PONG\r\n");
+    engine().root->suspendedIs(false);
+    op.expect("", "$5\r\nwaits\r\n+PONG\r\n");
+    client.expect("", "+PONG\r\n");
+    // A command may have the connection's own task run.
+    op.expect("SCHED CALL kelkv/operator taskRunFromTest\r\nSCHED SET kelkv/operator/taskRun 77\r\nPING\r\n",
+              "+OK\r\n+OK\r\n+PONG\r\n");
 }
 
-TEST_F(DaemonTest, OperatorSteersTheTree) {
-    Client op(*loop, daemon->operators());
-    std::string const key = Kel::TaskKey(reinterpret_cast<std::uintptr_t>(daemon->root().ptr())).toStrep();
-    client.expect("PING\r\n", "+PONG\r\n");
-    op.expectAll({
-        {"SCHED SET kelkv/client/taskQuantum 0.005", "+OK"},
-        {"SCHED GET kelkv/client/taskQuantum", "$5\r\n0.005"},
-        {"sched call kelkv/client resetStats", "+OK"},
-        {"SCHED CALL kelkv/client taskRunInc -1",
-         "-ERR Kel::Task::taskRunInc: '-1' is no Mox::U32: expected a number"},
-        {"SCHED GET kelkv/tasksPerPriority/'high'", "$1\r\n1"},
-        {"SCHED SET kelkv/tasksRegistered", "-ERR wrong number of arguments for 'SCHED SET'"},
-        {"SCHED LS nowhere", "-ERR no root 'nowhere', it is 'kelkv' " + key},
-        // A command may have the connection's own task run.
-        {"SCHED CALL kelkv/operator taskRunFromTest\r\nSCHED SET kelkv/operator/taskRun 77\r\nPING",
-         "+OK\r\n+OK\r\n+PONG"},
-    });
+TEST_F(DaemonTest, OneConnectionMoreThanAPortHasWaitsForItsPlace) {
+    std::deque<Client> ops;
+    while (ops.size() < 17)
+        ops.emplace_back(*loop, daemon->operators());
+    for (std::size_t i = 0; i < 16; ++i)
+        ops[i].expect("PING\r\n", "+PONG\r\n");
+    ops[16].send("PING\r\n");
+    ops[16].expectNothing();
+    ops[3].socket.close();
+    ops[16].expect("", "+PONG\r\n");
+    EXPECT_EQ(daemon->operators().connections(), 16u);
 }
-
-struct HttpTest : DaemonTest {
-    /// What the daemon answers before it closes its side.
-    std::string ask(std::string_view request) {
-        Client browser(*loop, *daemon->http());
-        browser.send(request);
-        return browser.receiveAll();
-    }
-    std::string body(std::string_view path) {
-        std::string const answer =
-            ask("GET " + std::string(path) + " HTTP/1.1\r\nHost: localhost:80\r\n\r\n");
-        EXPECT_THAT(answer, StartsWith("HTTP/1.1 200 OK\r\n"));
-        return answer.substr(answer.find("\r\n\r\n") + 4);
-    }
-};
 
 TEST_F(HttpTest, ServesThePageTheTraceAndTheMetrics) {
     EXPECT_THAT(body("/"), AllOf(StartsWith("<!doctype html>"), // which needs nothing from outside
@@ -278,43 +238,55 @@ TEST_F(HttpTest, ServesThePageTheTraceAndTheMetrics) {
                 Contains("dead_tasks_total kelkv normal = 2"));
 }
 
-TEST_F(HttpTest, ServesNothingButGet) {
-    for (std::string const method : {"POST", "HEAD", "NONSENSE"})
-        EXPECT_THAT(
-            ask(method + " /metrics HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc"),
-            AllOf(StartsWith("HTTP/1.1 405 "), HasSubstr("Allow: GET\r\n"), Not(HasSubstr("keltask"))));
-    EXPECT_THAT(ask("GET /etc/passwd HTTP/1.0\r\n\r\n"), StartsWith("HTTP/1.1 404 "));
-    for (std::string const junk : {"junk\r\n\r\n", "GET / HTTP/1.1\r\nX: "})
-        EXPECT_THAT(ask(junk + std::string(100000, 'x')), StartsWith("HTTP/1.1 400 "));
-    EXPECT_TRUE(ask("HEAD / HTTP/1.0\r\n\r\n").ends_with("\r\n\r\n"));
+TEST_F(HttpTest, ServesGetAloneAndOnLoopbackToWhoNamesThisHost) {
+    std::string const get = "GET / HTTP/1.1\r\nHost: ", junk(100000, 'x');
+    for (auto const& [request, status] : std::initializer_list<std::pair<std::string, char const*>>{
+             {get + "LOCALHOST:80\r\n\r\n", "200 "},
+             {get + "127.0.0.1:80\r\n\r\n", "200 "},
+             {get + "[::1]:80\r\n\r\n", "200 "},
+             {get + "elsewhere.example\r\n\r\n", "421 "},
+             {get + "localhost\r\nHost: localhost\r\n\r\n", "400 "},
+             {"GET / HTTP/1.1\r\n\r\n", "400 "},
+             {"GET / HTTP/1.0\r\n\r\n", "200 "},
+             {"GET /etc/passwd HTTP/1.0\r\n\r\n", "404 "},
+             {"POST /metrics HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc", "405 "},
+             {"NONSENSE /metrics HTTP/1.1\r\n\r\n", "405 "},
+             {"HEAD /metrics HTTP/1.0\r\n\r\n", "405 "},
+             {"junk\r\n\r\n" + junk, "400 "},
+             {"GET / HTTP/1.1\r\nX: " + junk, "400 "}}) {
+        std::string const answer = ask(request);
+        EXPECT_THAT(answer, StartsWith("HTTP/1.1 " + std::string(status))) << request.substr(0, 60);
+        EXPECT_EQ(answer.find("Allow: GET\r\n") != std::string::npos, answer.starts_with("HTTP/1.1 405"));
+        EXPECT_EQ(answer.ends_with("\r\n\r\n"), request.starts_with("HEAD"));
+    }
     EXPECT_TRUE(daemon->http()->endpoint().address().is_loopback());
 }
 
-TEST_F(HttpTest, OnLoopbackARequestNamesThisHost) {
-    for (char const* host : {"localhost", "LOCALHOST:80", "127.0.0.1:80", "[::1]:80"})
-        EXPECT_THAT(ask("GET / HTTP/1.1\r\nHost: " + std::string(host) + "\r\n\r\n"),
-                    StartsWith("HTTP/1.1 200 "));
-    EXPECT_THAT(ask("GET / HTTP/1.1\r\nHost: elsewhere.example\r\n\r\n"), StartsWith("HTTP/1.1 421 "));
-    EXPECT_THAT(ask("GET / HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 400 "));
-}
-
-TEST_F(HttpTest, AnswersOnceWhoeverRunsItsTaskAndWhileSuspended) {
-    Client op(*loop, daemon->operators()), browser(*loop, *daemon->http());
-    browser.send("GET /metrics HTTP/1.0\r\n");
-    op.expect("SCHED CALL kelkv/http scheduleTask\r\n", "+OK\r\n");
-    op.expect("SCHED SET kelkv/suspended True\r\n", "+OK\r\n");
-    browser.send("\r\n");
-    EXPECT_THAT(browser.receiveAll(), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("keltask_")));
-}
-
-TEST_F(HttpTest, ClientsThatGoAwayOrStayAtTheEndOfTheDaemonLeaveNothing) {
-    Client gone(*loop, *daemon->http()), half(*loop, *daemon->http());
+TEST_F(HttpTest, AnswersOnceWhoeverRunsItsTaskAndWhileSuspendedAndLeavesNothing) {
+    Client op = operatorClient(), browser(*loop, *daemon->http()), gone(*loop, *daemon->http());
     gone.send("GET /trace.json HTTP/1.0\r\n\r\n");
-    gone.close();
+    gone.socket.close();
+    browser.send("GET /metrics HTTP/1.0\r\n");
+    EXPECT_EQ(daemon->http()->connections(), 1u);
+    op.expect("SCHED CALL kelkv/http scheduleTask\r\nSCHED SET kelkv/suspended True\r\n", "+OK\r\n+OK\r\n");
+    EXPECT_THAT(browser.askAll("\r\n"), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("keltask_")));
+    Client half(*loop, *daemon->http());
     half.send("GET / HT");
-    EXPECT_THAT(body("/metrics"), HasSubstr("keltask_"));
     daemon.reset();
     EXPECT_EQ(half.receiveAll(), "");
+}
+
+TEST_F(HttpTest, ToldOfAnAnswerThatFailsInATaskOrAHandler) {
+    TestSupport::TraceLog trace({0}, "Mox");
+    HttpConnection::Page const page{"/", "", []() -> std::string { throw std::runtime_error("no page"); }};
+    Listener http(loop->ioContext(), anyPort, 1, [&](tcp::socket socket) {
+        return new HttpConnection(engine().root, {&page, 1}, std::move(socket));
+    });
+    for (bool const suspended : {false, true, false}) {
+        engine().root->suspendedIs(suspended);
+        EXPECT_THAT(ask("GET / HTTP/1.0\r\n\r\n", &http), StartsWith("HTTP/1.1 500 "));
+        EXPECT_THAT(trace.take(), HasSubstr("no page"));
+    }
 }
 
 } // namespace KelKv

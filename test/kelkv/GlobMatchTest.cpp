@@ -1,0 +1,80 @@
+#include <kelkv/GlobMatch.h>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+namespace KelKv {
+
+namespace {
+
+/// In slices of so many steps, and how many they were.
+std::pair<bool, std::size_t> inSlices(std::string_view pattern, std::string_view text, std::size_t budget) {
+    GlobMatch match(pattern, text);
+    for (std::size_t slices = 1;; ++slices)
+        if (auto const found = match.step(budget))
+            return {*found, slices};
+}
+
+// A pattern, texts that match it, those behind a "!" that do not; "~" is the empty one.
+char const* const rows = R"(~ ~ !a
+* ~ a ab
+a* a abc !~ !ba
+a*c ac abcc acbc !abcd !c
+a**b ab aab !a !abc
+*ab*ab* abab aabab xabxabx !aab !aba
+? a ? !~ !ab
+h?llo hello !hllo !heello
+*? a ab !~
+[abc] a b c !d !~ !ab
+[a-c]x ax bx cx !`x !dx !-x !a
+[c-a] a b c !d !-
+[a-)"
+                         "\xff] b \x80 \xff !A !`"
+                         R"(
+[^a-c] d ^ !a !b !c !~
+[a^] ^ a !b
+[a-] a - !b
+[\]-_] ] ^ _ !\ !-
+[a-\]] a ] _ !\ !b !-
+[ab a b ![ !c
+[ ![ !~
+[]x !] !x !]x
+[^]x ax !x !^
+*[0-9]z 9z a1z 11z !z !az !1
+\*\?\[ *?[ !a?[ !\*?[
+a\ a\ !a)";
+
+} // namespace
+
+TEST(GlobMatch, MatchesTheWholeTextInSlicesOfAnySize) {
+    std::istringstream lines(rows);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string pattern, text;
+        words >> pattern;
+        while (words >> text)
+            for (std::size_t const budget : {1u, 2u, 3u, 1000u}) {
+                bool const matches = text[0] != '!';
+                std::string const plain = text.substr(matches ? 0 : 1);
+                EXPECT_EQ(inSlices(pattern == "~" ? "" : pattern, plain == "~" ? "" : plain, budget).first,
+                          matches)
+                    << pattern << " on " << text;
+            }
+    }
+}
+
+TEST(GlobMatch, TakesNoLongerThanThePatternTimesTheText) {
+    std::string stars, set = "*[" + std::string(1000, 'a') + "]b";
+    for (int i = 0; i < 40; ++i)
+        stars += "a*";
+    for (std::string const& pattern : {stars + "b", set, "*" + stars + "b"}) {
+        auto const [matches, slices] = inSlices(pattern, std::string(200, 'a'), 1);
+        EXPECT_FALSE(matches);
+        EXPECT_LT(slices, (pattern.size() + 1) * 201) << pattern;
+    }
+    EXPECT_GT(inSlices(set, std::string(200, 'a'), 1000).second, 200u) << "a long set is one step";
+}
+
+} // namespace KelKv

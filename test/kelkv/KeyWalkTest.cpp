@@ -1,0 +1,166 @@
+#include "EngineTest.h"
+
+#include <kelkv/KeyWalk.h>
+#include <kelkv/Resp.h>
+
+#include <support/Random.h>
+#include <support/TaskReactors.h>
+#include <support/TraceLog.h>
+
+#include <cmath>
+#include <map>
+#include <set>
+
+namespace KelKv {
+
+namespace {
+
+/// A walk that takes one step a run, and its reply.
+struct Walked final : KeyWalk::Client {
+    Walked(EngineTest& on, std::optional<std::string> pattern)
+        : test(on), walk(new KeyWalk(on.engine.root, on.store, *this, std::move(pattern))) {
+        walk->task()->taskForceYieldInTestIs(true);
+    }
+    bool pieceIs(std::string&& piece) override {
+        reply += failing ? throw std::runtime_error("the client failed") : piece;
+        return reply.size() % 2 == 0;
+    }
+    void walkDone() override { end = "done"; }
+    void walkFailed() noexcept override { end = "failed"; }
+
+    /// How many runs it took; `change` is called between them.
+    std::size_t finish(std::function<void()> const& change = [] {}) {
+        std::size_t runs = 0;
+        for (; runs < 100000 && end.empty(); ++runs) {
+            change();
+            test.turn(1);
+            walk->handOver();
+        }
+        return runs;
+    }
+    std::multiset<std::string> keys() const {
+        RequestParser parser; // a reply of keys has the form of a request
+        EXPECT_EQ(parser.parse(reply), RequestParser::State::complete);
+        EXPECT_EQ(parser.size(), reply.size());
+        return {parser.arguments().begin(), parser.arguments().end()};
+    }
+
+    EngineTest& test;
+    std::string reply, end;
+    bool failing = false;
+    Mox::Ptr<KeyWalk> const walk;
+};
+
+using KeyWalkTest = EngineTest;
+using StoreTest = EngineTest;
+
+} // namespace
+
+// Keys crowd in a few shards. With longer patterns a step visits all of a shard, a part of it, less than a
+// key.
+TEST_F(KeyWalkTest, FindsWhatIsThereThroughoutOnceAndNothingThatNeverWas) {
+    TestSupport::Random random;
+    std::vector<std::string> names;
+    for (std::size_t i = 0; names.size() < 400; ++i) {
+        std::string const name = "k" + std::to_string(i) + std::string(i % 4 * 1000, 'x');
+        if (std::hash<std::string_view>{}(name) % Store::shards % 1024 == 0)
+            names.push_back(name);
+    }
+    std::set<std::string> model, throughout, ever;
+    auto const change = [&] {
+        std::string const& key = names[random.below(static_cast<Mox::U32>(names.size()))];
+        if (random.below(3) == 0) {
+            EXPECT_EQ(store.erase(key), model.erase(key) == 1);
+            throughout.erase(key);
+        } else {
+            store.set(key, key + "!");
+            model.insert(key);
+            ever.insert(key);
+        }
+    };
+    for (std::size_t const stars : {1u, 30u, 100u}) {
+        SCOPED_TRACE(stars);
+        for (int i = 0; i < 1000; ++i)
+            change();
+        throughout = ever = model;
+        Walked walked(*this, "k" + std::string(stars, '*'));
+        walked.finish([&, runs = 0]() mutable { ++runs % 64 == 0 ? change() : void(); });
+        auto const found = walked.keys();
+        EXPECT_GT(throughout.size(), 50u);
+        for (std::string const& key : throughout)
+            EXPECT_EQ(found.count(key), 1u) << key.substr(0, 10);
+        for (std::string const& key : found)
+            EXPECT_EQ(ever.count(key), 1u) << key.substr(0, 10);
+        EXPECT_EQ(store.size(), model.size());
+        for (std::string const& key : model)
+            EXPECT_EQ(store.find(key)->text, key + "!");
+    }
+}
+
+TEST_F(KeyWalkTest, NoStepIsLongHoweverLongKeyAndPatternAre) {
+    for (char const* key : {"one", "two", "three"})
+        store.set(key + std::string(20000, 'a'), "");
+    EXPECT_LT(Walked(*this, "three*").finish(), Store::shards + 10);
+    std::string const thousand(1000, 'a');
+    for (std::string const& pattern : std::vector{"*" + thousand + "b", "*[" + thousand + "]b"}) {
+        Walked walked(*this, pattern);
+        EXPECT_GT(walked.finish(), Store::shards + 2 * 20000 * 1000 / KeyWalk::stepCost);
+        EXPECT_EQ(walked.reply, "*0\r\n");
+    }
+}
+
+TEST_F(KeyWalkTest, EndsEarlyButWholeAfterAFlushAtOnceWhenCancelledAndWithItsClientsFailure) {
+    TestSupport::TraceLog trace({0}, "Mox");
+    fill(10000);
+    Walked counted(*this, std::nullopt), cancelled(*this, "*"), failed(*this, "*");
+    turn(20);
+    store.clear();
+    store.set("new", "");
+    cancelled.walk->cancel();
+    failed.failing = true;
+    counted.finish();
+    failed.finish();
+    EXPECT_EQ(counted.end, "done");
+    EXPECT_THAT(counted.reply, testing::StartsWith(":"));
+    EXPECT_LT(std::stoul(counted.reply.substr(1)), 1000u);
+    EXPECT_EQ(cancelled.reply + cancelled.end, "");
+    EXPECT_EQ(failed.end, "failed");
+    EXPECT_THAT(trace.take(), testing::HasSubstr("the client failed"));
+}
+
+TEST_F(StoreTest, KeyIsGoneWhenItsTimeHasComeUnlessItWasWrittenOrPersistedSince) {
+    for (char const* key : {"written", "persisted", "left", "found"})
+        store.expiryIs(key, store.set(key, "1"), 10.0);
+    store.expiryDel(*store.find("persisted"));
+    store.set("written", "2");
+    Mox::Seconds const due = store.find("found")->due;
+    EXPECT_TRUE(9.4 < due && due <= 10.0) << due;
+    time.clock->nowIs(std::nextafter(due, 0.0));
+    EXPECT_NE(store.find("found"), nullptr);
+    Walked walked(*this, "found");
+    time.clock->nowIs(due); // no task has run yet
+    for (std::size_t i = 0; i < 2 * Store::shards && walked.end.empty(); ++i)
+        walked.walk->onTaskRun();
+    EXPECT_EQ(walked.keys().size(), 0u);
+    EXPECT_EQ(store.find("found"), nullptr);
+    EXPECT_EQ(store.size(), 3u);
+    time.clock->nowIs(10.02);
+    turn(10);
+    EXPECT_EQ(store.size(), 2u);
+    EXPECT_NE(store.find("persisted"), nullptr);
+    EXPECT_EQ(store.find("written")->text, "2");
+}
+
+TEST_F(StoreTest, AFlushedKeyThatIsNotFreedYetDoesNotEraseItsSuccessor) {
+    auto const busy = Kel::Task::TaskIs(engine.root, Kel::TaskPriority::normal, "busy"); // nothing is freed
+    Mox::Ptr<TestSupport::OnRun> const reactor = new TestSupport::OnRun(busy, [&] { busy->scheduleTask(); });
+    busy->scheduleTask();
+    store.expiryIs("key", store.set("key", "1"), 1.0);
+    store.clear();
+    store.set("key", "2");
+    time.clock->nowIs(2.0);
+    turn(20);
+    EXPECT_NE(store.find("key"), nullptr);
+}
+
+} // namespace KelKv
