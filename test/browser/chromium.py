@@ -78,11 +78,7 @@ class Page:
         return json.loads(message)
 
     def _note(self, event):
-        method, params = event.get("method"), event.get("params", {})
-        if method == "Runtime.exceptionThrown":
-            details = params["exceptionDetails"]
-            self.errors.append(details.get("exception", {}).get("description", details["text"]))
-        elif method == "Runtime.consoleAPICalled" and params["type"] in ("error", "warning", "assert"):
-            self.errors.append(str([argument.get("value") for argument in params["args"]]))
-        elif method == "Log.entryAdded" and params["entry"]["level"] in ("error", "warning"):
-            self.errors.append(params["entry"]["text"])
+        params = event.get("params", {})
+        kind = params.get("entry", {}).get("level") or params.get("type")
+        if event.get("method") == "Runtime.exceptionThrown" or kind in ("error", "warning", "assert"):
+            self.errors.append(json.dumps(params))

@@ -4,6 +4,8 @@
 
 #include <boost/algorithm/string.hpp>
 
+#include <regex>
+
 namespace KelKv {
 
 namespace {
@@ -24,15 +26,10 @@ struct CommandsTest : EngineTest {
         return boost::trim_right_copy(reply);
     }
     /// Requests and their replies behind " > ", with two blanks or an end of a line between them.
-    void expect(std::string script) {
-        boost::replace_all(script, "  ", "\n");
-        std::istringstream lines(script);
-        for (std::string line; std::getline(lines, line);) {
-            boost::trim(line);
-            if (std::size_t const mark = line.find(" > "); mark != std::string::npos) {
-                EXPECT_EQ(ask(line.substr(0, mark)), line.substr(mark + 3)) << line;
-            }
-        }
+    void expect(std::string const& script) {
+        static std::regex const exchange("(\\S.*?) > (.*?)(?=  |\n|$)");
+        for (std::sregex_iterator at(script.begin(), script.end(), exchange), end; at != end; ++at)
+            EXPECT_EQ(ask((*at)[1].str()), (*at)[2].str()) << (*at)[0];
     }
     double number(std::string_view line) { return std::stod(ask(line).substr(1)); }
 

@@ -13,13 +13,8 @@ namespace KelKv {
 
 namespace {
 
+using namespace testing;
 using boost::asio::ip::tcp;
-using testing::AllOf;
-using testing::Contains;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
 
 constexpr int turnsMax = 200000;
 
@@ -62,9 +57,9 @@ struct Client {
     }
     std::string askBulk(std::string_view request) {
         send(request);
-        std::string size;
-        while (!size.ends_with("\r\n"))
-            size += receive(1);
+        std::string size = receive(1);
+        for (; !size.ends_with("\r\n"); size += receive(1)) {
+        }
         return receive(std::stoul(size.substr(1)) + 2);
     }
     void expect(std::string_view request, std::string_view reply) {
@@ -83,14 +78,21 @@ struct Client {
     boost::system::error_code error;
 };
 
-struct DaemonTest : testing::Test {
+struct DaemonTest : Test {
     void TearDown() override {
         daemon.reset();
         loop->runOnce();
     }
-    void fill(int keys) {
-        for (int i = 0; i < keys; ++i)
-            engine().store.set("key" + std::to_string(i), "value");
+    /// Returns the size of a reply with all keys.
+    std::size_t fill(std::size_t keys) {
+        std::string reply;
+        ReplyWriter(reply).array(keys);
+        for (std::size_t i = 0; i < keys; ++i) {
+            std::string const key = "key" + std::to_string(i);
+            engine().store.set(key, "value");
+            ReplyWriter(reply).bulk(key);
+        }
+        return reply.size();
     }
     Engine& engine() { return daemon->engine(); }
     Client operatorClient() { return Client(*loop, daemon->operators()); }
@@ -122,23 +124,26 @@ struct FailingConnection final : RespConnection {
 TEST_F(DaemonTest, PipelinedRequestsAreAnsweredInOrderAroundWalksThoughTheClientSendsNoMore) {
     fill(20000);
     Client other(*loop, daemon->clients());
-    client.send("PING\r\nKEYS key1999?\r\nDBSIZE EXACT\r\nECHO end\r\nhalf a reque");
+    std::string pings, pongs; // more than a quantum's
+    for (int i = 0; i < 10000; ++i)
+        pings += "PING\r\n", pongs += "+PONG\r\n";
+    client.send(pings + "KEYS key1999?\r\nDBSIZE EXACT\r\nECHO end\r\nhalf a reque");
     client.sendNoMore();
     other.expect("INFO clients\r\n",
                  "$55\r\n# Clients\r\nconnected_clients:2\r\nconnected_operators:0\r\n\r\n");
     EXPECT_THAT(client.receiveAll(),
-                AllOf(StartsWith("+PONG\r\n*10\r\n$8\r\nkey1999"), EndsWith("\r\n:20000\r\n$3\r\nend\r\n")));
+                AllOf(StartsWith(pongs + "*10\r\n$8\r\nkey1999"), EndsWith("\r\n:20000\r\n$3\r\nend\r\n")));
     EXPECT_EQ(engine().root->deadTaskStats("dbsize"), nullptr);
     ASSERT_NE(engine().background->deadTaskStats("dbsize"), nullptr) << "walks are the group's tasks";
     EXPECT_EQ(engine().background->deadTaskStats("dbsize")->taskWorkCount(), 20000u);
     EXPECT_THAT(engine().statistics(),
-                testing::ContainsRegex("\nTaskGroup;background (.*\n)*TaskGroup;background\n(.*\n)*keys "));
+                ContainsRegex("\nTaskGroup;background (.*\n)*TaskGroup;background\n(.*\n)*keys "));
     EXPECT_EQ(other.askAll("QUIT\r\nPING\r\n"), "+OK\r\n");
     EXPECT_EQ(daemon->clients().connections(), 0u);
 }
 
 TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRunAndWalksMayBeUnderWayAtTheEnd) {
-    fill(300000);
+    std::size_t const replySize = fill(300000); // more than the sockets hold
     Client second(*loop, daemon->clients()), other(*loop, daemon->clients());
     client.send("KEYS *\r\n");
     second.send("KEYS *\r\n");
@@ -146,11 +151,13 @@ TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRunAndWalksMayBeUnderWayAtTheEnd) {
         other.expect("GET key7\r\n", "$5\r\nvalue\r\n");
     EXPECT_EQ(engine().background->runnableTaskCount(Kel::TaskPriority::low), 2u)
         << "of those that are there";
-    EXPECT_EQ(client.receive(9), "*300000\r\n"); // more than the sockets hold
+    EXPECT_EQ(client.receive(9), "*300000\r\n");
     client.socket.close();
     for (int i = 0; i < 20; ++i)
         other.expect("PING\r\n", "+PONG\r\n");
     EXPECT_EQ(daemon->clients().connections(), 2u);
+    EXPECT_EQ(second.receive(replySize).size(), replySize);
+    second.expect("PING\r\n", "+PONG\r\n");
     second.send("DBSIZE EXACT\r\n");
     Mox::Ptr<Kel::TaskGroup> const group = engine().background;
     daemon.reset();
@@ -231,7 +238,7 @@ TEST_F(DaemonTest, OneConnectionMoreThanAPortHasWaitsForItsPlace) {
 
 TEST_F(HttpTest, ServesThePageTheTraceAndTheMetrics) {
     EXPECT_THAT(body("/"), AllOf(StartsWith("<!doctype html>"), // which needs nothing from outside
-                                 Not(testing::ContainsRegex("(src|href)=|https?:"))));
+                                 Not(ContainsRegex("(src|href)=|https?:"))));
     EXPECT_THAT(TestSupport::python("export/check_trace.py", body("/trace.json?x")),
                 Contains(HasSubstr(" kelkv normal: \"http\" for ")));
     EXPECT_THAT(TestSupport::python("export/check_metrics.py", body("/metrics")),
