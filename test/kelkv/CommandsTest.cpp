@@ -1,10 +1,7 @@
 #include "EngineTest.h"
+#include "Rows.h"
 
 #include <kelkv/Commands.h>
-
-#include <boost/algorithm/string.hpp>
-
-#include <regex>
 
 namespace KelKv {
 
@@ -27,9 +24,10 @@ struct CommandsTest : EngineTest {
     }
     /// Requests and their replies behind " > ", with two blanks or an end of a line between them.
     void expect(std::string const& script) {
-        static std::regex const exchange("(\\S.*?) > (.*?)(?=  |\n|$)");
-        for (std::sregex_iterator at(script.begin(), script.end(), exchange), end; at != end; ++at)
-            EXPECT_EQ(ask((*at)[1].str()), (*at)[2].str()) << (*at)[0];
+        for (std::string const& row : rowsOf(script)) {
+            std::size_t const mark = row.find(" > ");
+            EXPECT_EQ(ask(row.substr(0, mark)), row.substr(mark + 3)) << row;
+        }
     }
     double number(std::string_view line) { return std::stod(ask(line).substr(1)); }
 
