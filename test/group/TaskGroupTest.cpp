@@ -8,29 +8,19 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-using Kel::Task;
-using Kel::TaskGroup;
-using Kel::TaskGroupParentTask;
-using Kel::TaskPriority;
-using Kel::TaskScheduler;
-using Mox::Ptr;
-using Mox::Seconds;
-using Mox::U32;
+using namespace TestSupport;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using TestSupport::OnAnything;
-using TestSupport::OnRun;
 
 /// Groups of a root that is run by hand, with tasks that take their time and write their name down.
-struct TaskGroupTest : TestSupport::HandTreeTest {
-    Ptr<TaskGroup> group(Mox::String8 const& name, Ptr<TaskScheduler> const& parent) {
+struct TaskGroupTest : HandTreeTest {
+    Ptr<TaskGroup> group(String8 const& name, Ptr<TaskScheduler> const& parent) {
         return TaskGroup::TaskGroupIs(name, TaskPriority::normal, false, parent);
     }
     static Ptr<TaskGroupParentTask> parentOf(Ptr<TaskGroup> const& group) {
         return group->parentTask()->notifier();
     }
-    Ptr<TaskGroupParentTask> newParentOf(Ptr<TaskGroup> const& group, Mox::String8 const& name) {
+    Ptr<TaskGroupParentTask> newParentOf(Ptr<TaskGroup> const& group, String8 const& name) {
         return TaskGroupParentTask::TaskGroupParentTaskIs(root, TaskPriority::low, name, group.ptr());
     }
 
@@ -65,8 +55,8 @@ TEST_F(TaskGroupTest, IsOneTaskWhoseRunsAndEventsEncloseThoseOfItsTasks) {
     EXPECT_EQ(2u, root->runUntilIdle()) << "a run with work and an empty one";
     EXPECT_EQ(0.006, parentOf(g)->taskTotalRunTime());
     EXPECT_EQ(0u, g->moxAuditErrors(1));
-    auto const context = Kel::StringDumpContext::StringDumpContextIs();
-    auto const rootsContext = Kel::StringDumpContext::StringDumpContextIs();
+    auto const context = StringDumpContext::StringDumpContextIs();
+    auto const rootsContext = StringDumpContext::StringDumpContextIs();
     g->printHistory(context, 2);
     root->printHistory(rootsContext, 2);
     EXPECT_EQ(rootsContext->text(), context->text());
@@ -137,6 +127,8 @@ TEST_F(TaskGroupTest, DetachedInItsLoopRunsDryWhateverTheQuantum) {
     EXPECT_EQ("a b c d", run(1));
     EXPECT_FALSE(g->schedulerHasRunnableTasks());
     detached->taskRunFromTest();
+    detached->resetStats();
+    EXPECT_FALSE(g->resetStatsTask()) << "nobody would run its reset";
     EXPECT_EQ("a b c d", order);
     EXPECT_DEATH(work(g, "e"), HasSubstr("__null != parentTask_, source TaskGroup"));
 }
@@ -176,9 +168,8 @@ TEST_F(TaskGroupTest, EveryParentTaskThatNamesItIsToldWhenItGoes) {
     newParentOf(g, "gone");
     std::string told;
     Ptr<TaskGroupParentTask::NotifieeConst> const watches[] = {
-        Kel::onTaskGroup(attached, [&] { told += "attached "; }),
-        Kel::onTaskGroup(second, [&] { told += "second "; }),
-        Kel::onTaskGroup(moved, [&] { told += "moved "; })};
+        onTaskGroup(attached, [&] { told += "attached "; }), onTaskGroup(second, [&] { told += "second "; }),
+        onTaskGroup(moved, [&] { told += "moved "; })};
     for (int i = 0; i < 2; ++i)
         moved->taskGroupIs(other.ptr());
     g = nullptr;
@@ -212,7 +203,7 @@ enum class LetGo { everything, allButParentTasks, allButTasks, theRootFirst };
 
 /// A chain of groups with two tasks in the innermost and a reset of statistics under way, whose owner lets go
 /// once the work is queued, or at one of the callbacks that their tasks make.
-struct Scene : TestSupport::HandTree {
+struct Scene : HandTree {
     Scene(int levels, bool watchesBeforeGroups) {
         Ptr<TaskScheduler> scheduler = root;
         for (int level = 0; level < levels; ++level) {
@@ -227,8 +218,8 @@ struct Scene : TestSupport::HandTree {
             scheduler = group;
         }
         for (char const* name : {"a", "b"})
-            watch(tasks.emplace_back(Task::TaskIs(scheduler, TaskPriority::normal, name)));
-        runsOfFirst = Kel::onTaskRun(tasks[0], [this] { ++runs; });
+            watch(tasks.emplace_back(Mortal::MortalIs(scheduler, TaskPriority::normal, name)));
+        runsOfFirst = onTaskRun(tasks[0], [this] { ++runs; });
     }
     void watch(Ptr<Task> const& task) {
         watches.push_back(new OnAnything(task, [this](std::string_view) { releaseIfDue(); }));
@@ -259,7 +250,7 @@ struct Scene : TestSupport::HandTree {
     std::vector<Ptr<TaskGroupParentTask>> parents;
     std::vector<Ptr<Task>> tasks;
     std::vector<Ptr<OnAnything>> watches;
-    Kel::CallbackOn<Task> runsOfFirst;
+    CallbackOn<Task> runsOfFirst;
     int runs = 0;
     int releaseAt = 0;
     LetGo what = LetGo::everything;

@@ -18,17 +18,7 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-using Kel::Task;
-using Kel::TaskPriority;
-using Kel::TaskScheduler;
-using Kel::TimerTask;
-using Mox::endOfTime;
-using Mox::Ptr;
-using Mox::Seconds;
-using Mox::U32;
-using Mox::U64;
-using TestSupport::OnRun;
+using namespace TestSupport;
 
 struct Place {
     char const* name;
@@ -43,14 +33,14 @@ Place const places[] = {{"EventLoop", false, false},
 struct Stage {
     explicit Stage(Place const& place) {
         if (!place.isOnActivityManager)
-            loop = Kel::EventLoop::EventLoopIs();
+            loop = EventLoop::EventLoopIs();
         if (loop)
-            root = Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", loop);
+            root = TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", loop);
         else
-            root = Kel::TaskSchedulerMoxActivity::TaskSchedulerMoxActivityIs("root");
+            root = TaskSchedulerMoxActivity::TaskSchedulerMoxActivityIs("root");
         scheduler = root;
         if (place.isGroup)
-            scheduler = Kel::TaskGroup::TaskGroupIs("group", TaskPriority::normal, false, root);
+            scheduler = TaskGroup::TaskGroupIs("group", TaskPriority::normal, false, root);
     }
     /// The owner lets go of everything; only the loop stays.
     void release() {
@@ -67,13 +57,13 @@ struct Stage {
         }
     }
     void moveRoot() {
-        if (auto const onLoop = dynamic_cast<Kel::TaskSchedulerEventLoop*>(root.ptr()))
-            onLoop->clockIs(Kel::TimerEvent::TimerEventIs(loop));
+        if (auto const onLoop = dynamic_cast<TaskSchedulerEventLoop*>(root.ptr()))
+            onLoop->clockIs(TimerEvent::TimerEventIs(loop));
         else
-            dynamic_cast<Kel::TaskSchedulerMoxActivity&>(*root).clockIs(Mox::VirtualClock::VirtualClockIs());
+            dynamic_cast<TaskSchedulerMoxActivity&>(*root).clockIs(VirtualClock::VirtualClockIs());
     }
     Seconds nextDue() const { return loop ? loop->nextDue() : timers.manager->nextDue(); }
-    Mox::TurnLoop& turnLoop() const { return loop ? loop->turnLoop() : timers.manager->turnLoop(); }
+    TurnLoop& turnLoop() const { return loop ? loop->turnLoop() : timers.manager->turnLoop(); }
 
     // Tasks
 
@@ -82,7 +72,7 @@ struct Stage {
         auto const t = TimerTask::TimerTaskIs(scheduler, priority, name);
         workers.push_back(new OnRun(t, [this, name, then] {
             order += (order.empty() ? "" : " ") + name;
-            times.push_back(Mox::now());
+            times.push_back(now());
             if (then)
                 then();
         }));
@@ -108,10 +98,10 @@ struct Stage {
         times.clear();
         return std::exchange(order, "");
     }
-    TestSupport::ManualClock steady;
-    TestSupport::VirtualTime timers;
-    Ptr<Kel::EventLoop> loop; // null: the activity manager's own
-    Ptr<Kel::TaskSchedulerRoot> root;
+    ManualClock steady;
+    VirtualTime timers;
+    Ptr<EventLoop> loop; // null: the activity manager's own
+    Ptr<TaskSchedulerRoot> root;
     Ptr<TaskScheduler> scheduler;
     std::vector<Ptr<OnRun>> workers;
     std::string order;
@@ -234,6 +224,32 @@ TEST_P(BehaviourSuite, TasksKeepItGoingWhenItsOwnerHasLetGo) {
     EXPECT_EQ(endOfTime, nextDue());
 }
 
+Seconds firstTickNotBefore(Seconds due) {
+    Seconds tick = std::floor(due * 100.0) - 1.0;
+    while (tick * 0.01 < due)
+        ++tick;
+    return tick * 0.01;
+}
+
+TEST_P(BehaviourSuite, UnderVirtualTimeFarTimersKeepTheirTicksAndAllThatIsDueAtTheEndIsDone) {
+    timers.clock->autoAdvanceIs(true);
+    root->trimHistoryEnabledIs(false);
+    std::vector<Seconds> due;
+    for (Seconds const delay : {0.01, 86399.995, 86400.0, 1e6 + 0.003, 1e7}) {
+        due.push_back(firstTickNotBefore(delay));
+        task("far")->scheduleTaskDelay(delay);
+    }
+    auto const t = task("t");
+    Ptr<OnRun> const more = new OnRun(t, [&] { t->taskRun() < 1000 ? t->scheduleTask() : void(); });
+    t->scheduleTaskDelay(1e7);
+    turnLoop().runUntil(1e7 - 0.001, false);
+    EXPECT_EQ(std::vector(due.begin(), due.end() - 1), times);
+    turnLoop().runUntil(1e7, false);
+    EXPECT_EQ(1000u, t->taskRun()) << "many more than a loop takes at a time";
+    EXPECT_EQ(1e7, now());
+    EXPECT_EQ(std::vector(1001, 1e7), std::vector(times.begin() + 4, times.end()));
+}
+
 /// A suite of the same places whose cases have a stage each.
 class BehaviourAtTheEnd : public testing::TestWithParam<Place> {};
 INSTANTIATE_TEST_SUITE_P(At, BehaviourAtTheEnd, testing::ValuesIn(places), nameOf);
@@ -249,6 +265,14 @@ TEST_P(BehaviourAtTheEnd, NothingStaysInTheLoopWhereverItIsReleased) {
         {"with a run requested", [](Stage& s) { s.schedule("n1 n2"); }, ""},
         {"with a timer armed", [](Stage& s) { s.task("t")->scheduleTaskDelay(1.0); }, ""},
         {"suspended", [](Stage& s) { s.root->suspendedIs(true), s.schedule("n1"), s.turnUntilIdle(); }, ""},
+        {"switched off",
+         [](Stage& s) { s.schedule("n1"), s.root->hasNotificationActiveIs(false), s.turnUntilIdle(); }, ""},
+        {"a zombie",
+         [](Stage& s) {
+             s.root->moxDoZombieReactors(true), s.schedule("n1"), s.task("t")->scheduleTaskDelay(1.0),
+                 s.turnUntilIdle();
+         },
+         ""},
         {"with a reset requested", [](Stage& s) { s.scheduler->resetStats(); }, ""},
         {"with its second reset requested",
          [](Stage& s) { s.scheduler->resetStats(), s.turnUntilIdle(), s.scheduler->resetStats(); }, ""},
@@ -283,35 +307,28 @@ TEST_P(BehaviourAtTheEnd, NothingStaysInTheLoopWhereverItIsReleased) {
     }
 }
 
-Seconds firstTickNotBefore(Seconds due) {
-    Seconds tick = std::floor(due * 100.0) - 1.0;
-    while (tick * 0.01 < due)
-        ++tick;
-    return tick * 0.01;
-}
-
 /// A day of timer tasks that re-arm themselves, each with a period of its own; returns the order of their
 /// runs.
 std::string playADay(Place const& place) {
     Stage stage(place);
     stage.timers.clock->autoAdvanceIs(true);
-    std::vector<Ptr<TimerTask>> tasks(TestSupport::operations(200));
+    std::vector<Ptr<TimerTask>> tasks(operations(200));
     std::vector<Seconds> due(tasks.size());
     auto const arm = [&](std::size_t i) {
         Seconds const period = 30.0 + static_cast<Seconds>(i) * 1.7853;
-        due[i] = Mox::now() + period;
+        due[i] = now() + period;
         tasks[i]->scheduleTaskDelay(period);
     };
     for (std::size_t i = 0; i < tasks.size(); ++i) {
         auto const priority = TaskPriority::PriorityEnumInstance(static_cast<U32>(i % 5));
         tasks[i] = stage.task(std::to_string(i), priority, [&, i] {
-            EXPECT_EQ(firstTickNotBefore(due[i]), Mox::now()) << i;
+            EXPECT_EQ(firstTickNotBefore(due[i]), now()) << i;
             arm(i);
         });
         arm(i);
     }
     stage.turnLoop().runUntil(86400.0, false);
-    EXPECT_EQ(86400.0, Mox::now());
+    EXPECT_EQ(86400.0, now());
     EXPECT_GT(firstTickNotBefore(*std::ranges::min_element(due)), 86400.0) << "none is left out";
     return stage.takeOrder();
 }

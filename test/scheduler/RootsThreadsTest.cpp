@@ -9,24 +9,23 @@
 
 namespace {
 
-using namespace Kel;
-using TestSupport::OnRun;
+using namespace TestSupport;
 
 /// Everything that a tree does, on a thread of its own: runs, timers, statistics, history, reports, death.
-void useATree(std::string const& name, Mox::U32 runs) {
-    TestSupport::VirtualTime timers(true);
-    Mox::Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
+void useATree(std::string const& name, U32 runs) {
+    VirtualTime timers(true);
+    Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
     auto const root = TaskSchedulerEventLoop::TaskSchedulerEventLoopIs(name, loop);
     auto const worker = Task::TaskIs(root, TaskPriority::high, "worker");
     auto const timer = TimerTask::TimerTaskIs(root, TaskPriority::low, "timer");
-    Mox::Ptr<OnRun> const works = new OnRun(worker, [&] {
+    Ptr<OnRun> const works = new OnRun(worker, [&] {
         Task::TaskIs(root, TaskPriority::normal, "short")->scheduleTask();
         if (!worker->taskShouldYield())
             worker->taskWorkCountInc(1);
         if (worker->taskRun() < runs)
             worker->scheduleTask();
     });
-    Mox::Ptr<OnRun> const ticks = new OnRun(timer, [&] { timer->scheduleTaskJitterUp(0.5, 20); });
+    Ptr<OnRun> const ticks = new OnRun(timer, [&] { timer->scheduleTaskJitterUp(0.5, 20); });
     worker->scheduleTask();
     timer->scheduleTaskDelay(0.5);
     loop->runUntil(100.0); // the history is trimmed meanwhile
@@ -34,7 +33,7 @@ void useATree(std::string const& name, Mox::U32 runs) {
     EXPECT_GT(timer->taskRun(), 150u);
     EXPECT_EQ(runs, root->deadTasksPerPriority(TaskPriority::normal));
 
-    auto const sink = Kel::StringDumpContext::StringDumpContextIs();
+    auto const sink = StringDumpContext::StringDumpContextIs();
     root->printStats(sink, 0, true, true, true, true);
     EXPECT_NE(std::string::npos, sink->text().find("worker"));
     root->resetStats();

@@ -7,28 +7,21 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <deque>
 
 namespace {
 
-using namespace std::chrono_literals;
-using Event = Kel::TaskSchedulerHistory::Event;
-using EventType = Kel::TaskSchedulerEventType;
-using Kel::SchedulerName;
-using Kel::TaskPriority;
-using Kel::TaskRecord;
-using Kel::TaskSchedulerHistory;
-using Kel::TaskTimeStamp;
-using Mox::Ptr;
+using namespace TestSupport;
+using Event = TaskSchedulerHistory::Event;
+using EventType = TaskSchedulerEventType;
 using testing::HasSubstr;
 
-TaskTimeStamp at(TestSupport::ManualClock::Duration time) {
-    return TaskTimeStamp(Mox::Nanoseconds(time.count()));
-}
+TaskTimeStamp at(ManualClock::Duration time) { return TaskTimeStamp(Nanoseconds(time.count())); }
 
-struct TaskSchedulerHistoryTest : TestSupport::HandTreeTest {
-    std::string printed(Mox::U32 indent) {
-        auto const sink = Kel::StringDumpContext::StringDumpContextIs();
+struct TaskSchedulerHistoryTest : HandTreeTest {
+    std::string printed(U32 indent) {
+        auto const sink = StringDumpContext::StringDumpContextIs();
         root->printHistory(sink, indent);
         return sink->text();
     }
@@ -37,18 +30,18 @@ struct TaskSchedulerHistoryTest : TestSupport::HandTreeTest {
 TEST_F(TaskSchedulerHistoryTest, DisplaysEachTypeByItsLabelAndItsTaskWhereItTakesOne) {
     auto const t = task();
     std::string shown;
-    for (Mox::U8 type = 0; type < 18; ++type) {
+    for (U8 type = 0; type < 18; ++type) {
         auto const eventType = static_cast<EventType>(type);
         shown += Event({}, eventType).display() + "|\n";
         if (Event::eventNeedTask(eventType))
-            shown += Event({}, eventType, t.ptr()).display() + "|\n";
+            shown += Event({}, eventType, Ptr<Task const>(t)).display() + "|\n";
         else
-            EXPECT_DEATH(Event({}, eventType, t.ptr()),
+            EXPECT_DEATH(Event({}, eventType, Ptr<Task const>(t)),
                          HasSubstr("eventNeedTask( _eventType ), source TaskSchedulerHistory"));
     }
-    EXPECT_EQ(TestSupport::golden("scheduler/golden/history_labels.txt"), shown);
-    EXPECT_EQ("N t", Kel::historyEventDisplayTask(t));
-    EXPECT_EQ("", Kel::historyEventDisplayTask(nullptr));
+    EXPECT_EQ(golden("scheduler/golden/history_labels.txt"), shown);
+    EXPECT_EQ("N t", historyEventDisplayTask(t));
+    EXPECT_EQ("", historyEventDisplayTask(nullptr));
 
     auto const beyond = static_cast<EventType>(18);
     EXPECT_DEATH(
@@ -58,49 +51,70 @@ TEST_F(TaskSchedulerHistoryTest, DisplaysEachTypeByItsLabelAndItsTaskWhereItTake
                  HasSubstr("0 && \"unexpected eventType\", source TaskScheduler, function display"));
 }
 
-TEST(TaskSchedulerHistory, HoldsWhatADequeHoldsAndFreesWhatItShowsOfATaskWithTheEvent) {
-    TestSupport::Random random;
-    TestSupport::ManualClock steady;
+/// A random program on a history and on a deque. Only `read()` looks into the history, which turns its ring.
+struct HistoryProgram {
+    void insert() {
+        steady.advance(random.oneIn(100) ? -50ms : 1ms);
+        model.emplace_front(at(steady.now()), random.oneIn(10));
+        if (model[0].second)
+            history.insert({model[0].first, EventType::schedule,
+                            TaskRecord::TaskRecordIs("t", TaskPriority::normal, name)});
+        else if (random.oneIn(2))
+            history.insert({model[0].first, EventType::schedulerIdle});
+        else
+            history.insert(lvalue = Event(model[0].first, EventType::schedulerIdle));
+        records += model[0].second;
+        if (model.size() > TaskSchedulerHistory::capacity)
+            popOldest();
+    }
+    void popOldest() {
+        records -= model.back().second;
+        model.pop_back();
+    }
+    /// What is older than some event goes, which stays.
+    void trim() {
+        auto const age = model.empty() ? TaskTimeDuration(0) : at(steady.now()) - random.of(model).first;
+        std::size_t const before = model.size();
+        while (!model.empty() && model.back().first < at(steady.now()) - age)
+            popOldest();
+        ASSERT_EQ(before - model.size(), history.deleteOlderThan(age));
+    }
+    void clear() { history.clear(), model.clear(), records = 0; }
+    void fill() {
+        clear();
+        for (std::size_t left = TaskSchedulerHistory::capacity - 1 + random.below(3); left > 0; --left)
+            insert();
+    }
+    void read() {
+        ASSERT_TRUE(std::ranges::equal(history, model, {}, &Event::timeStamp,
+                                       &std::pair<TaskTimeStamp, bool>::first));
+    }
+    void step() {
+        std::size_t const operation = random.below(2'000);
+        random.doing(operation < 5 ? "fill, clear or trim" : operation < 9 ? "read" : "insert");
+        operation == 0   ? fill()
+        : operation == 1 ? clear()
+        : operation < 5  ? trim()
+        : operation < 9  ? read()
+                         : insert();
+        ASSERT_EQ(model.size(), history.size());
+        ASSERT_EQ(model.empty(), history.empty());
+        ASSERT_EQ(1 + records, name->use_count());
+    }
+
+    Random random;
+    ManualClock steady;
     TaskSchedulerHistory history;
     Ptr<SchedulerName const> const name = new SchedulerName("root"); // each record holds it
     std::deque<std::pair<TaskTimeStamp, bool>> model;                // newest first; whether it is of a task
     std::ptrdiff_t records = 0;
-    auto const popOldest = [&] {
-        records -= model.back().second;
-        model.pop_back();
-    };
-    std::size_t const steps = TestSupport::operations(1'000'000);
-    bool wasFull = false;
-    for (std::size_t step = 0; step < steps && !testing::Test::HasFailure(); ++step) {
-        steady.advance(random.oneIn(100) ? -50ms : 1ms);
-        if (random.oneIn(20'000)) {
-            auto const age = boost::chrono::milliseconds(static_cast<int>(random.below(12'000)));
-            std::size_t const before = model.size();
-            while (!model.empty() && model.back().first < at(steady.now()) - age)
-                popOldest();
-            ASSERT_EQ(before - model.size(), history.deleteOlderThan(age));
-        } else if (random.oneIn(100'000)) {
-            history.clear(), model.clear(), records = 0;
-        } else {
-            model.emplace_front(at(steady.now()), random.oneIn(10));
-            if (model[0].second)
-                history.insert({model[0].first, EventType::schedule,
-                                TaskRecord::TaskRecordIs("t", TaskPriority::normal, name)});
-            else
-                history.insert({model[0].first, EventType::schedulerIdle});
-            records += model[0].second;
-            if (model.size() > TaskSchedulerHistory::capacity)
-                popOldest();
-        }
-        wasFull = wasFull || model.size() == TaskSchedulerHistory::capacity;
-        ASSERT_EQ(model.size(), history.size());
-        ASSERT_EQ(1 + records, name->use_count());
-        if (!model.empty()) {
-            ASSERT_EQ(model.back().first, (history.end() - 1)->timeStamp());
-            ASSERT_EQ(model.front().first, history.begin()->timeStamp());
-        }
-    }
-    EXPECT_TRUE(wasFull);
+    Event lvalue{{}, EventType::schedulerIdle};
+};
+
+TEST(TaskSchedulerHistory, HoldsWhatADequeHoldsAndFreesWhatItShowsOfATaskWithTheEvent) {
+    HistoryProgram program;
+    for (std::size_t step = 0; step < operations(1'000'000) && !testing::Test::HasFailure(); ++step)
+        program.step();
 }
 
 TEST_F(TaskSchedulerHistoryTest, PrintsToTheLetter) {
@@ -112,14 +126,14 @@ TEST_F(TaskSchedulerHistoryTest, PrintsToTheLetter) {
     t->scheduleTask();
     t = nullptr; // dead tasks are shown as they were
     steady.advance(9ms + 999ns);
-    EXPECT_EQ(TestSupport::golden("scheduler/golden/history.txt"), printed(0));
-    EXPECT_EQ(TestSupport::golden("scheduler/golden/history_indent4.txt"), printed(4));
+    EXPECT_EQ(golden("scheduler/golden/history.txt"), printed(0));
+    EXPECT_EQ(golden("scheduler/golden/history_indent4.txt"), printed(4));
     root->clearHistory();
-    EXPECT_EQ(TestSupport::golden("scheduler/golden/history_empty.txt"), printed(0));
+    EXPECT_EQ(golden("scheduler/golden/history_empty.txt"), printed(0));
 }
 
 TEST_F(TaskSchedulerHistoryTest, IsTrimmedTenSecondsAfterTheRootWentIdle) {
-    TestSupport::TraceLog traces({8});
+    TraceLog traces({8});
     auto const t = task();
     auto const goIdle = [&] { t->scheduleTask(), root->runUntilIdle(); };
     goIdle();

@@ -6,25 +6,18 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <iomanip>
 #include <sstream>
+#include <utility>
 
 namespace {
 
-using namespace std::chrono_literals;
-using Kel::StringDumpContext;
-using Kel::Task;
-using Kel::TaskPriority;
-using Kel::TaskStat;
-using Mox::Ptr;
-using Mox::U32;
-using TestSupport::golden;
-using TestSupport::OnRun;
+using namespace TestSupport;
 
-TaskStat stat(Mox::String const& name, TaskPriority priority, U32 status, U32 runs, Mox::Seconds total,
-              Mox::U64 work) {
+TaskStat stat(String const& name, TaskPriority priority, U32 status, U32 runs, Seconds total, U64 work) {
     TaskStat result;
-    result.taskNameIs(name), result.taskKeyIs(Kel::TaskKey(0xbeef0 + name.size()));
+    result.taskNameIs(name), result.taskKeyIs(TaskKey(0xbeef0 + name.size()));
     result.taskPriorityIs(priority), result.taskStatusIs(TaskStat::TaskStatus(status));
     result.taskRunIs(runs), result.taskTotalRunTimeIs(total), result.taskWorkCountIs(work);
     result.taskQuantumViolation200Is(runs / 2), result.taskQuantumViolation500Is(runs / 3);
@@ -44,9 +37,9 @@ TEST(TaskSchedulerReport, PrintsItsTablesToTheLetter) {
         stat("x", TaskPriority::high, 0x01, 1, 0.25, 7),
         stat("yy", TaskPriority::absolute, 0x00, 3, 0.75, 0),
     };
-    Kel::TaskSchedulerQueueStats queues; // without an entry for low
+    TaskSchedulerQueueStats queues; // without an entry for low
     for (U32 p : {4u, 0u, 1u, 2u}) {
-        Kel::TaskSchedulerPriorityStats entry(TaskPriority::PriorityEnumInstance(p));
+        TaskSchedulerPriorityStats entry(TaskPriority::PriorityEnumInstance(p));
         entry.runnableTasksIs(p), entry.idleTasksIs(4294967295u - p), entry.deadTasksIs(p * 1000);
         entry.totalRunCountIs(10000000000u * p);
         queues.priorityIs(entry);
@@ -62,8 +55,8 @@ TEST(TaskSchedulerReport, PrintsItsTablesToTheLetter) {
     };
     for (auto const& c : cases) {
         auto const sink = StringDumpContext::StringDumpContextIs();
-        Kel::printStatsImpl(sink, c.indent, queues, 0.0123456, &live, c.leftOut, c.withDead ? &dead : nullptr,
-                            c.deadLeftOut, c.withAddresses);
+        printStatsImpl(sink, c.indent, queues, 0.0123456, &live, c.leftOut, c.withDead ? &dead : nullptr,
+                       c.deadLeftOut, c.withAddresses);
         EXPECT_EQ(golden("scheduler/golden/" + c.file), sink->text()) << c.file;
     }
 }
@@ -72,8 +65,9 @@ TEST(TaskSchedulerReport, PrintsNamesOfAnyLength) {
     std::string const longest = "%s" + std::string(9998, 'x');
     std::vector<TaskStat> live = {stat("", TaskPriority::low, 0, 0, 0.0, 0),
                                   stat(longest, TaskPriority::low, 0, 2, 1.0, 3)};
+    live[1].taskRunTimeHighWaterMarkIs(0.5009); // not rounded
     auto const sink = StringDumpContext::StringDumpContextIs();
-    Kel::taskSchedulerDisplay(sink, 0, &live, "Title", 0, false, false);
+    taskSchedulerDisplay(sink, 0, &live, "Title", 0, false, false);
     std::ostringstream expected;
     expected << std::left << std::setw(10000) << "Title"
              << " SP   RunCount      TotalSec  WorkCount Last/Max-Delay 200% 500% MaxMs\n"
@@ -83,10 +77,10 @@ TEST(TaskSchedulerReport, PrintsNamesOfAnyLength) {
     EXPECT_EQ(expected.str(), sink->text());
 }
 
-struct TaskSchedulerReportTest : TestSupport::HandTreeTest {
+struct TaskSchedulerReportTest : HandTreeTest {
     TaskSchedulerReportTest() { steady.nowIs(0ns); }
 
-    std::string print(Kel::TaskScheduler& scheduler, U32 indent, bool neverRun, bool dead, bool history) {
+    std::string print(TaskScheduler& scheduler, U32 indent, bool neverRun, bool dead, bool history) {
         auto const sink = StringDumpContext::StringDumpContextIs();
         scheduler.printStats(sink, indent, neverRun, dead, false, history);
         return sink->text();
@@ -94,12 +88,12 @@ struct TaskSchedulerReportTest : TestSupport::HandTreeTest {
 };
 
 TEST_F(TaskSchedulerReportTest, OfAnEmptySchedulerBelowTheRootIsItsHeadersAndLegend) {
-    Ptr<TestSupport::HandScheduler> const below = new TestSupport::HandScheduler("below", root.ptr());
+    Ptr<HandScheduler> const below = new HandScheduler("below", root.ptr());
     EXPECT_EQ(golden("scheduler/golden/report_below_root_indent3.txt"), print(*below, 3, true, false, true));
 }
 
 TEST_F(TaskSchedulerReportTest, OfARootShowsWhatItsTasksDid) {
-    root = TestSupport::HandRoot::HandRootIs(); // on the clock that starts at 0
+    root = HandRoot::HandRootIs(); // on the clock that starts at 0
     auto const worker = task("worker", TaskPriority::high);
     auto const timer = timerTask("timer", TaskPriority::low);
     auto const idle = task("idle");
@@ -124,6 +118,42 @@ TEST_F(TaskSchedulerReportTest, OfARootShowsWhatItsTasksDid) {
     worker->scheduleTask();
     steady.advance(2us);
     EXPECT_EQ(golden("scheduler/golden/report_root.txt"), print(*root, 0, false, true, true));
+}
+
+/// Calls the function with each line behind the first.
+class CallingSink : public DumpContext {
+  public:
+    explicit CallingSink(std::function<void()> call) : call_(std::move(call)) {}
+    mutable std::string text;
+
+  private:
+    void write(std::string_view line) const override {
+        if (!std::exchange(text, text + std::string(line)).empty())
+            call_();
+    }
+    std::function<void()> const call_;
+};
+
+TEST_F(TaskSchedulerReportTest, ShowsWhatWasWhateverItsSinkDoes) {
+    Ptr<Task> t;
+    std::function<void()> const acts[] = {
+        [] {},
+        [&] { task("another")->scheduleTask(), root->runUntilIdle(); },
+        [&] { root->clearHistory(), root->deadTaskStatsDelAll(), t = nullptr; },
+        [&] { root->resetStats(), root->runUntilIdle(); },
+        [&] { t = nullptr, root = nullptr; },
+    };
+    for (bool const history : {false, true}) {
+        std::string expected;
+        for (auto const& act : acts) {
+            root = HandRoot::HandRootIs();
+            t = task("t"), task("dead");
+            t->scheduleTask();
+            Ptr<CallingSink> const sink = new CallingSink(act);
+            history ? root->printHistory(sink, 0) : root->printStats(sink, 0, true, true, false, false);
+            EXPECT_EQ(expected.empty() ? expected = sink->text : expected, sink->text) << &act - acts;
+        }
+    }
 }
 
 } // namespace

@@ -1,22 +1,15 @@
 #include <support/HandRoot.h>
 #include <support/Random.h>
+#include <support/TaskReactors.h>
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <functional>
 
 namespace {
 
-using namespace std::chrono_literals;
-using Kel::Task;
-using Kel::TaskKey;
-using Kel::TaskPriority;
-using Kel::TaskSchedulerPriorityStats;
-using Kel::TaskSchedulerQueueStats;
-using Kel::TaskStat;
-using Mox::Ptr;
-using Mox::U32;
-using Mox::U64;
+using namespace TestSupport;
 using testing::HasSubstr;
 
 TaskSchedulerPriorityStats stats(TaskPriority priority, U32 runnable, U32 idle, U32 dead, U64 runs) {
@@ -47,22 +40,23 @@ TEST(TaskSchedulerQueueStats, AddsEntryByEntryToOnesThatAreThere) {
     EXPECT_EQ(nullptr, one.priority(TaskPriority::absolute));
 }
 
-struct TaskSchedulerStatsTest : TestSupport::HandTreeTest {
-    /// Notes each reset.
+struct TaskSchedulerStatsTest : HandTreeTest {
+    /// Notes each reset, which may end it.
     struct Noted : Task {
-        Noted(Ptr<Kel::TaskScheduler> const& scheduler, std::vector<TaskKey>& log)
-            : Task(scheduler, TaskPriority::low, "task"), resetsSoFar(log) {}
+        explicit Noted(TaskSchedulerStatsTest& t) : Task(t.root, TaskPriority::low, "task"), test(t) {}
         void resetStats() override {
-            resetsSoFar.push_back(taskKey());
+            test.resets.push_back(taskKey());
             Task::resetStats();
+            if (test.endsAtReset())
+                std::erase_if(test.tasks, [this](auto const& t) { return t == this; });
         }
-        std::vector<TaskKey>& resetsSoFar;
+        TaskSchedulerStatsTest& test;
     };
 
     /// Makes that many tasks, each with a run, which the reset pass is to forget.
     void makeTasks(int count) {
         for (tasks.clear(); count > 0; --count) {
-            tasks.push_back(new Noted(root, resets));
+            tasks.push_back(new Noted(*this));
             tasks.back()->hasNotificationActiveIs(true);
             tasks.back()->taskRunFromTest();
         }
@@ -82,6 +76,7 @@ struct TaskSchedulerStatsTest : TestSupport::HandTreeTest {
 
     std::vector<TaskKey> resets;
     std::vector<Ptr<Noted>> tasks;
+    std::function<bool()> endsAtReset = [] { return false; };
 };
 
 TEST_F(TaskSchedulerStatsTest, CountsRunnableAndIdleTasksAndFilesTheDeadByName) {
@@ -91,6 +86,14 @@ TEST_F(TaskSchedulerStatsTest, CountsRunnableAndIdleTasksAndFilesTheDeadByName) 
         t->taskRunFromTest();
     }
     task("never ran");
+    std::vector<TaskStat> live;
+    auto const wrapped = task("twin"), twin = task("twin");
+    Ptr<OnRun> const works = new OnRun(wrapped, [&] { steady.advance(1ms); });
+    wrapped->taskRunIs(~0u), wrapped->taskRunFromTest();
+    EXPECT_EQ(0u, wrapped->taskRun());
+    EXPECT_EQ(1u, root->getTaskStats(&live, false)) << "one that ran 2^32 times has run";
+    EXPECT_EQ(0u, root->getTaskStats(&live, true));
+    EXPECT_EQ(3u, live.size());
     TaskStat const& dead = *root->deadTaskStats("n");
     EXPECT_EQ(2u, dead.taskDeadCount());
     EXPECT_EQ(10u, dead.taskWorkCount());
@@ -128,7 +131,7 @@ TEST_F(TaskSchedulerStatsTest, ResetGoesOverTheTasksInMapOrderInRunsOfItsQuantum
             << "by the first run";
         EXPECT_LT(root->schedulerMaxSchedulerSlip(), 0.005);
         EXPECT_EQ(expected[forced ? 0 : 2], root->resetStatsTaskBookmark());
-        EXPECT_LT(root->runUntilIdle(), forced ? 13u : 7u);
+        EXPECT_LT(root->runUntilIdle(), forced ? 16u : 9u);
         EXPECT_EQ(0u, runsOfTasks());
         std::erase(expected, resetter->taskKey());
         resets.erase(std::unique(resets.begin(), resets.end()),
@@ -139,7 +142,8 @@ TEST_F(TaskSchedulerStatsTest, ResetGoesOverTheTasksInMapOrderInRunsOfItsQuantum
 }
 
 TEST_F(TaskSchedulerStatsTest, ResetReachesEveryTaskWhateverDiesAndComesMeanwhile) {
-    TestSupport::Random random;
+    Random random;
+    endsAtReset = [&] { return random.oneIn(4); };
     for (int round = 0; round < 50; ++round) {
         makeTasks(30);
         root->resetStats();
@@ -147,14 +151,16 @@ TEST_F(TaskSchedulerStatsTest, ResetReachesEveryTaskWhateverDiesAndComesMeanwhil
         std::vector<Ptr<Noted>> late;
         int runs = 0;
         for (; root->schedulerHasRunnableTasks() && runs < 200; ++runs) {
+            task("dead");
             root->handleSchedulerRun();
+            ASSERT_TRUE(runs > 0 || root->deadTaskStats().empty());
             TaskKey const bookmark = root->resetStatsTaskBookmark();
             if (random.oneIn(2)) // the bookmarked task dies
                 std::erase_if(tasks, [&](auto const& t) { return t->taskKey() == bookmark; });
             if (random.oneIn(4) && !tasks.empty())
                 tasks.erase(tasks.begin() + static_cast<std::ptrdiff_t>(random.below(tasks.size())));
             if (random.oneIn(4))
-                late.push_back(new Noted(root, resets));
+                late.push_back(new Noted(*this));
         }
         ASSERT_LT(runs, 200);
         ASSERT_EQ(0u, runsOfTasks());

@@ -7,20 +7,11 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-using Kel::Task;
-using Kel::TaskPriority;
-using Kel::TaskScheduler;
-using Kel::TaskSchedulerRoot;
-using Mox::Ptr;
+using namespace TestSupport;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using TestSupport::HandRoot;
-using TestSupport::HandScheduler;
-using TestSupport::OnRun;
-using TestSupport::refusal;
 
-struct TaskSchedulerTest : TestSupport::HandTreeTest {
+struct TaskSchedulerTest : HandTreeTest {
     Ptr<HandScheduler> below = new HandScheduler("below", root.ptr());
 };
 
@@ -29,7 +20,7 @@ TEST_F(TaskSchedulerTest, RunsOneTaskAPassAndAsksAgainUntilAPassFindsNone) {
     a->scheduleTask();
     b->scheduleTask();
     EXPECT_EQ(2u, root->takeRequests()) << "the root asks twice, when the first comes";
-    for (Mox::U32 const requests : {1u, 1u, 0u}) {
+    for (U32 const requests : {1u, 1u, 0u}) {
         EXPECT_TRUE(root->schedulerHasRunnableTasks());
         root->handleSchedulerRun();
         EXPECT_EQ(requests, root->takeRequests());
@@ -42,7 +33,7 @@ TEST_F(TaskSchedulerTest, RunsOneTaskAPassAndAsksAgainUntilAPassFindsNone) {
 }
 
 TEST_F(TaskSchedulerTest, SuspendedTreeRunsNothingAndIsAskedOnceWhenItGoesOn) {
-    TestSupport::TraceLog traces({8});
+    TraceLog traces({8});
     for (bool const suspended : {false, true, true}) // not suspended at first
         root->suspendedIs(suspended);
     EXPECT_THAT(root->takeHistory(), ElementsAre("schedulerSuspended"));
@@ -124,49 +115,104 @@ TEST_F(TaskSchedulerTest, ItsOwnTaskIsMadeOnceOrphanedWhenItIsDroppedAndKeepsNot
     }
 }
 
-TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLose) {
-    auto const a = task("a", TaskPriority::high), b = task("b", TaskPriority::low);
-    EXPECT_EQ(3u, root->tasksPerPriorityInc(TaskPriority::low, 2));
-    EXPECT_EQ(3u,
-              root->tasksPerPriorityDel(TaskPriority::low) + root->tasksPerPriorityDel(TaskPriority::low));
-    for (Mox::U32 const count : {3u, 6u}) // the second replaces the first
-        root->deadTasksPerPriorityIs(TaskPriority::low, count);
-    root->deadTasksPerPriorityInc(TaskPriority::high, 1);
-    auto dead = root->deadTasksPerPriority().begin();
-    EXPECT_EQ(7u, root->deadTasksPerPriorityDel(dead) + root->deadTasksPerPriorityDel(dead));
-    EXPECT_EQ(root->deadTasksPerPriority().end(), dead);
-
-    Kel::TaskStat stat;
-    for (Mox::U32 const runs : {3u, 4u}) {
-        stat.taskRunIs(runs);
-        root->deadTaskStatsIs("n", stat);
+/// Notes which entries of its collections change.
+struct Noting : TaskSchedulerRoot {
+    Noting() : TaskSchedulerRoot("noting") { trimHistoryEnabledIs(false); }
+    void requestSchedulerRun() override {}
+    void tasksRegisteredNotify(TaskKey const&) override { note("task"); }
+    void tasksPerPriorityNotify(TaskPriority p) override { note(p.toStrep()); }
+    void deadTasksPerPriorityNotify(TaskPriority p) override { note("dead " + p.toStrep()); }
+    void taskSchedulerNotify(TaskScheduler const*) override { note("scheduler"); }
+    void deadTaskStatsNotify(String8 name) override {
+        TaskStat const* const stat = deadTaskStats(name);
+        note(!stat ? "no " + name : stat->taskName() + std::to_string(stat->taskRun()));
     }
-    auto stats = root->deadTaskStats().begin();
-    EXPECT_EQ(stat, root->deadTaskStatsDel(stats));
-    EXPECT_EQ(Kel::TaskStat(), root->deadTaskStatsDel("n"));
+    // As an application may override them.
+    TaskStat deadTaskStatsInc(String8 name, TaskStat const& stat) override {
+        return TaskSchedulerRoot::deadTaskStatsInc(name, stat);
+    }
+    TaskStat deadTaskStatsDel(String8 name) override { return TaskSchedulerRoot::deadTaskStatsDel(name); }
+    using TaskSchedulerRoot::deadTaskStatsDel;
+    void deadTaskStatsIs(String8 name, TaskStat const& stat) override {
+        TaskSchedulerRoot::deadTaskStatsIs(name, stat);
+    }
+    Ptr<TimerTask> trimHistoryTaskIs(Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
+                                     String8 name) override {
+        return TaskSchedulerRoot::trimHistoryTaskIs(scheduler, priority, name);
+    }
+    void note(std::string const& what) { notes += (notes.empty() ? "" : ", ") + what; }
 
-    auto walk = root->tasksRegisteredIterator();
-    std::vector<Task*> const gone{root->tasksRegisteredDel(walk), root->tasksRegisteredDel(walk)};
-    EXPECT_THAT(gone, testing::UnorderedElementsAre(a.ptr(), b.ptr()));
-    EXPECT_EQ(nullptr, root->tasksRegisteredDel(walk));
-    root->tasksPerPriorityIs(TaskPriority::low, 1); // so that they can die
-    for (Task* t : gone)
-        root->newTasksRegistered(t);
-    EXPECT_THROW(root->tasksRegisteredIs(nullptr), Mox::RangeException);
+    std::string notes;
+};
 
-    root->taskSchedulerIs(below.ptr(), false);
-    EXPECT_FALSE(root->taskScheduler(below.ptr()));
-    root->registerScheduler(below.ptr());
-    auto schedulers = root->taskScheduler().begin();
-    EXPECT_TRUE(root->taskSchedulerDel(schedulers) && root->taskSchedulerDel(schedulers));
-    EXPECT_FALSE(root->taskSchedulerDel(below.ptr()));
+TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLoseAndNotifyOfWhatChanges) {
+    Ptr<Noting> const r = new Noting;
+    auto const a = Task::TaskIs(r, TaskPriority::high, "a"), b = Task::TaskIs(r, TaskPriority::low, "b");
+    constexpr auto high = TaskPriority::high, low = TaskPriority::low;
+    TaskStat stat;
+    auto const statOf = [&](U32 runs) -> TaskStat const& {
+        stat.taskNameIs("n"), stat.taskRunIs(runs);
+        return stat;
+    };
+    auto perPriority = r->tasksPerPriority().begin(), deadPerPriority = perPriority;
+    auto dead = r->deadTaskStats().begin();
+    auto walk = r->tasksRegisteredIterator();
+    auto schedulers = r->taskScheduler().begin();
+    auto const drop = [&](Task* task) { return task ? 1u : 0u; };
+    struct {
+        std::function<U64()> act;
+        U64 result;
+        char const* notes;
+    } const rows[] = {
+        {[&] { return r->tasksPerPriorityInc(low, 2); }, 3, "low"},
+        {[&] { return r->tasksPerPriorityInc(low, 0) + r->auditErrors(0); }, 4, ""}, // which are too many
+        {[&] { return r->tasksPerPriorityDec(low, 1); }, 2, "low"},
+        {[&] { return r->tasksPerPriorityIs(low, 2), 0; }, 0, ""},
+        {[&] { return r->tasksPerPriorityDel(low) + r->tasksPerPriorityDel(low); }, 2, "low"},
+        {[&] { return r->newTasksPerPriority(low, 5), 0; }, 0, "low"},
+        {[&] { return r->tasksPerPriorityDelAll(), r->tasksPerPriority().size(); }, 0, "high, low"},
+        {[&] { return r->deadTasksPerPriorityInc(low, 0); }, 0, "dead low"},
+        {[&] { return r->deadTasksPerPriorityIs(low, 6), r->deadTasksPerPriority(low); }, 6, "dead low"},
+        {[&] { return r->deadTasksPerPriorityIs(low, 6), r->deadTasksPerPriorityInc(low, 0); }, 6, ""},
+        {[&] { return r->deadTasksPerPriorityInc(high, 1); }, 1, "dead high"},
+        {[&] { return deadPerPriority = r->deadTasksPerPriority().begin(), 0; }, 0, ""},
+        {[&] {
+             return r->deadTasksPerPriorityDel(deadPerPriority) + r->deadTasksPerPriorityDel(deadPerPriority);
+         },
+         7, "dead high, dead low"},
+        {[&] { return r->deadTasksPerPriority().size(); }, 0, ""},
+        {[&] { return r->deadTaskStatsIs("n", statOf(3)), r->deadTaskStatsIs("n", statOf(3)), 0; }, 0, "n3"},
+        {[&] { return r->deadTaskStatsInc("n", statOf(4)).taskRun(); }, 7, ""},
+        {[&] { return r->deadTaskStats("n")->taskRun(); }, 7, ""},
+        {[&] { return dead = r->deadTaskStats().begin(), r->deadTaskStatsDel(dead).taskRun(); }, 7, "no n"},
+        {[&] { return dead == r->deadTaskStats().end(); }, 1, ""},
+        {[&] { return r->deadTaskStatsDel("n").taskRun() + (r->deadTaskStatsDelAll(), 0); }, 0, ""},
+        {[&] { return r->deadTaskStatsInc("n", statOf(8)).taskDeadCount(); }, 1, "0"}, // a default one first
+        {[&] { return r->tasksRegisteredIs(a.ptr()), r->tasksRegistered().size(); }, 2, ""}, // again
+        {[&] { return walk = r->tasksRegisteredIterator(), drop(r->tasksRegisteredDel(walk)); }, 1, "task"},
+        {[&] { return drop(r->tasksRegisteredDel(walk)) + drop(r->tasksRegisteredDel(walk)); }, 1, "task"},
+        {[&] { return r->newTasksRegistered(a.ptr()), r->newTasksRegistered(b.ptr()), 0; }, 0, "task, task"},
+        {[&] { return r->registerScheduler(r.ptr()), r->taskSchedulerIs(r.ptr(), true), 0; }, 0, ""},
+        {[&] { return r->taskSchedulerIs(r.ptr(), false), r->taskScheduler(r.ptr()); }, 0, "scheduler"},
+        {[&] { return r->taskSchedulerDel(r.ptr()), r->taskSchedulerDel(r.ptr()); }, 0, "scheduler"},
+        {[&] { return r->registerScheduler(r.ptr()), r->taskScheduler(r.ptr()); }, 1, "scheduler"},
+        {[&] { return schedulers = r->taskScheduler().begin(), r->taskSchedulerDel(schedulers); }, 1,
+         "scheduler"},
+        {[&] { return r->tasksPerPriorityIs(high, 1), r->tasksPerPriorityIs(low, 1), 0; }, 0, "high, low"},
+    };
+    for (auto const& row : rows) {
+        r->notes.clear();
+        EXPECT_EQ(row.result, row.act()) << &row - rows;
+        EXPECT_EQ(row.notes, r->notes) << &row - rows;
+    }
+    EXPECT_THROW(r->tasksRegisteredIs(nullptr), RangeException);
 }
 
 /// A scheduler whose registry gives back another task than the one asked for.
 struct Confused : HandScheduler {
     using HandScheduler::HandScheduler;
     using HandScheduler::tasksRegisteredDel;
-    Task* tasksRegisteredDel(Kel::TaskKey const&) override { return nullptr; }
+    Task* tasksRegisteredDel(TaskKey const&) override { return nullptr; }
 };
 
 TEST_F(TaskSchedulerTest, WhatIsMissingEndsTheProcess) {
@@ -174,7 +220,7 @@ TEST_F(TaskSchedulerTest, WhatIsMissingEndsTheProcess) {
     auto const bare = TaskSchedulerRoot::TaskSchedulerRootIs("bare");
     auto const rootless = TaskScheduler::TaskSchedulerIs("rootless", nullptr);
     Ptr<Confused> const confused = new Confused("confused", root.ptr());
-    auto const sink = Kel::StringDumpContext::StringDumpContextIs();
+    auto const sink = StringDumpContext::StringDumpContextIs();
     char const* const derive =
         "0 && \"Must be implemented by derived class\", source TaskScheduler, function request";
     struct {

@@ -1,5 +1,7 @@
 #include <support/Random.h>
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -11,6 +13,18 @@ Random::Random() {
     std::printf("KELTASK_TEST_SEED=%llu\n", static_cast<unsigned long long>(seed));
     std::fflush(stdout); // before whatever goes wrong
     generator_.seed(seed);
+}
+
+Random::~Random() {
+    if (testing::Test::HasFailure())
+        for (auto const& [operation, with] : latest_)
+            std::printf("did %s %g\n", operation.c_str(), with);
+}
+
+void Random::doing(std::string const& operation, double with) {
+    if (latest_.size() == 20)
+        latest_.pop_front();
+    latest_.emplace_back(operation, with);
 }
 
 } // namespace TestSupport

@@ -2,15 +2,19 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <random>
+#include <string>
+#include <utility>
 
 namespace TestSupport {
 
 /// Random numbers from a seed that is printed: a new one each time, or KELTASK_TEST_SEED of the environment,
-/// to see a failure again.
+/// to see a failure again. What the random program did last is printed at the end of a test that fails.
 class Random {
   public:
     Random();
+    ~Random();
 
     /// 0 to limit - 1.
     std::size_t below(std::size_t limit) { return static_cast<std::size_t>(generator_() % limit); }
@@ -21,9 +25,14 @@ class Random {
     double between(double least, double limit) {
         return std::uniform_real_distribution<double>(least, limit)(generator_);
     }
+    template <class Range> auto& of(Range& range) { return range[below(std::size(range))]; }
+
+    /// Notes an operation of the program, and what it is done with.
+    void doing(std::string const& operation, double with = 0);
 
   private:
     std::mt19937_64 generator_;
+    std::deque<std::pair<std::string, double>> latest_;
 };
 
 /// How many operations a random program makes: a tenth of those asked for under a sanitizer.

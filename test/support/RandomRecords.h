@@ -21,15 +21,14 @@ class RandomRecords {
         constexpr std::string_view awkward("'\"\\\n\r\t\0\x7f\x80\xff{}:,xn", 17);
         std::string bytes;
         for (std::size_t left = random_.below(12); left > 0; --left)
-            bytes += random_.oneIn(2) ? awkward[random_.below(awkward.size())]
-                                      : static_cast<char>(random_.below(256));
+            bytes += random_.oneIn(2) ? random_.of(awkward) : static_cast<char>(random_.below(256));
         return bytes;
     }
 
     template <class T> T number() {
         constexpr T least = std::numeric_limits<T>::min(), greatest = std::numeric_limits<T>::max();
         std::array<T, 4> const ends{0, 1, least, greatest};
-        return random_.oneIn(2) ? ends[random_.below(ends.size())] : static_cast<T>(random_.word());
+        return random_.oneIn(2) ? random_.of(ends) : static_cast<T>(random_.word());
     }
 
     double seconds() {
@@ -38,7 +37,7 @@ class RandomRecords {
             0.0, -0.0, Limits::infinity(), -Limits::infinity(), Limits::denorm_min(), Limits::max(),
             0.1, 1e22};
         double const any = std::bit_cast<double>(random_.word());
-        return random_.oneIn(3) || std::isnan(any) ? ends[random_.below(ends.size())] : any;
+        return random_.oneIn(3) || std::isnan(any) ? random_.of(ends) : any;
     }
 
     /// In half the cases outside the enumeration.
@@ -48,34 +47,23 @@ class RandomRecords {
         return Kel::TaskPriority::PriorityEnumInstance(number);
     }
 
-    Kel::TaskStat taskStat() {
-        Kel::TaskStat stat;
-        stat.taskNameIs(name());
-        stat.taskKeyIs(Kel::TaskKey(number<Mox::U64>()));
-        stat.taskPriorityIs(priority());
-        stat.taskRunIs(number<Mox::U32>());
-        stat.taskTotalRunTimeIs(seconds());
-        stat.taskWorkCountIs(number<Mox::U64>());
-        stat.taskQuantumViolation500Is(number<Mox::U32>());
-        stat.taskQuantumViolation200Is(number<Mox::U32>());
-        stat.taskRunTimeHighWaterMarkIs(seconds());
-        stat.taskLastSchedulingLatencyIs(seconds());
-        stat.taskSchedulingLatencyHighWaterMarkIs(seconds());
-        stat.taskDeadCountIs(number<Mox::U32>());
-        stat.taskStatusIs(Kel::TaskStat::TaskStatus(static_cast<Mox::U32>(random_.below(32))));
-        return stat;
-    }
-
-    Kel::TaskSchedulerPriorityStats priorityStats() {
-        Kel::TaskSchedulerPriorityStats stats(priority());
-        stats.runnableTasksIs(number<Mox::U32>());
-        stats.idleTasksIs(number<Mox::U32>());
-        stats.deadTasksIs(number<Mox::U32>());
-        stats.totalRunCountIs(number<Mox::U64>());
-        return stats;
-    }
+    Kel::TaskStat taskStat() { return record<Kel::TaskStat>(); }
+    Kel::TaskSchedulerPriorityStats priorityStats() { return record<Kel::TaskSchedulerPriorityStats>(); }
 
   private:
+    template <class T> T record() {
+        T result;
+        boost::mp11::mp_for_each<Mox::FieldsOf<T>>([&](auto field) { fill(result.*field.pointer); });
+        return result;
+    }
+    void fill(Mox::String& field) { field = name(); }
+    void fill(double& field) { field = seconds(); }
+    void fill(Mox::U32& field) { field = number<Mox::U32>(); }
+    void fill(Mox::U64& field) { field = number<Mox::U64>(); }
+    void fill(Kel::TaskKey& field) { field = Kel::TaskKey(number<Mox::U64>()); }
+    void fill(Kel::TaskPriority& field) { field = priority(); }
+    void fill(Kel::TaskStat::TaskStatus& field) { field.valueIs(static_cast<Mox::U32>(random_.below(32))); }
+
     Random random_;
 };
 

@@ -1,35 +1,26 @@
 #pragma once
 
+#include <mox/detail/FunctionReactor.h>
+#include <support/Names.h>
 #include <task/TimerTask.h>
 
-#include <functional>
 #include <string_view>
 
 namespace TestSupport {
 
 /// Calls a function when its task runs; the function may destroy it.
-class OnRun : public Kel::Task::Notifiee {
-  public:
-    OnRun(Mox::Ptr<Kel::Task const> const& task, std::function<void()> call) : call_(std::move(call)) {
-        notifierIs(task);
-    }
-    void onTaskRun() override {
-        auto const call = call_;
-        call();
-    }
-
-  private:
-    std::function<void()> const call_;
+struct OnRun : FunctionReactor<Task::Notifiee> {
+    OnRun(Ptr<Task const> const& task, std::function<void()> call)
+        : FunctionReactor(task, taskRunChanged, std::move(call)) {}
+    void onTaskRun() override { call(); }
 };
 
 /// Calls a function with the name of each callback that it gets; the function may destroy it.
-class OnAnything : public Kel::Task::Notifiee {
+class OnAnything : public Task::Notifiee {
   public:
     using Call = std::function<void(std::string_view)>;
 
-    OnAnything(Mox::Ptr<Kel::Task const> const& task, Call call) : call_(std::move(call)) {
-        notifierIs(task);
-    }
+    OnAnything(Ptr<Task const> const& task, Call call) : call_(std::move(call)) { notifierIs(task); }
     void onTaskBusy() override { tell("onTaskBusy"); }
     void onTaskSuspendedForTest() override { tell("onTaskSuspendedForTest"); }
     void onTaskForceYieldInTest() override { tell("onTaskForceYieldInTest"); }
@@ -40,10 +31,7 @@ class OnAnything : public Kel::Task::Notifiee {
     void onTaskCurrentlyRunning() override { tell("onTaskCurrentlyRunning"); }
 
   private:
-    void tell(std::string_view callback) {
-        auto const call = call_;
-        call(callback);
-    }
+    void tell(std::string_view callback) { Call{call_}(callback); }
     Call const call_;
 };
 

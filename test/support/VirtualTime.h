@@ -2,6 +2,7 @@
 
 #include <mox/ActivityManager.h>
 #include <mox/VirtualClock.h>
+#include <support/Names.h>
 
 namespace TestSupport {
 
@@ -16,8 +17,8 @@ class VirtualTime {
     VirtualTime(VirtualTime const&) = delete;
     VirtualTime& operator=(VirtualTime const&) = delete;
 
-    Mox::Ptr<Mox::ActivityManager> const manager = Mox::activityManager();
-    Mox::Ptr<Mox::VirtualClock> const clock = Mox::VirtualClock::VirtualClockIs();
+    Ptr<ActivityManager> const manager = activityManager();
+    Ptr<VirtualClock> const clock = VirtualClock::VirtualClockIs();
 };
 
 } // namespace TestSupport

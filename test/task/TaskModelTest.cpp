@@ -1,6 +1,8 @@
+#include <group/TaskGroupParentTask.h>
 #include <task/TimerTask.h>
 
 #include <support/HandRoot.h>
+#include <support/Play.h>
 #include <support/Random.h>
 #include <support/TaskReactors.h>
 
@@ -11,24 +13,27 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-using Mox::endOfTime;
-using Mox::Ptr;
-using Mox::Seconds;
-using TestSupport::OnAnything;
-using Duration = TestSupport::ManualClock::Duration;
+using namespace TestSupport;
+using Duration = ManualClock::Duration;
 
 constexpr Seconds most = std::numeric_limits<Seconds>::max();
 
-Seconds secondsOf(Duration duration) { return Mox::toSeconds(Mox::Nanoseconds(duration.count())); }
+Seconds secondsOf(Duration duration) { return toSeconds(Nanoseconds(duration.count())); }
 
-/// A random program of operations on a timer task, in its runs too, beside a slow and obvious model: whether
-/// the task is queued and when its timer expires decide all. It is over when a callback has let the task go.
-class TaskProgram : TestSupport::HandTree {
+enum class Kind { task, parentTask, timerTask };
+
+/// A program of operations on a task, in its runs too, beside a slow and obvious model: whether the task is
+/// queued and when its timer expires decide all. Random ones are over when a callback has let the task go.
+class TaskProgram : HandTree {
   public:
-    explicit TaskProgram(TestSupport::Random& random) : random_(random) {
+    explicit TaskProgram(Kind kind, Random* random = nullptr) : random_(random) {
         timers.clock->nowIs(100.0);
-        task_ = timerTask();
+        if (kind == Kind::timerTask)
+            task_ = timer_ = timerTask();
+        else if (kind == Kind::parentTask)
+            task_ = TaskGroupParentTask::TaskGroupParentTaskIs(root, TaskPriority::normal, "t", nullptr);
+        else
+            task_ = task();
         record_ = task_->taskRecord();
         first_ = new OnAnything(task_, [this](std::string_view callback) { hear(callback); });
         second_ = new OnAnything(task_, [this](std::string_view) { ASSERT_TRUE(task_); });
@@ -38,52 +43,68 @@ class TaskProgram : TestSupport::HandTree {
 
     void step() {
         change();
-        if (isOver())
-            return expectWhollyGone();
-        std::vector<std::string> recorded;
-        for (auto const& event : root->history())
-            if (event.display().ends_with("N t"))
-                recorded.insert(recorded.begin(),
-                                timed(event.timeStamp().time_since_epoch(), event.display()));
-        root->clearHistory();
-        ASSERT_EQ(std::exchange(events_, {}), recorded);
-        ASSERT_EQ(std::exchange(toTell_, 0), std::exchange(told_, 0));
+        isOver() ? expectWhollyGone() : static_cast<void>(expectToldAndRecorded());
+    }
+    /// The events that the operations make; the others are those of the first run.
+    std::string eventsOf(std::string const& operations, std::string const& inRun) {
+        inRun_ = inRun;
+        perform(operations);
+        return expectToldAndRecorded();
     }
 
   private:
-    static std::string timed(Mox::Nanoseconds time, std::string const& event) {
+    std::string expectToldAndRecorded() {
+        std::vector<std::string> recorded;
+        std::string events;
+        for (auto event = root->history().end(); event-- != root->history().begin();)
+            if (std::string const text = event->display(); text.ends_with("N t")) {
+                recorded.push_back(timed(event->timeStamp().time_since_epoch(), text));
+                events += (events.empty() ? "" : ", ") + text.substr(0, text.find_last_not_of(' ', 10) + 1);
+            }
+        root->clearHistory();
+        EXPECT_EQ(std::exchange(events_, {}), recorded);
+        EXPECT_EQ(std::exchange(toTell_, 0), std::exchange(told_, 0));
+        return events;
+    }
+    static std::string timed(Nanoseconds time, std::string const& event) {
         return std::to_string(time.count()) + " " + event;
     }
 
     // The model
 
     bool isArmed() const { return expiry_ != endOfTime; }
+    void tell() { toTell_ += active_; }
     void record(std::string event) {
         event.resize(11, ' ');
-        events_.push_back(timed(Mox::SteadyClock::now().time_since_epoch(), event + "N t"));
+        events_.push_back(timed(SteadyClock::now().time_since_epoch(), event + "N t"));
     }
-    void recordAndTell(std::string const& event) {
-        record(event);
-        ++toTell_;
+    /// Returns whether the attribute takes the value as a change, of which it tells.
+    template <class T> bool set(T& attribute, T value) {
+        if (attribute == value)
+            return false;
+        attribute = value;
+        tell();
+        return true;
     }
-    void updateBusy() {
-        if (std::exchange(busy_, queued_ || isArmed()) != busy_)
-            recordAndTell(busy_ ? "busy" : "idle");
+    void busyIs(bool busy) {
+        if (set(busy_, busy))
+            record(busy_ ? "busy" : "idle");
     }
+    void updateBusy() { busyIs(queued_ || isArmed()); }
     void schedule() {
         expiry_ = endOfTime;
-        if (suspended_)
-            record("scheduleSus");
-        else if (!std::exchange(queued_, true))
-            record("schedule"), queuedAt_ = steady.now();
+        if (queued_)
+            return;
+        queued_ = !suspended_;
+        record(queued_ ? "schedule" : "scheduleSus");
+        if (queued_)
+            queuedAt_ = steady.now();
         updateBusy();
     }
     void leaveQueue() {
         queued_ = false;
-        Seconds const waited = secondsOf(steady.now() - queuedAt_);
-        stat_.taskLastSchedulingLatencyIs(waited);
-        stat_.taskSchedulingLatencyHighWaterMarkIs(
-            std::max(waited, stat_.taskSchedulingLatencyHighWaterMark()));
+        latency_ = steady.now() - queuedAt_;
+        worstLatency_ = std::max(worstLatency_, latency_);
     }
     void takeBack() {
         if (queued_)
@@ -99,7 +120,7 @@ class TaskProgram : TestSupport::HandTree {
         unschedule();
     }
     void delay(Seconds delay, bool replaces = true) {
-        Seconds const expiry = std::min(Mox::now() + std::max(delay, 0.01), most);
+        Seconds const expiry = std::min(now() + std::max(delay, 0.01), most);
         if (delay == endOfTime)
             return stop();
         if (delay == 0.0)
@@ -112,142 +133,230 @@ class TaskProgram : TestSupport::HandTree {
         updateBusy();
     }
     void suspend() {
-        suspended_ = !suspended_;
-        recordAndTell(suspended_ ? "suspendOn" : "suspendOff");
+        set(suspended_, !suspended_);
+        record(suspended_ ? "suspendOn" : "suspendOff");
         if (suspended_)
             unschedule();
         else if (!isArmed())
             schedule();
     }
     void forceYield() {
-        forcedYield_ = !forcedYield_;
-        recordAndTell(forcedYield_ ? "frcYieldOn" : "frcYieldOff");
+        set(forcedYield_, !forcedYield_);
+        record(forcedYield_ ? "frcYieldOn" : "frcYieldOff");
         quantum_ = forcedYield_ ? 0ms : 20ms;
     }
-    /// What surrounds a run.
+    /// What surrounds a run; whoever has set the attribute, the outermost ends what it says.
     template <class Run> void run(Run const& run) {
         if (queued_)
             leaveQueue();
-        recordAndTell("run start");
-        stat_.taskRunIs(stat_.taskRun() + 1);
-        bool const wasRunning = std::exchange(running_, true);
+        record("run start");
+        ++depth_;
+        set(running_, true);
+        set(runs_, runs_ + 1);
         Duration const start = steady.now(), outerStart = std::exchange(runStart_, start);
         run();
         if (isOver())
             return;
-        runStart_ = outerStart;
-        running_ = wasRunning;
+        set(running_, --depth_ > 0);
+        if (depth_ > 0)
+            runStart_ = outerStart;
         measure(steady.now() - start);
         record("run end");
         updateBusy();
     }
     void measure(Duration duration) {
-        if (duration >= 5 * quantum_)
-            stat_.taskQuantumViolation500Is(stat_.taskQuantumViolation500() + 1);
-        else if (duration >= 2 * quantum_)
-            stat_.taskQuantumViolation200Is(stat_.taskQuantumViolation200() + 1);
-        stat_.taskRunTimeHighWaterMarkIs(std::max(secondsOf(duration), stat_.taskRunTimeHighWaterMark()));
+        of500_ += duration >= 5 * quantum_;
+        of200_ += duration >= 2 * quantum_ && duration < 5 * quantum_;
+        longest_ = std::max(longest_, duration);
         total_ += duration;
-        stat_.taskTotalRunTimeIs(secondsOf(total_));
     }
-    Kel::TaskStat stat() {
-        stat_.taskNameIs("t"), stat_.taskKeyIs(task_->taskKey());
-        stat_.taskPriorityIs(Kel::TaskPriority::normal);
-        stat_.taskStatusIs(Kel::TaskStat::TaskStatus(1u | (isArmed() ? 2u : 0u) | (queued_ ? 4u : 0u) |
-                                                     (running_ ? 8u : 0u) | (suspended_ ? 16u : 0u)));
-        return stat_;
+    void forget() {
+        runs_ = of200_ = of500_ = 0, work_ = 0;
+        total_ = longest_ = latency_ = worstLatency_ = {};
+    }
+    TaskStat stat() const {
+        TaskStat stat;
+        stat.taskNameIs("t"), stat.taskKeyIs(task_->taskKey());
+        stat.taskPriorityIs(TaskPriority::normal);
+        stat.taskRunIs(runs_), stat.taskWorkCountIs(work_);
+        stat.taskQuantumViolation500Is(of500_), stat.taskQuantumViolation200Is(of200_);
+        stat.taskTotalRunTimeIs(secondsOf(total_)), stat.taskRunTimeHighWaterMarkIs(secondsOf(longest_));
+        stat.taskLastSchedulingLatencyIs(secondsOf(latency_));
+        stat.taskSchedulingLatencyHighWaterMarkIs(secondsOf(worstLatency_));
+        stat.taskStatusIs(TaskStat::TaskStatus((timer_ ? 1u : 0u) | (isArmed() ? 2u : 0u) |
+                                               (queued_ ? 4u : 0u) | (running_ ? 8u : 0u) |
+                                               (suspended_ ? 16u : 0u)));
+        return stat;
     }
 
     // The program
 
     void hear(std::string_view callback) {
         ASSERT_TRUE(task_) << "a reactor that is gone was told";
-        told_ += callback != "onTaskCurrentlyRunning";
-        if (random_.oneIn(300))
-            task_ = nullptr, second_ = nullptr, first_ = nullptr;
-        for (std::size_t changes = callback == "onTaskRun" ? random_.below(4) : 0; changes > 0 && task_;
-             --changes)
+        ++told_;
+        if (random_ && random_->oneIn(300))
+            task_ = nullptr, timer_ = nullptr, second_ = nullptr, first_ = nullptr;
+        if (callback == "onTaskRun" && !random_)
+            perform(std::exchange(inRun_, {}));
+        for (std::size_t changes = callback == "onTaskRun" && random_ ? random_->below(4) : 0;
+             changes > 0 && task_; --changes)
             change();
     }
     void expectWhollyGone() {
         ASSERT_FALSE(record_->isAlive());
         ASSERT_TRUE(root->tasksRegistered().empty());
-        ASSERT_EQ(0u, root->timerWheel()->armed());
-        ASSERT_EQ(0u, root->auditErrors(1));
-        root->runUntilIdle();
+        ASSERT_EQ(0u, root->timerWheel()->armed() + root->auditErrors(1) + root->runUntilIdle());
     }
     /// So much that runs end with a quantum, with twice or five times as much, or just before.
     void timePasses() {
-        Duration const time = Duration(quantum_) * std::array{0, 1, 2, 5}[random_.below(4)];
-        steady.advance(time > 0ms && random_.oneIn(2) ? time - 1ns : time);
+        Duration const time = Duration(quantum_) * std::array{0, 1, 2, 5}[random_->below(4)];
+        steady.advance(time > 0ms && random_->oneIn(2) ? time - 1ns : time);
     }
-    void timerMayExpire() {
-        tick_ += static_cast<int>(random_.oneIn(2) ? random_.below(3) : random_.below(300));
-        timers.clock->nowIs(tick_ * 0.01);
-        if (expiry_ <= Mox::now())
-            schedule();
+    void timerMayExpire(Seconds later) {
+        long const some = random_ ? static_cast<long>(random_->below(random_->oneIn(2) ? 3 : 300)) : 0;
+        tick_ += random_ ? some : std::lround(later * 100);
+        timers.clock->nowIs(static_cast<double>(tick_) * 0.01);
+        if (expiry_ <= now())
+            active_ ? schedule() : static_cast<void>(expiry_ = endOfTime); // muted, it is spent
         timers.manager->runOnce();
     }
     void pass() {
         auto const real = [this] { root->handleSchedulerRun(); };
         queued_ ? run(real) : real();
     }
+
+    /// Is told a time, and a number that goes with it: 0, 1 or the greatest.
+    struct Operation {
+        std::string name;
+        std::function<void(Seconds, U32)> act;
+        void operator()(Seconds d) const { act(d, d > 1.0 ? ~U32{0} : d > 0.0); }
+    };
+    using S = Seconds;
+    static constexpr std::size_t ofTimers = 6; // the last
+    std::vector<Operation> const operations_ = {
+        {"schedule", [this](S, U32) { schedule(), task_->scheduleTask(); }},
+        {"unschedule", [this](S, U32) { unschedule(), task_->unscheduleTask(); }},
+        {"suspend", [this](S, U32) { suspend(), task_->taskSuspendedForTestIs(suspended_); }},
+        {"forceYield", [this](S, U32) { forceYield(), task_->taskForceYieldInTestIs(forcedYield_); }},
+        {"quantum", [this](S, U32) { quantum_ = 1ms, task_->taskQuantumIs(0.001); }},
+        {"time", [this](S, U32) { timePasses(); }},
+        {"runFromTest", [this](S, U32) { expiry_ = endOfTime, run([this] { task_->taskRunFromTest(); }); }},
+        {"resetStats", [this](S, U32) { forget(), task_->resetStats(); }},
+        {"pass", [this](S, U32) { pass(); }},
+        {"active", [this](S d, U32) { active_ = d != 0.0, task_->hasNotificationActiveIs(active_); }},
+        {"busy", [this](S, U32 n) { busyIs(n > 0), task_->taskBusyIs(n > 0); }},
+        {"running", [this](S, U32 n) { set(running_, n > 0), task_->taskCurrentlyRunningIs(n > 0); }},
+        {"runs", [this](S, U32 n) { set(runs_, n), task_->taskRunIs(n); }},
+        {"moreRuns", [this](S, U32 n) { set(runs_, runs_ + n), task_->taskRunInc(n); }},
+        {"work", [this](S, U32 n) { set(work_, U64{n}), task_->taskWorkCountIs(n); }},
+        {"moreWork", [this](S, U32 n) { set(work_, work_ + n), task_->taskWorkCountInc(n); }},
+        {"200%", [this](S, U32 n) { set(of200_, n), task_->taskQuantumViolation200Is(n); }},
+        {"500%", [this](S, U32 n) { set(of500_, n), task_->taskQuantumViolation500Is(n); }},
+        {"stop", [this](S, U32) { stop(), timer_->stopTimerTask(); }},
+        {"delay", [this](S d, U32) { delay(d), timer_->scheduleTaskDelay(d); }},
+        {"up", [this](S d, U32) { delay(d), timer_->scheduleTaskJitterUp(d, d < 0 || d == most ? 255 : 0); }},
+        {"down", [this](S d, U32) { delay(d = std::abs(d)), timer_->scheduleTaskJitterDown(d, 0); }},
+        {"lowest",
+         [this](S d, U32) { delay(d = std::min(d, most), false), timer_->scheduleTaskLowestDelay(d); }},
+        {"clock", [this](S d, U32) { timerMayExpire(d); }},
+    };
+    void perform(std::string const& operations) {
+        play(operations, [&](std::string const& name, Seconds with) {
+            (*std::ranges::find(operations_, name, &Operation::name))(with);
+            expectAlike();
+        });
+    }
     void change() {
-        constexpr std::array delays{0.0, -5., -endOfTime, .004, .00999, .011, 1., 2., 5., most, endOfTime};
-        Seconds const d = delays[random_.below(delays.size())];
-        switch (running_ ? random_.below(12) : random_.below(16)) {
-        case 0: schedule(), task_->scheduleTask(); break;
-        case 1: unschedule(), task_->unscheduleTask(); break;
-        case 2: suspend(), task_->taskSuspendedForTestIs(suspended_); break;
-        case 3: forceYield(), task_->taskForceYieldInTestIs(forcedYield_); break;
-        case 4: quantum_ = 1ms, task_->taskQuantumIs(0.001); break;
-        case 5: stop(), task_->stopTimerTask(); break;
-        case 6: delay(d), task_->scheduleTaskDelay(d); break;
-        case 7: delay(d), task_->scheduleTaskJitterUp(d, d < 0 || d == most ? 255 : 0); break;
-        case 8: delay(std::abs(d)), task_->scheduleTaskJitterDown(std::abs(d), 0); break;
-        case 9: delay(std::min(d, most), false), task_->scheduleTaskLowestDelay(std::min(d, most)); break;
-        case 10: timePasses(); break;
-        case 11:
-            expiry_ = endOfTime;
-            run([this] { task_->taskRunFromTest(); });
-            break;
-        case 12: stat_ = {}, total_ = {}, task_->resetStats(); break;
-        case 13: timerMayExpire(); break;
-        default: pass();
-        }
-        if (isOver())
-            return;
+        constexpr std::array delays{0.0,  -5., -endOfTime, .004, .00999, .01,
+                                    .011, 1.,  2.,         5.,   most,   endOfTime};
+        Operation const& operation =
+            operations_[random_->below(operations_.size() - (timer_ ? 0 : ofTimers))];
+        Seconds const with = random_->of(delays);
+        random_->doing(operation.name, with);
+        operation(with);
+        if (!isOver())
+            expectAlike();
+    }
+    void expectAlike() {
         ASSERT_EQ(stat(), task_->getStats());
         ASSERT_EQ(busy_, task_->taskBusy());
         ASSERT_EQ(queued_ || isArmed(), task_->taskScheduled());
-        ASSERT_EQ(expiry_, task_->timer()->timeMin());
-        ASSERT_EQ(queued_ ? Mox::now() : expiry_, task_->currentExpirationTime());
-        ASSERT_TRUE(!running_ || task_->taskShouldYield() == (steady.now() - runStart_ >= quantum_));
+        ASSERT_EQ(steady.now() - runStart_ >= quantum_, task_->taskShouldYield());
+        if (timer_) {
+            ASSERT_EQ(expiry_, timer_->timer()->timeMin());
+            ASSERT_EQ(queued_ ? now() : expiry_, timer_->currentExpirationTime());
+        }
     }
 
-    TestSupport::Random& random_;
-    Ptr<Kel::TimerTask> task_;
-    Ptr<Kel::TaskRecord> record_;
+    Random* const random_;
+    std::string inRun_;
+    Ptr<Task> task_;
+    Ptr<TimerTask> timer_; // the same
+    Ptr<TaskRecord> record_;
     Ptr<OnAnything> first_, second_;
-    int tick_ = 10'000;
+    long tick_ = 10'000;
 
     bool queued_ = false, suspended_ = false, forcedYield_ = false, running_ = false, busy_ = false;
+    bool active_ = true;
+    int depth_ = 0;
     Seconds expiry_ = endOfTime;
-    Duration quantum_ = 20ms, queuedAt_{}, runStart_{}, total_{};
-    Kel::TaskStat stat_;
+    Duration quantum_ = 20ms, queuedAt_{}, runStart_{};
+    U32 runs_ = 0, of200_ = 0, of500_ = 0;
+    U64 work_ = 0;
+    Duration total_{}, longest_{}, latency_{}, worstLatency_{};
     std::vector<std::string> events_;
     int toTell_ = 0, told_ = 0;
 };
 
 TEST(TaskModel, HoldsStateTimesEventsAndStatisticsAndMayBeLetGoInAnyCallback) {
-    TestSupport::Random random;
+    Random random;
     std::optional<TaskProgram> program;
-    for (std::size_t left = TestSupport::operations(50'000); left > 0 && !testing::Test::HasFailure();
-         --left) {
+    for (std::size_t left = operations(300'000); left > 0 && !testing::Test::HasFailure(); --left) {
         if (!program || program->isOver())
-            program.emplace(random);
+            program.emplace(static_cast<Kind>(random.below(3)), &random);
         program->step();
     }
+}
+
+TEST(TaskModel, PromisesTheseEvents) {
+    constexpr Kind any = Kind::task, timer = Kind::timerTask;
+    struct {
+        Kind first;
+        char const *operations, *inRun, *events;
+    } const rows[] = {
+        {any, "schedule schedule", "", "schedule, busy"},
+        {any, "schedule unschedule unschedule", "", "schedule, busy, unschedule, idle"},
+        {any, "schedule pass pass", "", "schedule, busy, run start, run end, idle"},
+        {any, "schedule pass", "schedule schedule", "schedule, busy, run start, schedule, run end"},
+        {any, "schedule pass", "unschedule", "schedule, busy, run start, idle, run end"},
+        {any, "schedule pass", "unschedule schedule",
+         "schedule, busy, run start, idle, schedule, busy, run end"},
+        {any, "schedule pass", "suspend", "schedule, busy, run start, suspendOn, idle, run end"},
+        {any, "suspend schedule suspend", "", "suspendOn, scheduleSus, suspendOff, schedule, busy"},
+        {any, "schedule suspend pass", "", "schedule, busy, suspendOn, unschedule, idle"},
+        {any, "running:1 runFromTest", "", "run start, run end"},
+        {any, "runFromTest", "running:0 runFromTest", "run start, run start, run end, run end"},
+        {any, "schedule busy:0 schedule", "", "schedule, busy, idle"},
+        {any, "quantum forceYield forceYield", "", "frcYieldOn, frcYieldOff"},
+        {timer, "delay:2 clock:1.99", "", "timerStart, busy"},
+        {timer, "delay:2 clock:2 pass", "", "timerStart, busy, schedule, run start, run end, idle"},
+        {timer, "delay:2 stop stop", "", "timerStart, busy, timerStop, idle"},
+        {timer, "delay:2 suspend clock:2", "", "timerStart, busy, suspendOn, scheduleSus, idle"},
+        {timer, "delay:2 suspend suspend", "", "timerStart, busy, suspendOn, suspendOff"},
+        {timer, "delay:2 active:0 clock:2", "", "timerStart, busy"},
+        {timer, "delay:2 schedule clock:2", "", "timerStart, busy, schedule"},
+        {timer, "schedule delay:5 delay:0", "", "schedule, busy, unschedule, timerStart, schedule"},
+        {timer, "delay:2 lowest:2 lowest:5 lowest:1 clock:1 lowest:0.01", "",
+         "timerStart, busy, timerStart, timerStart, schedule"},
+        {timer, "runFromTest", "delay:2 stop", "run start, timerStart, busy, timerStop, idle, run end"},
+        {timer, "schedule pass", "delay:2", "schedule, busy, run start, timerStart, run end"},
+    };
+    for (auto const& [first, operations, inRun, events] : rows)
+        for (Kind const kind : {Kind::task, Kind::parentTask, Kind::timerTask})
+            if (kind >= first) {
+                EXPECT_EQ(events, TaskProgram(kind).eventsOf(operations, inRun))
+                    << operations << ", " << inRun;
+            }
 }
 
 } // namespace

@@ -15,23 +15,21 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-using Kel::Task;
-using Kel::TaskPriority;
-using Kel::TimerTask;
-using Mox::endOfTime;
-using Mox::Ptr;
-using Mox::Seconds;
+using namespace TestSupport;
 using testing::HasSubstr;
-using TestSupport::OnRun;
 
-using TaskTest = TestSupport::HandTreeTest;
+using TaskTest = HandTreeTest;
+using TaskLifeTest = HandTreeTest;
 
 TEST_F(TaskTest, TakesQuantaTruncatedToNanoseconds) {
     auto const t = task();
-    for (Seconds const quantum : {1e-9, 1.0, 1.0000000001, 0.0200000001}) {
+    for (auto const& [quantum, nanoseconds] : {std::pair{1e-9, 1},
+                                               {0.02, 20'000'000},
+                                               {0.0200000009, 20'000'000},
+                                               {1.0, 1'000'000'000},
+                                               {1.0000000001, 1'000'000'000}}) {
         t->taskQuantumIs(quantum);
-        EXPECT_EQ(std::trunc(quantum * 1e9) / 1e9, t->taskQuantum());
+        EXPECT_EQ(nanoseconds, t->taskRecord()->taskQuantum().count());
     }
 }
 
@@ -59,7 +57,7 @@ TEST_F(TaskTest, JitterIsUniformOverAllItsSteps) {
         std::array<int, 101> counts{};
         for (int draw = 0; draw < 20200; ++draw) {
             c.jitter(*t);
-            double const step = (t->timer()->timeMin() - Mox::now() - 10.0) / c.span * 100;
+            double const step = (t->timer()->timeMin() - now() - 10.0) / c.span * 100;
             ASSERT_NEAR(std::round(step), step, 1e-6);
             counts.at(static_cast<std::size_t>(std::round(step))) += 1;
         }
@@ -69,13 +67,13 @@ TEST_F(TaskTest, JitterIsUniformOverAllItsSteps) {
     for (int draw = 0; draw < 50'000; ++draw) {
         Seconds const delay = (draw % 10'000 + 10) / 1000.0;
         t->scheduleTaskJitterDown(delay, 100);
-        ASSERT_LE(t->currentExpirationTime(), Mox::now() + delay);
+        ASSERT_LE(t->currentExpirationTime(), now() + delay);
     }
 }
 
 TEST_F(TaskTest, TracesWhatItDoes) {
     root->schedulerHasRunnableTasksIs(true); // it wakes no more, which it would trace
-    TestSupport::TraceLog traces({1, 4, 5, 7, 8, 9});
+    TraceLog traces({1, 4, 5, 7, 8, 9});
     auto t = timerTask();
     Ptr<OnRun> reactor = new OnRun(t, [&] { steady.advance(t->taskRun() * 30ms); });
     for (int run = 0; run < 2; ++run) {
@@ -134,11 +132,14 @@ struct LateScheduler : Task {
 TEST_F(TaskTest, MisuseEndsTheProcess) {
     constexpr Seconds nan = std::numeric_limits<Seconds>::quiet_NaN();
     auto const t = timerTask();
-    auto const bare = Kel::TaskSchedulerRoot::TaskSchedulerRootIs("bare");
+    auto const bare = TaskSchedulerRoot::TaskSchedulerRootIs("bare");
     auto const own = root->resetStatsTaskIs(root, TaskPriority::normal, "own");
     root->resetStatsTaskDel();
+    Ptr<OnRun> uncounted;
+    auto last = Task::TaskIs(root, TaskPriority::normal, "last");
+    uncounted = new OnRun(last, [&] { last = nullptr, uncounted = nullptr; });
     Ptr<OnRun> const destroys = new OnRun(t, [&] { t->taskRecord()->destroyed(); });
-    Kel::TaskTimeStamp end, late = Mox::SteadyClock::now() + Mox::Nanoseconds(1);
+    TaskTimeStamp end, late = SteadyClock::now() + Nanoseconds(1);
     struct {
         std::function<void()> act;
         char const* text;
@@ -160,10 +161,16 @@ TEST_F(TaskTest, MisuseEndsTheProcess) {
         {[&] { Ptr<Task>(new LateScheduler(root, TaskPriority::low, "late")); },
          "taskMagicNumber_ == taskMagicNumberConstructed()"},
         {[&] { t->scheduleTask(), t->taskDoRun({}, &end); }, "!taskRunQueueLink_.isLinked()"},
+        {[&] { last->taskDoRun({}, &end); }, "taskMagicNumber_ == taskMagicNumberConstructed(), source Task"},
         {[&] { t->taskRunFromTest(); },
          "taskMagicNumber_ == taskMagicNumberConstructed(), source Task, function taskDoRun"},
         {[&] { t->taskLastRunTimeStampIs(late), t->taskShouldYield(); }, "now >= taskLastRunTimeStamp_"},
+        {[&] { TraceHandle::traceHandle("TaskScheduler").levelEnabledIs(4, true), t->taskQuantumIs(0.0); },
+         "Set quantum root:'normal':t"},
         {[&] { t->taskQuantumIs(9e-10); }, "taskQuantumInternal_ > TaskTimeDuration( 0 )"},
+        {[&] { t->taskQuantumIs(-1e-10); }, "taskQuantumInternal_ > TaskTimeDuration( 0 )"},
+        {[&] { t->taskQuantumIs(-0.02); }, "taskQuantumInternal_ > TaskTimeDuration( 0 )"},
+        {[&] { t->taskQuantumIs(endOfTime); }, "taskQuantumInternal_ <= boost::chrono::seconds( 1 )"},
         {[&] { t->taskQuantumIs(1.000000002); }, "taskQuantumInternal_ <= boost::chrono::seconds( 1 )"},
         {[&] { t->taskQuantumIs(nan); }, "!std::isnan( seconds )"},
         {[&] { t->scheduleTaskDelay(nan); }, "!std::isnan( delayIntoFuture ), source Task"},
@@ -186,6 +193,8 @@ TEST_F(TaskTest, ForeignThreadEndsTheProcess) {
         [](T t) { t->taskScheduled(); },
         [](T t) { t->taskRunFromTest(); },
         [](T t) { t->scheduleTaskDelay(1.0); },
+        [](T t) { t->scheduleTaskDelayedPrivate(1.0, true); },
+        [](T t) { t->taskStatus(); },
         [](T t) { t->scheduleTaskLowestDelay(1.0); },
         [](T t) { t->scheduleTaskJitterUp(1.0, 1); },
         [](T t) { t->scheduleTaskJitterDown(1.0, 1); },
@@ -197,13 +206,63 @@ TEST_F(TaskTest, ForeignThreadEndsTheProcess) {
     // A death test runs in a forked child, where a tree of the parent may be used from anywhere: make one
     // there.
     auto const inAnotherThread = [&](Act act) {
-        root = TestSupport::HandRoot::HandRootIs();
+        root = HandRoot::HandRootIs();
         auto t = timerTask();
         std::thread([&] { act(t); }).join();
     };
     for (Act const act : cases)
         EXPECT_DEATH(inAnotherThread(act),
                      HasSubstr("schedulerThread_.isCurrent() || !schedulerPid_.isCurrent(), source"));
+}
+
+TEST_F(TaskLifeTest, MayBeReleasedWhileItWakesItsScheduler) {
+    Ptr<HandScheduler> const below = new HandScheduler("below", root.ptr());
+    for (bool const resumes : {false, true}) {
+        auto t = Mortal::MortalIs(below, TaskPriority::low, "t");
+        t->taskSuspendedForTestIs(resumes);
+        below->atRequest = [&] { t = nullptr; };
+        resumes ? t->taskSuspendedForTestIs(false) : t->scheduleTask();
+        EXPECT_FALSE(t);
+        below->atRequest = nullptr;
+        below->handleSchedulerRun();
+        EXPECT_EQ(0u, below->auditErrors(1));
+    }
+}
+
+TEST_F(TaskLifeTest, DiesWholeWhileItsEventsGoOnShowingIt) {
+    auto queued = task("queued", TaskPriority::low);
+    auto armed = timerTask("armed");
+    queued->scheduleTask();
+    armed->scheduleTaskDelay(1.0);
+    steady.advance(3ms);
+    auto const record = queued->taskRecord();
+    queued = nullptr, armed = nullptr;
+    EXPECT_EQ(Task::taskMagicNumberDestroyed(), record->taskMagicNumber());
+    EXPECT_EQ(0u, root->tasksPerPriority(TaskPriority::low));
+    EXPECT_EQ(1u, root->deadTasksPerPriority(TaskPriority::low));
+    EXPECT_EQ("schedule   L queued", root->takeHistory().front());
+    EXPECT_EQ(0u, root->timerWheel()->armed());
+    auto const* const stat = root->deadTaskStats("queued");
+    ASSERT_TRUE(stat);
+    EXPECT_EQ(0.003, stat->taskLastSchedulingLatency());
+    EXPECT_EQ(0x00u, stat->taskStatus().value());
+    EXPECT_EQ(0x01u, root->deadTaskStats("armed")->taskStatus().value()) << "whose timer is off";
+}
+
+/// A task of an application that owns its reactor.
+struct Owner : Task {
+    using Task::Task;
+    Ptr<Task::Notifiee> own;
+};
+
+TEST_F(TaskLifeTest, ReactorThatItsNotifierOwnsLetsItGo) {
+    Ptr<Owner> owner = new Owner(root, TaskPriority::low, "owner");
+    Owner& task = *owner;
+    task.own = new Task::Notifiee;
+    task.own->notifierIs(owner);
+    owner = nullptr;
+    task.own->notifierIs(nullptr); // destroys the task, and with it the reactor
+    EXPECT_EQ(1u, root->deadTasksPerPriority(TaskPriority::low));
 }
 
 } // namespace
