@@ -25,6 +25,8 @@ Mox::Ptr<TaskGroup> taskGroupFactory(Mox::String8 const& name, TaskPriority prio
     return TaskGroup::TaskGroupIs(name, priority, enforceTaskGroupPriority, parentScheduler);
 }
 
+/// The group is known to the root before its parent task is made: registering that one may run foreign code,
+/// which may look for the group.
 TaskGroup::TaskGroup(Mox::String8 const& name, TaskPriority priority, bool enforceTaskGroupPriority,
                      Mox::Ptr<TaskScheduler> const& parentScheduler)
     : TaskScheduler("TaskGroup;" + name, parentScheduler ? parentScheduler->root() : nullptr),
@@ -56,6 +58,8 @@ void TaskGroup::parentTaskIs(Mox::Ptr<TaskGroupParentTask> const& task) {
     parentTask_.madeFor(this)->notifierIs(task);
 }
 
+/// The reactor forgets the group before it leaves the task: leaving may end the task, and with it whoever
+/// owns the group.
 Mox::Ptr<TaskGroupParentTask> TaskGroup::parentTaskDel() {
     Mox::Ptr<MoxParentTask> const reactor = parentTask_.drop();
     if (!reactor)
@@ -84,6 +88,7 @@ void TaskGroup::mox_handleTaskGroupQuantum() {
 
 // Registration and running
 
+/// The group's own reset task is of normal priority whatever the group's is.
 void TaskGroup::taskRegister(Task* task) {
     if (task && !makesOwnTask())
         MOX_ASSERT_AS("task->taskPriority() == taskGroupPriority()",
@@ -112,6 +117,8 @@ void TaskGroup::requestSchedulerRun() {
         task->scheduleTask();
 }
 
+/// In its own loop the group asks for nothing: the loop goes on by itself. Otherwise its parent task has to
+/// be one that can be scheduled, and not an orphan.
 bool TaskGroup::canBeRequested() const {
     Mox::Ptr<TaskGroupParentTask> const task = attachedTask();
     return loops_ > 0 || (task && task->taskScheduler());
@@ -143,6 +150,8 @@ void TaskGroup::mox_handleParentTask_taskRun() {
         task->scheduleTask();
 }
 
+/// One pass a turn of this loop, so that the quantum is looked at between tasks. While the root is suspended
+/// a pass is ignored and leaves the tasks where they are: the loop would not end.
 void TaskGroup::runPasses() {
     while (schedulerHasRunnableTasks() && !quantumIsUsed()) {
         bool const ignored = root()->suspended();

@@ -30,6 +30,7 @@ TaskGroupParentTask::TaskGroupParentTask(Mox::Ptr<TaskScheduler> const& schedule
 
 TaskGroupParentTask::~TaskGroupParentTask() = default;
 
+/// The hook takes the task out of the former group's list by itself, and out of any list when the task dies.
 void TaskGroupParentTask::linkToGroup() {
     groupHook_.unlink();
     if (taskGroup_)
@@ -45,9 +46,10 @@ void TaskGroupParentTask::taskGroupIs(TaskGroup* taskGroup) {
         reactors_.notify<NotifieeConst::taskGroupChanged, NotifieeConst>();
 }
 
+/// A detached group is left alone: nobody would run the task that resets it.
 void TaskGroupParentTask::resetStats() {
     Task::resetStats();
-    if (taskGroup_ && taskGroup_->canBeRequested()) // a detached group has nobody to run its reset
+    if (taskGroup_ && taskGroup_->canBeRequested())
         taskGroup_->resetStats();
 }
 

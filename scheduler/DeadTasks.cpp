@@ -19,6 +19,8 @@ Mox::U32 DeadTasks::collect(std::vector<TaskStat>* out, bool includeIdle) const 
     return leftOut;
 }
 
+/// One map a pass, set aside whole: merging it into what an earlier pass has left would take as long as
+/// dropping it.
 void DeadTasks::retire() {
     counts_.clear();
     if (stats_.empty())
@@ -28,6 +30,7 @@ void DeadTasks::retire() {
     retired.next = retired.stats.begin();
 }
 
+/// The iterator moves on before its entry goes, and the map goes with its last entry.
 Mox::String DeadTasks::dropRetired() {
     Retired& retired = retired_.front();
     Mox::String name = retired.next->first;

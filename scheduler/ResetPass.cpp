@@ -20,9 +20,11 @@ void ResetPass::run(DeadTasks& deadTasks) {
     dropNames(deadTasks);
     isDropping_ = deadTasks.hasRetired();
     if (isDropping_)
-        goOn();
+        scheduleAgain();
 }
 
+/// Counts by priority are not cleared, their baseline is moved: the run queues derive what is runnable from
+/// them.
 void ResetPass::begin() {
     for (Mox::U32 p = 0; p < TaskRunQueues::count; ++p)
         scheduler_.runQueue(TaskPriority::PriorityEnumInstance(p)).tasksRunBaseIsTasksRun();
@@ -43,7 +45,7 @@ bool ResetPass::resetTasks() {
         task->resetStats();
         if ((begins || key != resumed) && quantumIsUsed()) {
             scheduler_.resetStatsTaskBookmarkIs(key);
-            goOn();
+            scheduleAgain();
             return false;
         }
         task = nextAfter(key);
@@ -51,6 +53,7 @@ bool ResetPass::resetTasks() {
     return true;
 }
 
+/// In map order, whether or not the task of that key is still there.
 Task* ResetPass::nextAfter(TaskKey const& key) const {
     auto const& tasks = scheduler_.tasksRegistered();
     Task* const task = tasks.from(key);
@@ -63,11 +66,12 @@ bool ResetPass::quantumIsUsed() const {
     return task && task->taskShouldYield();
 }
 
-void ResetPass::goOn() {
+void ResetPass::scheduleAgain() {
     if (auto const task = scheduler_.resetter())
         task->scheduleTask();
 }
 
+/// A derived scheduler hears of each name once it is gone, as it does when a name is dropped by hand.
 void ResetPass::dropNames(DeadTasks& deadTasks) {
     while (deadTasks.hasRetired()) {
         scheduler_.deadTaskStatsNotify(deadTasks.dropRetired());

@@ -31,7 +31,7 @@ class ResetPass {
     bool resetTasks();
     Task* nextAfter(TaskKey const& key) const;
     bool quantumIsUsed() const;
-    void goOn();
+    void scheduleAgain();
     void dropNames(DeadTasks& deadTasks);
 
     TaskScheduler& scheduler_;

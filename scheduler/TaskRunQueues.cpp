@@ -15,8 +15,8 @@ template <U32 p> U32 TaskRunQueues::weightedBacklog() const {
     return static_cast<U32>(queues_[p].runnableTasks()) * runFactors[p];
 }
 
-/// Unsigned 32-bit arithmetic, which wraps: the rule is stated so, and with the streak that stops at its
-/// greatest value a low task's wait stays bounded for all backlogs that memory can hold (docs/design.md).
+/// In unsigned 32-bit arithmetic, which wraps. For about a thousand tasks of each priority no wrap makes a
+/// lower task wait longer than the bound; docs/design.md has the condition and the proof.
 template <U32 p> bool TaskRunQueues::givesWay(U32 backToBackRunCount) const {
     U32 lower = weightedBacklog<TaskPriority::low>();
     if constexpr (p == TaskPriority::high)

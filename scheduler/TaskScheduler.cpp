@@ -105,6 +105,7 @@ void TaskScheduler::moxDoZombieReactors(bool zombie) {
     zombieReactors_ = zombie;
 }
 
+/// What is constant in cost at level 0: counts against counts. Walking the queues is left to level 1.
 U32 TaskScheduler::auditErrors(U32 level) const {
     U32 errors = PtrInterface::auditErrors(level);
     U64 registered = 0;
@@ -134,6 +135,8 @@ void TaskScheduler::sanityCheckCurrentRunningThread() const {
     root_->sanityCheckCurrentRunningThread();
 }
 
+/// The task's own idea of its scheduler is compared, too: a task registered with another scheduler would be
+/// queued there and counted here.
 void TaskScheduler::taskRegister(Task* task) {
     sanityCheckCurrentRunningThread();
     if (!task)
@@ -147,6 +150,8 @@ void TaskScheduler::taskRegister(Task* task) {
     tasksPerPriorityInc(priority, 1);
 }
 
+/// The statistics are taken after the task has left its queue, so that its last wait is in them, and before
+/// it leaves the registry. A task that dies while scheduled counts as run, unlike one that is unscheduled.
 void TaskScheduler::taskUnregister(Task* task) {
     sanityCheckCurrentRunningThread();
     TaskPriority const priority = task->taskPriority();
@@ -182,6 +187,7 @@ void TaskScheduler::schedulerHasRunnableTasksIs(bool hasRunnableTasks) {
     handleSchedulerHasRunnableTasks();
 }
 
+/// One reading serves event and request: the slip is measured from when the history says that there was work.
 void TaskScheduler::handleSchedulerHasRunnableTasks() {
     MOX_ASSERT_AS("__null != root_", root_);
     if (!schedulerHasRunnableTasks_) {
@@ -194,9 +200,12 @@ void TaskScheduler::handleSchedulerHasRunnableTasks() {
     requestSchedulerRunAndRecord(now);
 }
 
+/// The scheduler holds itself, since its last task may die in the run and take it along; the task is held,
+/// since its last owner may let go of it in the run. The next pass is asked for even if no task is left: that
+/// pass finds the queues empty and turns the flag off, in one place.
 void TaskScheduler::handleSchedulerRun() {
     MOX_ASSERT_AS("__null != root_", root_);
-    Mox::Ptr<TaskScheduler> const self = this; // its last task may die in the run
+    Mox::Ptr<TaskScheduler> const self = this;
     if (root_->suspended()) {
         MOX_TRACE_AT(taskSchedulerTrace, 8, this << " Suspended");
         root_->historyInsert({Mox::SteadyClock::now(), EventType::schedulerRunIgnoredWhileSuspended});
@@ -297,8 +306,10 @@ void TaskScheduler::printHistory(Mox::Ptr<DumpContext const> const&, U32) const 
 
 // Resetting
 
+/// Holds itself: a group may go when it wakes its parent task. The bookmark is set last, since a pass that is
+/// under way may move it in the meantime.
 void TaskScheduler::resetStats() {
-    Mox::Ptr<TaskScheduler> const self = this; // a group may go when it wakes its parent task
+    Mox::Ptr<TaskScheduler> const self = this;
     Mox::Ptr<Task> const task = resetStatsTaskIs(this, TaskPriority::normal, schedulerName() + ";ResetStats");
     task->scheduleTask();
     resetStatsTaskBookmarkIs(TaskKey());
@@ -309,6 +320,7 @@ Mox::Ptr<Task> TaskScheduler::resetStatsTaskIs(Mox::Ptr<TaskScheduler> const& sc
     return resetStatsTask_ ? resetStatsTask_.taskThere() : newResetStatsTask(scheduler, priority, name);
 }
 
+/// The former task goes first: two of them would share one bookmark.
 Mox::Ptr<Task> TaskScheduler::newResetStatsTask(Mox::Ptr<TaskScheduler> const& scheduler,
                                                 TaskPriority priority, Mox::String8 const& name) {
     resetStatsTask_.dropTask();
@@ -344,6 +356,8 @@ Mox::Problem TaskScheduler::problemOfThread() const {
     return allowed ? "" : "this thread is not the tree's";
 }
 
+/// A class that tells nothing of its requests has overridden requestSchedulerRun(), as it must, unless it is
+/// one of the two that cannot be run.
 Mox::Problem TaskScheduler::problemOfRequest() const {
     if (!root_)
         return "the scheduler has no root";
@@ -414,6 +428,7 @@ U32 TaskScheduler::tasksPerPriorityInc(TaskPriority priority, U32 count) {
     return total;
 }
 
+/// Added modulo 2^32, as counts wrap everywhere.
 U32 TaskScheduler::tasksPerPriorityDec(TaskPriority priority, U32 count) {
     return TaskScheduler::tasksPerPriorityInc(priority, 0 - count);
 }
@@ -484,6 +499,7 @@ void TaskScheduler::newDeadTaskStats(Mox::String8 const& name, TaskStat const& s
     deadTaskStatsNotify(name);
 }
 
+/// A new name is told to derived schedulers with an empty record; merging into it is not told.
 TaskStat TaskScheduler::deadTaskStatsInc(Mox::String8 name, TaskStat const& stat) {
     if (!deadTaskStats(name))
         newDeadTaskStats(name, TaskStat());

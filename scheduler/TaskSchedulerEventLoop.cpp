@@ -37,6 +37,7 @@ TaskSchedulerEventLoop::TaskSchedulerEventLoop(Mox::String8 const& name, Mox::Pt
     handleInitialized();
 }
 
+/// The wheel comes first: whoever hears of the scheduler may make timer tasks at once.
 void TaskSchedulerEventLoop::handleInitialized() {
     MOX_TRACE_AT(taskSchedulerTrace, 4, schedulerName() << ": Scheduler created");
     timerWheelIs(EventLoopTimerWheel::EventLoopTimerWheelIs(nullptr, nullptr, timerWheelTickInMsec(),
@@ -50,6 +51,8 @@ void TaskSchedulerEventLoop::handleInitialized() {
 
 TaskSchedulerEventLoop::~TaskSchedulerEventLoop() = default;
 
+/// A request that was under way is armed on the former event, whose expiry nobody hears any more: it is made
+/// again.
 void TaskSchedulerEventLoop::clockIs(Mox::Ptr<TimerEvent> const& event) {
     if (clock_ && clock_->rawEvent() == event)
         return;
@@ -66,6 +69,8 @@ void TaskSchedulerEventLoop::eventLoopKeepAliveClockIs(Mox::Ptr<TimerEvent> cons
 
 void TaskSchedulerEventLoop::eventLoopKeepAliveClockDel() { keepAliveClock_.drop(); }
 
+/// Zero seconds from now is the loop's next turn, so that descriptors and timers have theirs between two
+/// passes. Arming an armed event changes nothing: requests before the turn are one.
 void TaskSchedulerEventLoop::requestSchedulerRun() {
     if (!clock_)
         return;
@@ -73,6 +78,8 @@ void TaskSchedulerEventLoop::requestSchedulerRun() {
         event->timeMinIs(0.0);
 }
 
+/// The activity manager's loop waits when it is idle; a timer that keeps it alive would be a mistake of the
+/// caller's.
 void TaskSchedulerEventLoop::keepEventLoopAlive() {
     MOX_ASSERT_AS("!evLoop()->useMoxEventLoop()", !evLoop()->useMoxEventLoop());
     if (keepAliveClock_ && keepAliveClock_->notifier())

@@ -50,6 +50,8 @@ void TaskSchedulerHistory::watchFull() {
     newest_ = full ? &ring_.front() : nullptr;
 }
 
+/// Readers find the newest event in front. While the ring is full the cursor has overwritten slots from the
+/// front downwards without moving the front: the ring is turned by as much, once, when somebody looks.
 TaskSchedulerHistory::Ring& TaskSchedulerHistory::turned() const {
     if (lowest_) {
         std::ptrdiff_t const moved = newest_ - &ring_.front();
@@ -58,6 +60,8 @@ TaskSchedulerHistory::Ring& TaskSchedulerHistory::turned() const {
     return ring_;
 }
 
+/// Ends at the first event that is young enough, even if older ones, inserted with an earlier stamp, lie in
+/// front of it: a trim costs what it deletes.
 Mox::U32 TaskSchedulerHistory::deleteOlderThan(TaskTimeDuration maxAge) noexcept {
     TaskTimeStamp const now = Mox::SteadyClock::now();
     Ring& ring = turned();

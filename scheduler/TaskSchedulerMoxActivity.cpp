@@ -35,6 +35,7 @@ TaskSchedulerMoxActivity::TaskSchedulerMoxActivity(Mox::String8 const& name) : T
     handleInitialized();
 }
 
+/// Wheel and requests go by the same clock, so that a test clock installed before moves both.
 void TaskSchedulerMoxActivity::handleInitialized() {
     MOX_TRACE_AT(taskSchedulerTrace, 4, this << " Scheduler created");
     Mox::Ptr<Mox::Clock const> const clock = Mox::activityManager()->config()->clock();
@@ -45,6 +46,8 @@ void TaskSchedulerMoxActivity::handleInitialized() {
 
 TaskSchedulerMoxActivity::~TaskSchedulerMoxActivity() = default;
 
+/// A request that was under way is an alarm of the former clock, which nobody hears any more: it is made
+/// again.
 void TaskSchedulerMoxActivity::clockIs(Mox::Ptr<Mox::Clock const> const& clock) {
     if (clock_.madeFor(this)->notifier() == clock)
         return;
@@ -55,6 +58,7 @@ void TaskSchedulerMoxActivity::clockIs(Mox::Ptr<Mox::Clock const> const& clock) 
 
 void TaskSchedulerMoxActivity::clockDel() { clock_.drop(); }
 
+/// Time zero has always been reached: the alarm comes at the next turn, whatever the clock shows.
 void TaskSchedulerMoxActivity::requestSchedulerRun() {
     if (clock_)
         clock_->timeMinIs(0.0);

@@ -109,6 +109,7 @@ struct Table {
 
 } // namespace
 
+/// Sorted by what held the thread longest, so that the first lines answer the first question.
 void taskSchedulerDisplay(Context const& context, U32 indent, std::vector<TaskStat>* stats,
                           std::string const& title, U32 leftOut, bool isDeadTable,
                           bool displayMemoryAddressOfTasks) {
@@ -145,6 +146,8 @@ void printStatsImpl(Context const& context, U32 indent, TaskSchedulerQueueStats 
         taskSchedulerDisplay(context, indent, deadStats, "TaskName (Dead tasks)", deadLeftOut, true, false);
 }
 
+/// All figures are collected before anything is printed: a sink may run tasks, and the tables are to fit
+/// together.
 void printSchedulerStats(Context const& context, U32 indent, TaskScheduler const& scheduler,
                          bool includeNeverRunTasks, bool includeDeadTasks, bool displayMemoryAddressOfTasks) {
     std::vector<TaskStat> stats;

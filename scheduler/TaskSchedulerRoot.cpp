@@ -30,6 +30,7 @@ TaskSchedulerRoot::TaskSchedulerRoot(Mox::String8 const& name) : TaskScheduler(n
     registerScheduler(this);
 }
 
+/// The trim task goes before the base drops its own, and while history, wheel and clock are there.
 void TaskSchedulerRoot::zeroReferencesIs(bool zero) {
     if (zero)
         trimHistoryTask_.dropTask();
@@ -78,6 +79,8 @@ void TaskSchedulerRoot::timerWheelIs(Mox::Ptr<TimerWheel> const& wheel) { timerW
 
 // Running
 
+/// Both effects of a change come twice at the root; operators' tools know the doubled events. Trimming is due
+/// when nothing else is, so that it delays nobody.
 void TaskSchedulerRoot::schedulerHasRunnableTasksIs(bool hasRunnableTasks) {
     if (hasRunnableTasks == schedulerHasRunnableTasks_)
         return;
@@ -95,6 +98,7 @@ void TaskSchedulerRoot::suspendedIs(bool suspended) {
     handleSuspended();
 }
 
+/// Whatever became runnable meanwhile runs at once: passes that came in between were recorded and forgotten.
 void TaskSchedulerRoot::handleSuspended() {
     TaskTimeStamp const now = Mox::SteadyClock::now();
     if (suspended_) {
@@ -109,9 +113,11 @@ Mox::Problem TaskSchedulerRoot::problemOfSuspended(bool suspended) const {
     return suspended || !suspended_ ? "" : problemOfRequest();
 }
 
+/// Holds itself: the sink that prints the tables may let the root go before its history's turn.
 void TaskSchedulerRoot::printStats(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent,
                                    bool includeNeverRunTasks, bool includeDeadTasks,
                                    bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const {
+    Mox::Ptr<TaskSchedulerRoot const> const self = this;
     printSchedulerStats(context, indent, *this, includeNeverRunTasks, includeDeadTasks,
                         displayMemoryAddressOfTasks);
     if (includeSchedulerHistory)

@@ -43,6 +43,8 @@ Mox::Ptr<PeriodicTask> PeriodicTask::PeriodicTaskIs(Mox::Ptr<TaskScheduler> cons
     return periodic;
 }
 
+/// The repetition's reactor attaches before that of the work: it has counted the period and armed the timer
+/// when the work begins, so that the work may stop, move or replace the repetition.
 PeriodicTask::PeriodicTask(Mox::Ptr<TimerTask> task, Seconds period, std::function<void()> function)
     : task_(std::move(task)), period_(period), repetition_(new OnTaskRun(task_, [this] { handleRun(); })),
       work_(function ? new OnTaskRun(task_, std::move(function)) : nullptr) {}
@@ -68,6 +70,7 @@ void PeriodicTask::stop() {
         task_->stopTimerTask();
 }
 
+/// A first run that is still to come keeps its time: it was asked for by start(), not by the period.
 void PeriodicTask::periodIs(Seconds period) {
     requireSeconds("The period", period, periodMin);
     if (started_)
@@ -86,6 +89,9 @@ void PeriodicTask::rebase(Seconds now) {
     next_ = fromNext ? 0 : 1;
 }
 
+/// The division is only a first guess: rounding may put it one period off on either side, and what counts is
+/// that the due time, computed as everywhere from the origin, lies behind now. Due times are never sums of
+/// periods, whose rounding would drift.
 U64 PeriodicTask::firstAfter(Seconds now) const {
     auto index = static_cast<U64>(std::max(0.0, std::floor((now - origin_) / period_)));
     while (dueTime(index) <= now)
@@ -93,6 +99,7 @@ U64 PeriodicTask::firstAfter(Seconds now) const {
     return std::max(index, next_);
 }
 
+/// The latest of the periods that are due gets this run; the ones before it had none, and are only counted.
 bool PeriodicTask::skipMissed(Seconds now) {
     if (now < dueTime(next_))
         return false;
@@ -102,6 +109,8 @@ bool PeriodicTask::skipMissed(Seconds now) {
     return true;
 }
 
+/// A run in between, which somebody else asked for, finds nothing due and only arms the timer again:
+/// scheduling the task has disarmed it.
 void PeriodicTask::handleRun() {
     if (!started_)
         return;

@@ -47,6 +47,8 @@ Mox::Ptr<Task> taskFactory(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriorit
     return Task::TaskIs(scheduler, priority, name);
 }
 
+/// The quantum is there before the task can be reached through the registry, and is set again behind it by
+/// the virtual setter, whose trace is to name a registered task.
 Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority, Mox::String8 const& name)
     : taskScheduler_(scheduler.ptr()),
       record_(TaskRecord::TaskRecordIs(name, priority, scheduler ? scheduler->nameRecord() : nullptr)) {
@@ -55,24 +57,29 @@ Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority, Mox:
     taskQuantumIs(taskQuantumDefault);
 }
 
+/// The reference to the scheduler is taken only once the task is registered: a registration that refuses the
+/// task by an exception leaves nothing to be given back.
 void Task::handleInitialized() {
     MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
     taskScheduler_->taskRegister(this);
     intrusive_ptr_add_ref(taskScheduler_);
 }
 
+/// The task leaves its scheduler while it is whole: a derived class's status and reactors belong to what is
+/// kept of it. Its reactors come first, so that no timer schedules it any more.
 void Task::zeroReferencesIs(bool zero) {
-    if (zero) { // still whole, so that the statistics filed are those of the task's own class
+    if (zero) {
         moxDoZombieReactors(true);
         handleDestroy();
     }
     PtrInterface::zeroReferencesIs(zero);
 }
 
+/// A task whose construction failed was never counted, and comes here without zeroReferencesIs. The scheduler
+/// is let go last of all: it may take the root and the history along.
 Task::~Task() {
     handleDestroy();
     TaskScheduler* const scheduler = std::exchange(taskScheduler_, nullptr);
-    // Last of all: it may take the root and the history along.
     if (scheduler && holdsScheduler_)
         intrusive_ptr_release(scheduler);
 }
@@ -85,6 +92,7 @@ void Task::handleDestroy() {
     record_->destroyed();
 }
 
+/// The flag changes before the reference goes, which may end the scheduler and with it this task's ownership.
 void Task::ownedBySchedulerIs() {
     bool const held = holdsScheduler_;
     holdsScheduler_ = false;
@@ -92,6 +100,8 @@ void Task::ownedBySchedulerIs() {
         intrusive_ptr_release(taskScheduler_);
 }
 
+/// Unregistering comes first, while the task still knows where it is queued. It tells nothing to a scheduler
+/// any more, but its own reactors still hear that it has become idle.
 void Task::orphan() {
     if (!taskScheduler_)
         return;
@@ -142,6 +152,8 @@ bool Task::taskScheduled() const {
     return taskRunQueueLink_.isLinked();
 }
 
+/// The clock is read once for event and latency. Where the scheduler is runnable already, somebody has asked
+/// for its next pass, and nothing more is asked; where it is not, waking it may run foreign code.
 void Task::scheduleTask() {
     MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
     MOX_ASSERT_AS("taskMagicNumber_ == taskMagicNumberConstructed()", record_->isAlive());
@@ -193,6 +205,7 @@ void Task::unscheduleTaskPrivate() {
 
 // Running
 
+/// Holds itself: nobody else need hold a task that a test runs by hand.
 void Task::taskRunFromTest() {
     sanityCheckCurrentRunningThread();
     Mox::Ptr<Task> const self = this;
@@ -259,12 +272,15 @@ void Task::countViolation(TaskTimeDuration runTime) {
         ++taskQuantumViolation500_;
 }
 
+/// A clock that ran backwards would let the task run for ever: that is told, not hidden.
 bool Task::taskShouldYield() const {
     TaskTimeStamp const now = Mox::SteadyClock::now();
     MOX_ASSERT_AS("now >= taskLastRunTimeStamp_", now >= taskLastRunTimeStamp_);
     return elapsed(taskLastRunTimeStamp_, now) >= record_->taskQuantum();
 }
 
+/// The trace comes before the assertions, so that a quantum out of bounds is on the record when the process
+/// ends.
 void Task::taskQuantumIs(Mox::Seconds const& quantum) {
     TaskTimeDuration const internal = Mox::toNanoseconds(quantum);
     U32 const level = quantum == taskQuantumDefault ? 9 : 4;
@@ -330,6 +346,7 @@ void Task::taskBusyIs(bool busy) {
 
 void Task::handleTaskBusy() const { taskHistoryInsertNow(taskBusy_ ? EventType::busy : EventType::idle); }
 
+/// Ending a suspension schedules the task, whose callbacks may let it go: the record tells.
 void Task::taskSuspendedForTestIs(bool suspended) {
     if (taskSuspendedForTest_ == suspended)
         return;
@@ -361,6 +378,8 @@ void Task::taskForceYieldInTestIs(bool force) {
     notify<NotifieeConst::taskForceYieldInTestChanged>();
 }
 
+/// The forced quantum of zero is no quantum that taskQuantumIs() would take; that one brings back the
+/// default, which is not the quantum that the task may have had before.
 void Task::handleTaskForceYieldInTest() {
     if (taskForceYieldInTest_) {
         taskHistoryInsertNow(EventType::frcYieldOn);

@@ -28,7 +28,7 @@ enum class TaskSchedulerEventType : Mox::U8;
 /// Thread rule: the thread of the scheduler's root; a call from another thread of that process is fatal.
 ///
 /// Lifetime: a task dies at once when its last owner lets go: it leaves its queue and its scheduler, which
-/// files its statistics. An attached reactor is an owner; being scheduled or registered is none. It may be
+/// keeps its statistics. An attached reactor is an owner; being scheduled or registered is none. It may be
 /// released inside any callback. A task holds its scheduler, unless the scheduler made it for itself: such a
 /// task, if somebody still holds it when its scheduler drops it, is an orphan that can no longer be
 /// scheduled.

@@ -9,6 +9,8 @@
 
 namespace Kel {
 
+/// Record and name in one allocation: a task's making and its end are bounded by the allocator, and each
+/// event that is displayed finds the name beside what it has just read.
 Mox::Ptr<TaskRecord> TaskRecord::TaskRecordIs(std::string_view taskName, TaskPriority priority,
                                               Mox::Ptr<SchedulerName const> schedulerName) {
     MOX_ASSERT(taskName.size() < 1u << 29);
@@ -23,6 +25,8 @@ void TaskRecord::destroy(TaskRecord const* record) noexcept {
     ::operator delete(const_cast<TaskRecord*>(record));
 }
 
+/// A priority beyond the enumeration stays beyond it in three bits, so that registering the task still finds
+/// it invalid.
 TaskRecord::TaskRecord(std::string_view taskName, TaskPriority priority,
                        Mox::Ptr<SchedulerName const> schedulerName)
     : priority_(std::min<Mox::U32>(priority.numericValue(), 7) & 7u),

@@ -59,6 +59,8 @@ void TaskStat::TaskStatus::valueIs(Mox::U32 value) {
     value_ = value;
 }
 
+/// More digits than the greatest value has are skipped without being added up: a number too large for any
+/// integer is then refused as every number above the greatest value.
 Mox::U32 TaskStat::TaskStatus::readValue(Mox::String::IteratorConst& position,
                                          Mox::String::IteratorConst const& end) {
     constexpr std::size_t digitsOfMax = 2;

@@ -64,12 +64,14 @@ void TimerTask::timerIs(Mox::Ptr<TimerWheel> const& wheel) {
     timer_->notifierIs(wheel);
 }
 
+/// The timer outlives the task when somebody else holds it; it forgets the task before the task is gone.
 TimerTask::~TimerTask() {
     moxDoZombieReactors(true);
     timer_->timerTaskIs(nullptr);
     timer_ = nullptr;
 }
 
+/// Disarmed first: an orphan's timer would schedule it where no scheduler is.
 void TimerTask::orphan() {
     disarm();
     Task::orphan();
@@ -82,6 +84,7 @@ void TimerTask::hasNotificationActiveIs(bool active) {
     timer_->hasNotificationActiveIs(active);
 }
 
+/// A timer that is mute for good is taken off the wheel, too, or the wheel would wake the loop for nobody.
 void TimerTask::moxDoZombieReactors(bool zombie) {
     if (zombie == zombieReactors_)
         return;
@@ -98,6 +101,7 @@ void TimerTask::MoxTimer::onTime() {
         timerTask_->handleTimer();
 }
 
+/// An expiry does what scheduling by hand does; the run itself is the pass's.
 void TimerTask::handleTimer() {
     KELTASK_TASK_PROBE(timer, this);
     if (timerTaskInitComplete_)
@@ -136,6 +140,8 @@ void TimerTask::scheduleTask() {
     Task::scheduleTask();
 }
 
+/// Busy is asked once more behind the run: the run may have armed the timer, or it was armed when the run
+/// began.
 void TimerTask::taskRunFromTest() {
     Mox::Ptr<TimerTask> const self = this;
     disarm();
@@ -192,6 +198,9 @@ void TimerTask::scheduleTaskJitterDown(Seconds delayIntoFuture, Mox::U8 maxJitte
     scheduleTaskDelayedPrivate(delay, true);
 }
 
+/// The delay is raised to a tick before it is added to now: the wheel fires no earlier than that anyway, and
+/// the trace tells what really happens. A sum that is no longer finite would stop the timer, and stays the
+/// greatest time.
 void TimerTask::scheduleTaskDelayedPrivate(Seconds delay, bool resetDelayIfAlreadyRunning) {
     sanityCheckCurrentRunningThread();
     MOX_ASSERT_AS("!std::isnan( delayIntoFuture )", !std::isnan(delay));
@@ -223,6 +232,7 @@ void TimerTask::startTimer(Seconds delay, Seconds expiry) {
     updateTaskBusy();
 }
 
+/// Only a timer that was armed leaves an event; taking the task off its queue leaves its own.
 void TimerTask::stopTimerTask() {
     sanityCheckCurrentRunningThread();
     if (timerArmed()) {

@@ -117,7 +117,7 @@ void TypeEntry::refuseIf(std::string_view member, Problem const& problem) const 
 }
 
 /// The guards of the bases stand before a derived type as well, its own first.
-void TypeEntry::pass(Subject const& subject, std::string_view member) const {
+void TypeEntry::askGuard(Subject const& subject, std::string_view member) const {
     for (TypeEntry const* type = this; type; type = type->base_)
         if (type->guard_)
             refuseIf(member, type->guard_(subject));
@@ -127,7 +127,7 @@ void TypeEntry::pass(Subject const& subject, std::string_view member) const {
 
 String TypeEntry::text(Subject const& subject, std::string_view name) const {
     Attribute const& attribute = this->attribute(name);
-    pass(subject, name);
+    askGuard(subject, name);
     return attribute.read(subject);
 }
 
@@ -136,20 +136,20 @@ String TypeEntry::text(Subject const& subject, std::string_view name) const {
 void TypeEntry::textIs(Subject const& subject, std::string_view name, String const& text) const {
     Attribute const& attribute = writable(name);
     refuseIf(name, attribute.problemOfText(text));
-    pass(subject, name);
+    askGuard(subject, name);
     refuseIf(name, attribute.problemOfWriting(subject, text));
     attribute.write(subject, text);
 }
 
 std::vector<String> TypeEntry::keys(Subject const& subject, std::string_view name) const {
     Attribute const& attribute = collection(name);
-    pass(subject, name);
+    askGuard(subject, name);
     return attribute.keys(subject);
 }
 
 String TypeEntry::entryText(Subject const& subject, std::string_view name, String const& key) const {
     Attribute const& attribute = collection(name);
-    pass(subject, name);
+    askGuard(subject, name);
     std::optional<String> text;
     try {
         text = attribute.entry(subject, key);
@@ -167,7 +167,7 @@ String TypeEntry::call(Subject const& subject, std::string_view name, Arguments 
         refuse(name, "takes " + std::to_string(operation.parameterTypes.size()) + " arguments, not " +
                          std::to_string(arguments.size()));
     refuseIf(name, operation.problemOfTexts(arguments));
-    pass(subject, name);
+    askGuard(subject, name);
     refuseIf(name, operation.problemOfCalling(subject, arguments));
     return operation.call(subject, arguments);
 }

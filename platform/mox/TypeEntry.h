@@ -90,7 +90,7 @@ class MOX_EXPORT TypeEntry {
   private:
     [[noreturn]] void refuse(std::string_view member, std::string const& problem) const;
     void refuseIf(std::string_view member, Problem const& problem) const;
-    void pass(Subject const& subject, std::string_view member) const;
+    void askGuard(Subject const& subject, std::string_view member) const;
     Attribute const& collection(std::string_view name) const;
     Attribute const& writable(std::string_view name) const;
     void checkIngredients(Ingredients const& ingredients) const;
