@@ -306,8 +306,7 @@ void TaskScheduler::printHistory(Mox::Ptr<DumpContext const> const&, U32) const 
 
 // Resetting
 
-/// Holds itself: a group may go when it wakes its parent task. The bookmark is set last, since a pass that is
-/// under way may move it in the meantime.
+/// Holds itself: a group may go when it wakes its parent task.
 void TaskScheduler::resetStats() {
     Mox::Ptr<TaskScheduler> const self = this;
     Mox::Ptr<Task> const task = resetStatsTaskIs(this, TaskPriority::normal, schedulerName() + ";ResetStats");

@@ -79,8 +79,7 @@ void TaskSchedulerRoot::timerWheelIs(Mox::Ptr<TimerWheel> const& wheel) { timerW
 
 // Running
 
-/// Both effects of a change come twice at the root; operators' tools know the doubled events. Trimming is due
-/// when nothing else is, so that it delays nobody.
+/// Trimming is asked for when the tree has become idle, so that it delays nobody.
 void TaskSchedulerRoot::schedulerHasRunnableTasksIs(bool hasRunnableTasks) {
     if (hasRunnableTasks == schedulerHasRunnableTasks_)
         return;
