@@ -35,10 +35,15 @@ TaskGroup::TaskGroup(Mox::String8 const& name, TaskPriority priority, bool enfor
     MOX_ASSERT_AS("__null != root_", root());
     preconditionsAre({problemOfRequestOf, problemOfPriorityOf});
     root()->registerScheduler(this);
-    Mox::Ptr<TaskGroupParentTask> const task =
-        taskGroupParentTaskFactory(parentScheduler_, taskGroupPriority_, schedulerName(), this);
-    parentTaskIs(task);
-    task->taskQuantumIs(taskGroupQuantum_);
+    try {
+        Mox::Ptr<TaskGroupParentTask> const task =
+            taskGroupParentTaskFactory(parentScheduler_, taskGroupPriority_, schedulerName(), this);
+        parentTaskIs(task);
+        task->taskQuantumIs(taskGroupQuantum_);
+    } catch (...) { // a parent of an application's class refuses the task
+        root()->unregisterScheduler(this);
+        throw;
+    }
 }
 
 TaskGroup::~TaskGroup() { mox_handleThis(); }
@@ -164,12 +169,6 @@ void TaskGroup::runPasses() {
 bool TaskGroup::quantumIsUsed() const {
     Mox::Ptr<TaskGroupParentTask> const task = attachedTask();
     return task && task->taskShouldYield();
-}
-
-void TaskGroup::MoxParentTask::hasNotificationActiveIs(bool active) {
-    OwnedReactor::hasNotificationActiveIs(active);
-    if (active && owner() && owner()->schedulerHasRunnableTasks() && owner()->canBeRequested())
-        owner()->requestSchedulerRun();
 }
 
 void TaskGroup::MoxParentTask::onTaskRun() {

@@ -99,8 +99,6 @@ class MOX_EXPORT TaskGroup::MoxParentTask
     /// The group is told until null is given.
     void taskGroupIs(TaskGroup* group) { ownerIs(group); }
     void onTaskRun() override;
-    /// Switched on again, it asks for the parent task's run that came, and was spent, meanwhile.
-    void hasNotificationActiveIs(bool active) override;
 
   private:
     void handleNotifier() override;

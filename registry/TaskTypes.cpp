@@ -32,16 +32,6 @@ Problem problemOfTask(Task const& task) {
     return scheduler ? scheduler->problemOfThread() : "";
 }
 
-/// Ending a suspension schedules the task.
-Problem problemOfSuspending(Task const& task, bool suspended) {
-    if (suspended || !task.taskSuspendedForTest())
-        return {};
-    auto const scheduler = task.taskScheduler();
-    if (!scheduler)
-        return "the task has lost its scheduler";
-    return scheduler->schedulerHasRunnableTasks() ? "" : scheduler->problemOfRequest();
-}
-
 /// To change the count is to run the task: its reactors work when they are told.
 Problem problemOfRunIs(Task const& task, U32) { return problemOfRunning(task); }
 
@@ -134,7 +124,7 @@ void addTask(Mox::TypeRegistry& registry) {
         .writable("taskBusy", &Task::taskBusy, &Task::taskBusyIs)
         .writable("taskQuantum", &Task::taskQuantum, &Task::taskQuantumIs, quantumRange)
         .writable("taskSuspendedForTest", &Task::taskSuspendedForTest, &Task::taskSuspendedForTestIs, {},
-                  problemOfSuspending)
+                  &Task::problemOfSuspendedForTest)
         .writable("taskForceYieldInTest", &Task::taskForceYieldInTest, &Task::taskForceYieldInTestIs)
         .writable("taskLastAddedToRunQueueTimeStamp", &Task::taskLastAddedToRunQueueTimeStamp,
                   &Task::taskLastAddedToRunQueueTimeStampIs, stampRange)

@@ -22,7 +22,6 @@ Mox::U32 DeadTasks::collect(std::vector<TaskStat>* out, bool includeIdle) const 
 /// One map a pass, set aside whole: merging it into what an earlier pass has left would take as long as
 /// dropping it.
 void DeadTasks::retire() {
-    counts_.clear();
     if (stats_.empty())
         return;
     Retired& retired = retired_.emplace_back();

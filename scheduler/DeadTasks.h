@@ -11,8 +11,8 @@ namespace Kel {
 /// What a scheduler keeps of its tasks that died: their statistics, merged by name, and how many there were
 /// of each priority.
 ///
-/// Forgetting a name costs about as much as a short run, so names are forgotten in two steps: `retire` makes
-/// the collections empty at once, `dropRetired` lets the names go one by one.
+/// Forgetting a name costs about as much as a short run, so names are forgotten in two steps: `retire` takes
+/// them all out of sight at once, `dropRetired` lets the names go one by one.
 ///
 /// Thread and lifetime: a member of its scheduler, who notifies of changes.
 class DeadTasks {

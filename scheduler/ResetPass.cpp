@@ -7,19 +7,25 @@ namespace Kel {
 void ResetPass::bookmarkIs(TaskKey const& key) {
     bookmark_ = key;
     isDropping_ = false;
+    isMoved_ = true;
 }
 
-/// The maps of dead tasks are empty after every run, the first one too; what they held is dropped once the
-/// tasks are reset.
+/// The maps of dead tasks are empty after every run that resets tasks, the first one too; what they held is
+/// dropped once the tasks are reset. A reset that is asked for meanwhile, by what hears of a name, begins
+/// with the next run.
 void ResetPass::run(DeadTasks& deadTasks) {
-    bool const tasksAreReset = isDropping_ || resetTasks();
-    if (!isDropping_)
+    isMoved_ = false;
+    bool const isDropping = isDropping_;
+    bool const tasksAreReset = isDropping || resetTasks();
+    if (!isDropping) {
+        scheduler_.deadTasksPerPriorityDelAll();
         deadTasks.retire();
+    }
     if (!tasksAreReset)
         return;
     dropNames(deadTasks);
-    isDropping_ = deadTasks.hasRetired();
-    if (isDropping_)
+    isDropping_ = !isMoved_ && deadTasks.hasRetired();
+    if (deadTasks.hasRetired())
         scheduleAgain();
 }
 

@@ -8,8 +8,9 @@ namespace Kel {
 class TaskScheduler;
 
 /// The clearing of a scheduler's statistics by a task of its own: run counts and slip at once, then the
-/// registered tasks, one by one in map order, then the names of dead tasks. Each run of the task works until
-/// the task's quantum is used, but at least one step.
+/// registered tasks, one by one in map order, then the names of dead tasks, which were out of sight since the
+/// first run and of which a derived scheduler hears as they are let go. Each run of the task works until the
+/// task's quantum is used, but at least one step.
 ///
 /// The bookmark says where the next run goes on: the zero key starts a new pass, the key with every bit set
 /// suppresses it, any other is that of the task that was reset last.
@@ -37,6 +38,7 @@ class ResetPass {
     TaskScheduler& scheduler_;
     TaskKey bookmark_ = TaskKey::none();
     bool isDropping_ = false; // all tasks are reset, names are left
+    bool isMoved_ = false;    // the bookmark, since the run began
 };
 
 } // namespace Kel

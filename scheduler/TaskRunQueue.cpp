@@ -19,10 +19,10 @@ void TaskRunQueue::noteTakenBack(Task& task, TaskTimeStamp const& now) {
     earlier = &added;
 }
 
-/// First the head of a task
-/// some runs ahead, then, two runs ahead, all that the task refers to. With many tasks nothing of them is in
-/// a cache when their turn comes, and the list alone cannot tell in time where they are. Source: Luk and
-/// Mowry, "Compiler-Based Prefetching for Recursive Data Structures", 1996 (jump pointers).
+/// Has the caches fetch, while the taken task runs, first the head of a task some runs ahead, then, two runs
+/// ahead, all that the task refers to. With many tasks nothing of them is in a cache when their turn comes,
+/// and the list alone cannot tell in time where they are. Source: Luk and Mowry, "Compiler-Based Prefetching
+/// for Recursive Data Structures", 1996 (jump pointers).
 [[gnu::noinline]] Task* TaskRunQueue::prefetchAfter(Task* taken) {
     Task::prefetchHead(taken->taskRunQueueLink_.ahead());
     if (TaskRunQueueLink* const first = list_.front())

@@ -23,7 +23,7 @@ enum class Leaving : Mox::U8 {
 ///
 /// It owns a task's place in it: all that goes with entering and leaving happens here, and nowhere else. It
 /// knows no clock; who has a task enter or leave says when that is.
-class TaskRunQueue {
+class MOX_EXPORT TaskRunQueue {
   public:
     /// Appends the task, records that, and starts the measurement of its latency. Requires: the task is not
     /// linked.

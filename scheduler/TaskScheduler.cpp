@@ -91,11 +91,15 @@ TaskScheduler::~TaskScheduler() {
         (--queue)->list().clear();
 }
 
+/// A run that came due while the reactor on it was mute was spent: it is asked for again, last of all, since
+/// asking may run foreign code.
 void TaskScheduler::hasNotificationActiveIs(bool active) {
     if (active == hasNotificationActive())
         return;
     hasNotificationActive_ = active;
     ownReactors_.hasNotificationActiveIs(active);
+    if (active && schedulerHasRunnableTasks() && problemOfRequest().empty())
+        requestSchedulerRun();
 }
 
 void TaskScheduler::moxDoZombieReactors(bool zombie) {
@@ -346,6 +350,13 @@ void TaskScheduler::MoxResetStatsTask::onTaskRun() {
 void TaskScheduler::mox_handleResetStatsTask_taskRun() {
     if (resetStatsTaskBookmark() != TaskKey::none())
         handleResetStatsTaskRun();
+}
+
+/// Holds itself: a task that is reset, or a name that is told, may let it go, and the reset-stats task may
+/// stand on another scheduler.
+void TaskScheduler::handleResetStatsTaskRun() {
+    Mox::Ptr<TaskScheduler> const self = this;
+    resetPass_.run(deadTasks_);
 }
 
 // Preconditions

@@ -81,7 +81,8 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     virtual void requestSchedulerRun();
     /// Called by the task's constructor. Requires: a valid priority, a task that is not registered.
     virtual void taskRegister(Task* task);
-    /// Prints the statistics report.
+    /// Prints the statistics report. A class that overrides it says `using TaskScheduler::printStats;`, or
+    /// its short form, below, is hidden.
     virtual void printStats(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent,
                             bool includeNeverRunTasks, bool includeDeadTasks,
                             bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const;
@@ -92,6 +93,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     virtual Mox::U32 deadTasksPerPriorityInc(TaskPriority priority, Mox::U32 count);
     virtual Mox::U32 tasksPerPriorityInc(TaskPriority priority, Mox::U32 count);
     virtual Mox::U32 tasksPerPriorityDec(TaskPriority priority, Mox::U32 count);
+    /// Told of changes only: a task that joins others asks for nothing.
     virtual void schedulerHasRunnableTasksIs(bool hasRunnableTasks);
     /// Where the reset pass goes on: the zero key starts a new pass, the key with every bit set suppresses
     /// it.
@@ -163,7 +165,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     /// Clears all statistics, by a task of its own that works in runs of its quantum.
     void resetStats();
     void mox_handleResetStatsTask_taskRun();
-    void handleResetStatsTaskRun() { resetPass_.run(deadTasks_); }
+    void handleResetStatsTaskRun();
     /// The reset-stats task; null when there is none, or when its reactor has lost it.
     Mox::Ptr<Task> resetter() const;
     Mox::Ptr<Task> newResetStatsTask(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,

@@ -86,12 +86,6 @@ void TaskSchedulerEventLoop::keepEventLoopAlive() {
         keepAliveClock_->notifier()->timeMinIs(keepAlive);
 }
 
-void TaskSchedulerEventLoop::MoxClock::hasNotificationActiveIs(bool active) {
-    OwnedReactor::hasNotificationActiveIs(active);
-    if (active && owner() && owner()->schedulerHasRunnableTasks())
-        owner()->requestSchedulerRun();
-}
-
 void TaskSchedulerEventLoop::MoxClock::onClock() {
     if (owner())
         owner()->handleSchedulerRun();

@@ -57,8 +57,6 @@ class MOX_EXPORT TaskSchedulerEventLoop::MoxClock
     /// The root is told until null is given.
     void taskSchedulerEventLoopIs(TaskSchedulerEventLoop* root) { ownerIs(root); }
     void onClock() override;
-    /// Switched on again, it asks for the run whose request came due, and was spent, meanwhile.
-    void hasNotificationActiveIs(bool active) override;
     /// The timer event, uncounted: each run request asks for it.
     TimerEvent* rawEvent() const {
         return const_cast<TimerEvent*>(static_cast<TimerEvent const*>(rawNotifier()));
@@ -72,8 +70,8 @@ class MOX_EXPORT TaskSchedulerEventLoop::MoxEventLoopKeepAliveClock
     /// The root is told until null is given.
     void taskSchedulerEventLoopIs(TaskSchedulerEventLoop* root) { ownerIs(root); }
     void onClock() override;
-    /// Switched off, it arms its timer all the same: a loop must not run dry because its root is silent.
-    void hasNotificationActiveIs(bool active) override { hasNotificationActive_ = active; }
+    /// It is never switched off: a loop must not run dry because its root is silent.
+    void hasNotificationActiveIs(bool) override {}
 };
 
 MOX_EXPORT Mox::Ptr<TaskSchedulerEventLoop> taskSchedulerEventLoopFactory(Mox::String8 const& name,

@@ -64,12 +64,6 @@ void TaskSchedulerMoxActivity::requestSchedulerRun() {
         clock_->timeMinIs(0.0);
 }
 
-void TaskSchedulerMoxActivity::MoxClock::hasNotificationActiveIs(bool active) {
-    OwnedReactor::hasNotificationActiveIs(active);
-    if (active && owner() && owner()->schedulerHasRunnableTasks())
-        owner()->requestSchedulerRun();
-}
-
 void TaskSchedulerMoxActivity::MoxClock::onTime() {
     if (owner())
         owner()->handleSchedulerRun();

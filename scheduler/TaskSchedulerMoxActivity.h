@@ -43,8 +43,6 @@ class MOX_EXPORT TaskSchedulerMoxActivity::MoxClock
     /// The root is told until null is given.
     void taskSchedulerMoxActivityIs(TaskSchedulerMoxActivity* root) { ownerIs(root); }
     void onTime() override;
-    /// Switched on again, it asks for the run whose request came due, and was spent, meanwhile.
-    void hasNotificationActiveIs(bool active) override;
 };
 
 MOX_EXPORT Mox::Ptr<TaskSchedulerMoxActivity> taskSchedulerMoxActivityFactory(Mox::String8 const& name);

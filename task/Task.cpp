@@ -162,7 +162,7 @@ void Task::scheduleTask() {
         return;
     if (taskSuspendedForTest_) [[unlikely]] {
         taskHistoryInsertNow(EventType::scheduleSus);
-        return updateTaskBusy(); // a timer task has just disarmed its timer
+        return;
     }
     MOX_TRACE_AT(taskSchedulerTrace, 8, "Scheduled " << this);
     TaskTimeStamp const now = Mox::SteadyClock::now();
@@ -181,13 +181,21 @@ void Task::scheduleTask() {
     return record->isAlive();
 }
 
-/// Asked of a task that is told to be queued, nothing asks its scheduler for a run.
 Mox::Problem Task::problemOfScheduling() const {
+    if (taskScheduler_ && (taskRunQueueLink_.isLinked() || taskSuspendedForTest_))
+        return {};
+    return problemOfWaking();
+}
+
+Mox::Problem Task::problemOfSuspendedForTest(bool suspended) const {
+    return suspended || !taskSuspendedForTest_ || taskScheduled() ? "" : problemOfWaking();
+}
+
+/// A scheduler that is runnable already has asked for its run.
+Mox::Problem Task::problemOfWaking() const {
     if (!taskScheduler_)
         return "the task has lost its scheduler";
-    bool const needsNoRun =
-        taskRunQueueLink_.isLinked() || taskSuspendedForTest_ || taskScheduler_->schedulerHasRunnableTasks();
-    return needsNoRun ? "" : taskScheduler_->problemOfRequest();
+    return taskScheduler_->schedulerHasRunnableTasks() ? "" : taskScheduler_->problemOfRequest();
 }
 
 void Task::unscheduleTask() {

@@ -99,8 +99,13 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     /// Runs the task once; the run pass calls it, with the task off its queue. `end` gets the end of the run.
     void taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end);
     TaskStat getStats() const;
-    /// What stands in the way of scheduling the task, which would end in an assertion.
+
+    // What stands in the way of an operation that would end in an assertion.
+
     Mox::Problem problemOfScheduling() const;
+    /// Ending a suspension schedules a task that is not scheduled.
+    Mox::Problem problemOfSuspendedForTest(bool suspended) const;
+
     /// Record an event of the task in the root's history, stamped now or as given; nothing for an orphan.
     void taskHistoryInsertNow(TaskSchedulerEventType eventType) const;
     void taskHistoryInsertTs(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
@@ -170,6 +175,7 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     void handleTaskForceYieldInTest();
 
     bool wakeScheduler();
+    Mox::Problem problemOfWaking() const;
     void tellRun(TaskTimeStamp const& start);
     void record(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
     template <Mox::U32 notification> void notify() const;
@@ -227,6 +233,9 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     Mox::U32 taskQuantumViolation500_ = 0;
     Mox::U32 taskQuantumViolation200_ = 0;
 };
+
+// A link is as long as prefetchHead() reckons with.
+static_assert(sizeof(TaskRunQueueLink) == 3 * sizeof(void*));
 
 inline void Task::prefetchHead(void const* link) {
     constexpr std::ptrdiff_t pointer = sizeof(void*);

@@ -46,7 +46,7 @@ class MOX_EXPORT TaskRecord {
     std::string_view taskName() const { return {reinterpret_cast<char const*>(this + 1), nameLength_}; }
     TaskPriority taskPriority() const { return TaskPriority::PriorityEnumInstance(priority_); }
     TaskTimeDuration taskQuantum() const { return TaskTimeDuration(quantum_); }
-    /// Kept as it is from 0 to one second; whoever takes another one tells it by an assertion.
+    /// From 0 to one second; of another one the lower 32 bits are kept, for as long as it takes to refuse it.
     void taskQuantumIs(TaskTimeDuration quantum) { quantum_ = static_cast<Mox::U32>(quantum.count()); }
     Mox::String const& schedulerName() const { return schedulerName_->name(); }
 

@@ -135,9 +135,14 @@ Seconds TimerTask::currentExpirationTime() const {
 
 // Scheduling
 
+/// Suspended, the task stays off its queue and has lost its timer: it is busy no more. Nothing else happens
+/// in Task::scheduleTask() then, so that the task is still there.
 void TimerTask::scheduleTask() {
     disarm();
+    bool const isSuspended = taskSuspendedForTest();
     Task::scheduleTask();
+    if (isSuspended)
+        updateTaskBusy();
 }
 
 /// Busy is asked once more behind the run: the run may have armed the timer, or it was armed when the run

@@ -27,7 +27,7 @@ class MOX_EXPORT OwnReactors {
   private:
     using Hook = boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>>;
     using Slots = boost::intrusive::list<Slot, boost::intrusive::base_hook<Hook>,
-                                          boost::intrusive::constant_time_size<false>>;
+                                         boost::intrusive::constant_time_size<false>>;
 
     Slots slots_;
 };
@@ -77,13 +77,13 @@ template <class R> class OwnReactor : public OwnReactors::Slot {
             ptrIs(newFor(owner));
         return reactor_;
     }
+    /// One that is not held here yet.
     template <class Owner> static Ptr<R> newFor(Owner* owner) {
         Ptr<R> const reactor = new R;
         reactor->moxFwkActivityIs(owner->moxFwkActivity());
         reactor->ownerIs(owner);
         return reactor;
     }
-    /// Requires: there is none.
     void ptrIs(Ptr<R> const& reactor) { reactor_ = reactor; }
 
     /// Lets the reactor go, mute for good and without its owner, and returns it. The member is empty before

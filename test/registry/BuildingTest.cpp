@@ -96,7 +96,7 @@ TEST_F(BuildingTest, ValuesReadAsTheyWereBuilt) {
              {"Kel::TaskKey", "18446744073709551615", "-1"},
              {"Kel::ProcessId", "-2", "1 "},
              {"Kel::TaskPriority", "'scavenge'", "'lowest'"},
-             {"Kel::TaskSchedulerEventType", "17", "18"},
+             {"Kel::TaskSchedulerHistory::EventType", "17", "18"},
              {"Kel::TaskStat::TaskStatus", "31", "32"}}) {
         std::any value = built(type, {{"value", good}});
         auto const& entry = Mox::typeRegistry().type(type);

@@ -99,7 +99,8 @@ class TaskProgram : HandTree {
         record(queued_ ? "schedule" : "scheduleSus");
         if (queued_)
             queuedAt_ = steady.now();
-        updateBusy();
+        if (queued_ || timer_)
+            updateBusy();
     }
     void leaveQueue() {
         queued_ = false;
