@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 namespace {
 
 using Mox::Ptr;
@@ -28,8 +30,7 @@ TEST(PtrDeathTest, LastOneEndsTheEntityOnceAndNoneMayOutliveIt) {
     Ptr<Mortal> first = new Mortal(zeroes, nullptr);
     Ptr<Mox::PtrInterface> base = first;                  // copied to the base
     Ptr<Mox::PtrInterface const> moved = std::move(base); // moved, and moves its count along
-    EXPECT_EQ(2u, first->references());
-    first = nullptr;
+    EXPECT_EQ(2u, std::exchange(first, nullptr)->references());
     EXPECT_EQ(0, zeroes);
     moved = nullptr;
     EXPECT_EQ(1, zeroes);
