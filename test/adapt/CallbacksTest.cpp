@@ -33,6 +33,7 @@ TEST_F(CallbacksTest, EachHearsItsOwnNotificationAndNoOther) {
         Kel::onTaskQuantumViolation200(t, says("200% ")),
         Kel::onTaskRun(t, says("run ")),
         Kel::onTaskCurrentlyRunning(t, says("running ")),
+        Kel::onTaskBusy(timer, says("! ")), // is told nothing of what only timers tell
         Kel::onTimerTaskInitComplete(timer, says("complete ")),
         Kel::onTaskGroup(parent, says("group ")),
         Kel::onClock(event, says("event ")),

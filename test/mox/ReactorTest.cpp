@@ -23,12 +23,12 @@ class Lamp : public Mox::PtrInterface {
   public:
     class NotifieeConst;
     using Notifiee = Mox::NonConstNotifieeOf<Lamp, NotifieeConst>;
-    enum : U32 { light, colour };
+    enum : U32 { light };
 
     void lightUp() const { reactors_.notify<light>(); }
     Mox::ReactorChain* moxReactors() const { return &reactors_; }
 
-  protected:
+  private:
     mutable Mox::ReactorList<NotifieeConst> reactors_;
 };
 
@@ -37,41 +37,6 @@ class Lamp::NotifieeConst : public Mox::NotifieeOf<Lamp> {
     virtual void onLight() {}
     static constexpr auto callback(U32) { return &NotifieeConst::onLight; }
 };
-
-/// A type that extends the notifying type by a notification of its own.
-class ColouredLamp : public Lamp {
-  public:
-    class NotifieeConst;
-    void colourIs() const { reactors_.notify<colour, NotifieeConst>(); }
-};
-
-class ColouredLamp::NotifieeConst : public Mox::NotifieeOf<ColouredLamp, Lamp::NotifieeConst> {
-  public:
-    virtual void onColour() {}
-    static constexpr auto callback(U32) { return &NotifieeConst::onColour; }
-};
-
-/// Writes down what it is told.
-template <class Reactor> struct Watcher : Reactor {
-    void onLight() override { told += 'l'; }
-    virtual void onColour() { told += 'c'; }
-    std::string told;
-};
-
-TEST(Reactor, OfADerivedTypeHearsBothWhileAPlainOneHearsItsOwn) {
-    Ptr<ColouredLamp> const lamp = new ColouredLamp;
-    Ptr<Watcher<Lamp::Notifiee>> const plain = new Watcher<Lamp::Notifiee>;
-    Ptr<Watcher<ColouredLamp::NotifieeConst>> const both = new Watcher<ColouredLamp::NotifieeConst>;
-    plain->notifierIs(lamp);
-    both->notifierIs(lamp);
-    lamp->lightUp();
-    lamp->colourIs();
-    EXPECT_EQ("l", plain->told);
-    both->Lamp::NotifieeConst::notifierIs(new Lamp); // a plain lamp will do, but is no coloured one
-    EXPECT_EQ(nullptr, both->notifier());
-    both->Lamp::NotifieeConst::notifier()->lightUp();
-    EXPECT_EQ("lcl", both->told);
-}
 
 /// A random program of walks, nested ones too, whose callbacks change the list, against a model: each joining
 /// draws a ticket, and a walk tells the tickets drawn before it that are still good. What a callback throws
