@@ -86,7 +86,6 @@ TEST(ClockDeathTest, AssertsOnTimesThatCannotBe) {
     TestSupport::VirtualTime time;
     time.clock->nowIs(5);
     EXPECT_DEATH(time.clock->nowIs(4), "time >= now_");
-    EXPECT_DEATH(time.clock->nowIs(Mox::endOfTime), "std::isfinite\\( time \\)");
     Ptr<Alarm> const alarm = new Alarm(Ptr<Mox::Clock>(time.clock), [] {});
     EXPECT_DEATH(alarm->timeMinIs(std::nan("")), "!std::isnan\\( time \\)");
 }

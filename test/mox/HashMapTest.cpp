@@ -50,19 +50,10 @@ TEST(HashMap, ARandomProgramDoesWhatASortedMapDoes) {
         expectSame(map.begin(), map.end(), model.begin(), model.end());
     }
     Mox::HashMap<Key, int> copy;
-    EXPECT_FALSE(copy.erase(Key{1}));
     copy.valueIs(Key{~0u}, 1);
     copy = map;
     copy = *&copy;
     EXPECT_TRUE(std::ranges::equal(copy, model)) << "a copy";
-}
-
-TEST(HashOrder, SpreadsAddressesOverTheBuckets) {
-    constexpr U32 buckets = 4096;
-    std::set<U32> used;
-    for (U32 i = 0; i < buckets; ++i)
-        used.insert(Mox::hashOrder(reinterpret_cast<Key*>(std::uintptr_t{0x5000000} + 16 * i)) >> 20);
-    EXPECT_GT(used.size(), buckets / 2); // throwing balls at random would use 63 in 100
 }
 
 } // namespace

@@ -44,8 +44,6 @@ TEST(TraceHandle, FormatsOnlyWhatIsEnabledForItsSinkOrAsOneLineOnStandardError) 
     });
     trace();
     trace();
-    handle.levelEnabledIs(4, false);
-    trace();
     EXPECT_THAT(
         testing::internal::GetCapturedStderr(),
         testing::MatchesRegex("[^\n]*Default/4 TraceHandleTest::operator\\(\\) 100 %s \\{\\} of it 2\n"));
