@@ -210,12 +210,9 @@ class LoopProgram {
         serve();
         turn_ += kind == once;
         frames_.push_back({kind, limit, turn_, 0});
-        std::size_t const posts = isApplications ? 0 : random_.below(3);
-        for (std::size_t i = 0; i < posts; ++i)
-            boost::asio::post(loop_.turns.ioContext(), [] {});
         Mox::U64 const counted = loop_.runs(kind, limit);
         EXPECT_EQ(nullptr, next()) << "was not called";
-        EXPECT_EQ(kind == once ? frames_.back().pops + posts : 0, counted);
+        EXPECT_EQ(kind == once ? frames_.back().pops : 0, counted);
         EXPECT_EQ(now_, time_.clock->now());
         frames_.pop_back();
         stopped_ = stopped_ || outerStopped;
@@ -273,8 +270,7 @@ TEST_P(LoopTest, ServesTimersAndDescriptorsAtTheEndOfEachBudget) {
             boost::asio::post(loop.turns.ioContext(), [&] {
                 int const used = turns - std::exchange(polled, turns);
                 EXPECT_TRUE(used == turns || used == 0 || turns >= 1000 ||
-                            (used >= c.least && used <= c.most))
-                    << used;
+                            (used >= c.least && used <= c.most));
             });
             if (++turns == 1000)
                 steady.advance(20ms); // the timer comes due, if it has not before

@@ -51,10 +51,4 @@ TEST(TraceHandle, FormatsOnlyWhatIsEnabledForItsSinkOrAsOneLineOnStandardError) 
     EXPECT_EQ(2, formatted);
 }
 
-TEST(TraceHandleDeathTest, AssertsOnASecondDefinitionAndAnUnknownLevel) {
-    TraceHandle handle("Pump");
-    EXPECT_DEATH(TraceHandle second("Pump"), "no trace handle of that name was asked for before");
-    EXPECT_DEATH(handle.levelEnabledIs(10, true), "level <= 9");
-}
-
 } // namespace
