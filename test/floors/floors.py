@@ -4,7 +4,7 @@ usage: floors.py ROOT
 
 A file includes its own folder and the floors below; folders on one floor know nothing of each other. What lies in a
 folder's detail/ is for that folder's sources and detail/, not for its public headers, and for other folders' only where
-PRIVATE_FOR names it. README.md and docs/design.md show the same floors in the same order.
+EXCEPTIONS names it. README.md and docs/design.md show the same floors in the same order.
 """
 
 import re
@@ -27,13 +27,9 @@ FLOORS = [
 PROGRAMS = FLOORS[0]
 FLOOR = {folder: floor for floor, folders in enumerate(FLOORS) for folder in folders}
 
-# What is included from below: (folder, includer, reason)
-UPWARDS = [
+# What is included from below, as its folder, or of another folder's detail/: (what, includer, reason)
+EXCEPTIONS = [
     ("scheduler", "task/*.cpp", "a task's sources know schedulers, its headers know them by forward declaration"),
-]
-
-# What is included of another folder's detail/: (file, includer, reason)
-PRIVATE_FOR = [
     ("task/detail/TaskTrace.h", "scheduler/*.cpp", "tasks and schedulers write to one trace handle"),
     ("task/detail/Probes.h", "scheduler/*.cpp", "a run's probes stand where schedulers run tasks"),
     ("platform/mox/detail/StrepCursor.h", "*.cpp", "value types of all floors read their text with it"),
@@ -62,8 +58,8 @@ def included(root, file):
             yield angled or quoted
 
 
-def allowed(file, what, table):
-    return any(what == row[0] and fnmatch(file, row[1]) for row in table)
+def allowed(file, what):
+    return any(what == excepted and fnmatch(file, includer) for excepted, includer, _ in EXCEPTIONS)
 
 
 def problem(file, path):
@@ -74,9 +70,9 @@ def problem(file, path):
             return "a public header includes what is private"
     elif other is None:
         return "not found, or in no folder of the floors"
-    elif FLOOR[other] <= FLOOR[own] and not allowed(file, other, UPWARDS):
+    elif FLOOR[other] <= FLOOR[own] and not allowed(file, other):
         return "upwards" if FLOOR[other] < FLOOR[own] else "sideways"
-    elif "/detail/" in path and (own in PROGRAMS or not allowed(file, path, PRIVATE_FOR)):
+    elif "/detail/" in path and (own in PROGRAMS or not allowed(file, path)):
         return f"private to {other}/"
     return None
 
@@ -84,9 +80,9 @@ def problem(file, path):
 def orders_told(root):
     """The floors as each document's first table has them: a line a floor, folders in backquotes in its first cell."""
     for document in ("README.md", "docs/design.md"):
-        table = re.search(r"^\|[ :-]*-[-| :]*\n((?:\|.*\n)+)", (root / document).read_text(), re.MULTILINE)
-        lines = table[1].splitlines() if table else []
-        yield document, [folder for line in lines for folder in re.findall(r"`([\w/]+)/`", line.split("|")[1])]
+        rows = re.search(r"^\|[ :-]*-[-| :]*\n((?:\|.*\n)+)", (root / document).read_text(), re.MULTILINE)[1]
+        cells = [row.split("|")[1] for row in rows.splitlines()]
+        yield document, [folder for folder in re.findall(r"`([\w/]+)/`", "".join(cells)) if folder in FLOOR]
 
 
 def main(root):
@@ -96,15 +92,12 @@ def main(root):
     wrong = [f"{file}: includes {path}: {what}" for file, path in includes if (what := problem(file, path))]
 
     wrong += [f"the exception is not used: {what} for {includer}"
-              for what, includer, _ in UPWARDS + PRIVATE_FOR
+              for what, includer, _ in EXCEPTIONS
               if not any(fnmatch(file, includer) and what in (path, folder_of(path)) for file, path in includes)]
     expected = [folder for folder in FLOOR if (root / folder).is_dir()]
-    for document, told in orders_told(root):
-        if [folder for folder in told if folder in FLOOR] != expected:
-            wrong.append(f"{document}: shows the floors as {told}, here they are {expected}")
-
-    print("\n".join(wrong) if wrong else f"{len(files)} files, {len(includes)} includes of ours: none upwards")
-    return 1 if wrong else 0
+    wrong += [f"{document}: shows the floors as {told}, here they are {expected}"
+              for document, told in orders_told(root) if told != expected]
+    return "\n".join(wrong) or 0
 
 
 sys.exit(main(Path(sys.argv[1]).resolve()))
