@@ -24,7 +24,6 @@ FLOORS = [
     ["platform/kel"],
     ["platform/mox"],
 ]
-PROGRAMS = FLOORS[0]
 FLOOR = {folder: floor for floor, folders in enumerate(FLOORS) for folder in folders}
 
 # What is included from below, as its folder, or of another folder's detail/: (what, includer, reason)
@@ -72,7 +71,7 @@ def problem(file, path):
         return "not found, or in no folder of the floors"
     elif FLOOR[other] <= FLOOR[own] and not allowed(file, other):
         return "upwards" if FLOOR[other] < FLOOR[own] else "sideways"
-    elif "/detail/" in path and (own in PROGRAMS or not allowed(file, path)):
+    elif "/detail/" in path and (own in FLOORS[0] or not allowed(file, path)):
         return f"private to {other}/"
     return None
 

@@ -12,16 +12,14 @@ namespace {
 using namespace TestSupport;
 
 /// Everything that a tree does, on a thread of its own: runs, timers, statistics, history, reports, death.
-void useATree(std::string const& name, U32 runs) {
+void useATree(U32 runs) {
     VirtualTime timers(true);
     Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
-    auto const root = TaskSchedulerEventLoop::TaskSchedulerEventLoopIs(name, loop);
+    auto const root = TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", loop);
     auto const worker = Task::TaskIs(root, TaskPriority::high, "worker");
     auto const timer = TimerTask::TimerTaskIs(root, TaskPriority::low, "timer");
     Ptr<OnRun> const works = new OnRun(worker, [&] {
         Task::TaskIs(root, TaskPriority::normal, "short")->scheduleTask();
-        if (!worker->taskShouldYield())
-            worker->taskWorkCountInc(1);
         if (worker->taskRun() < runs)
             worker->scheduleTask();
     });
@@ -29,13 +27,9 @@ void useATree(std::string const& name, U32 runs) {
     worker->scheduleTask();
     timer->scheduleTaskDelay(0.5);
     loop->runUntil(100.0); // the history is trimmed meanwhile
-    EXPECT_EQ(runs, worker->taskRun());
     EXPECT_GT(timer->taskRun(), 150u);
     EXPECT_EQ(runs, root->deadTasksPerPriority(TaskPriority::normal));
-
-    auto const sink = StringDumpContext::StringDumpContextIs();
-    root->printStats(sink, 0, true, true, true, true);
-    EXPECT_NE(std::string::npos, sink->text().find("worker"));
+    root->printStats(StringDumpContext::StringDumpContextIs(), 0, true, true, true, true);
     root->resetStats();
     loop->runUntil(101.0);
     EXPECT_EQ(0u, worker->taskRun());
@@ -43,7 +37,7 @@ void useATree(std::string const& name, U32 runs) {
 }
 
 TEST(Roots, OneAThreadRunSideBySide) {
-    std::thread first(useATree, "first", 2000), second(useATree, "second", 2000);
+    std::thread first(useATree, 2000), second(useATree, 2000);
     first.join();
     second.join();
 }

@@ -23,14 +23,10 @@ struct Model {
     };
 
     bool bump(std::size_t p) const {
-        double const weight[] = {0, 64, 8, 1, 0};
-        auto const backlog = [&](std::size_t q) {
-            return static_cast<double>(queues[q].tasks.size()) * weight[q];
-        };
-        double lower = 0;
-        for (std::size_t q = p + 1; q < 5; ++q)
-            lower += backlog(q);
-        return (p == 1 || p == 2) && lower * queues[p].streak > backlog(p);
+        auto const size = [&](std::size_t q) { return static_cast<double>(queues[q].tasks.size()); };
+        double const own = p == 1 ? 64 * size(1) : 8 * size(2);
+        double const lower = (p == 1 ? 8 * size(2) : 0) + size(3);
+        return (p == 1 || p == 2) && lower * queues[p].streak > own;
     }
     int pick(std::size_t p = 0) {
         for (; p < 5 && queues[p].tasks.empty(); ++p)
@@ -69,7 +65,7 @@ class RandomSchedule {
         Slot& slot = slots_.at(i);
         auto& queue = model_.queues[slot.priority];
         std::size_t const operation = random_.below(40);
-        random_.doing(operation < names.size() ? names[operation] : "schedule or pass", i);
+        random_.doing("operation " + std::to_string(operation) + " on", i);
         switch (operation) {
         case 0: // dies: counts as run when it is scheduled
             queue.runs += model_.remove(slot.priority, i);
@@ -94,7 +90,6 @@ class RandomSchedule {
         for (std::size_t p = 0; p < 5; ++p) {
             auto& real = tree_.root->runQueue(priority(p));
             auto const& model = model_.queues[p];
-            longest_ = std::max(longest_, model.tasks.size());
             ASSERT_EQ(model.tasks.size(), tree_.root->runnableTaskCount(priority(p)));
             ASSERT_EQ(model.runs, tree_.root->runTaskCount(priority(p)));
             ASSERT_EQ(model.streak, real.backToBackRunCount());
@@ -106,12 +101,9 @@ class RandomSchedule {
         ASSERT_EQ(0u, tree_.root->moxAuditErrors(1));
         ASSERT_EQ(slots_.size(), tree_.root->tasksRegistered().size());
     }
-    std::size_t longest() const { return longest_; }
 
   private:
     static constexpr int maxTasks = 500;
-    static constexpr std::array names{"dies", "is run from a test", "unschedule", "bookmark",
-                                      "pick", "long streak"};
     struct Slot {
         std::size_t priority;
         Ptr<Task> task;
@@ -152,22 +144,9 @@ class RandomSchedule {
     }
     void expectRan(int expected) { ASSERT_EQ(expected, std::exchange(ran_, -1)); }
     void pass() {
-        bool const lowMayWait = model_.queues[0].tasks.empty() && !model_.queues[3].tasks.empty();
-        U64 const potential = lowMayWait ? longestWait() : ~U64{0};
         int const expected = model_.pick();
-        bool const isLow = expected >= 0 && slots_.at(expected).priority == 3;
         tree_.root->handleSchedulerRun();
         expectRan(expected);
-        ASSERT_TRUE(!lowMayWait || isLow || longestWait() < potential) << "low tasks come nearer";
-    }
-    /// How many passes a low task that is runnable waits at most, by the streaks of the other queues.
-    U64 longestWait() const {
-        constexpr U64 high = 64 * U64{maxTasks} + 1, normal = 8 * U64{maxTasks} + 1;
-        auto const left = [&](std::size_t p, U64 longestStreak) {
-            U64 const streak = tree_.root->runQueue(priority(p)).backToBackRunCount();
-            return longestStreak - std::min(streak, longestStreak);
-        };
-        return left(2, normal) * (high + 1) + left(1, high) + 1;
     }
 
     Random random_;
@@ -175,7 +154,7 @@ class RandomSchedule {
     std::vector<TaskRunQueueLink> bookmarks_{5, TaskRunQueueLink(TaskRunQueueLink::Entry::bookmark)};
     Model model_;
     std::map<int, Slot> slots_;
-    std::size_t favourite_ = 2, longest_ = 0;
+    std::size_t favourite_ = 2;
     bool grows_ = true;
     int ran_ = -1;
 };
@@ -187,7 +166,6 @@ TEST(RunOrderModel, HoldsQueuesBumpRuleStreaksAndCounters) {
         program.step();
         program.compare(step % 256 == 0);
     }
-    EXPECT_GT(program.longest(), 200u);
 }
 
 } // namespace
