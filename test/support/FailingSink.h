@@ -2,24 +2,19 @@
 
 #include <ostream>
 #include <streambuf>
+#include <string>
 
 namespace TestSupport {
 
 /// A stream that takes so many bytes and no more.
 class FailingSink : private std::streambuf, public std::ostream {
   public:
-    explicit FailingSink(std::size_t bytes) : std::ostream(this), left_(bytes) {}
-
-  private:
-    using Buffer = std::streambuf;
-    Buffer::int_type overflow(Buffer::int_type byte) override {
-        if (left_ == 0)
-            return Buffer::traits_type::eof();
-        --left_;
-        return Buffer::traits_type::not_eof(byte);
+    explicit FailingSink(std::size_t bytes) : std::ostream(this), taken_(bytes, '\0') {
+        setp(taken_.data(), taken_.data() + bytes);
     }
 
-    std::size_t left_;
+  private:
+    std::string taken_;
 };
 
 } // namespace TestSupport

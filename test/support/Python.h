@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,16 +20,15 @@ inline std::vector<std::string> python(std::string const& script, std::string_vi
     ::close(::mkstemp(path.data()));
     std::ofstream(path, std::ios::binary) << input;
     auto const folder = std::filesystem::path(__FILE__).parent_path().parent_path();
-    std::string const command = "python3 '" + (folder / script).string() + "' < '" + path + "' 2>&1";
-    FILE* const pipe = popen(command.c_str(), "r");
-    std::stringstream output;
-    for (int c; pipe && (c = std::fgetc(pipe)) != EOF;)
-        output << static_cast<char>(c);
-    EXPECT_EQ(0, pclose(pipe)) << output.str();
-    std::filesystem::remove(path);
+    std::string const output = path + ".out";
+    std::string const command = "python3 '" + (folder / script).string() + "' < '" + path + "' > '" + output + "'";
+    EXPECT_EQ(0, std::system(command.c_str()));
     std::vector<std::string> lines;
-    for (std::string line; std::getline(output, line);)
+    std::ifstream file(output);
+    for (std::string line; std::getline(file, line);)
         lines.push_back(line);
+    std::filesystem::remove(path);
+    std::filesystem::remove(output);
     return lines;
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <scheduler/TaskSchedulerPriorityStats.h>
 #include <support/Random.h>
 #include <task/TaskStat.h>
 
@@ -40,28 +39,23 @@ class RandomRecords {
         return random_.oneIn(3) || std::isnan(any) ? random_.of(ends) : any;
     }
 
-    /// In half the cases outside the enumeration.
-    Kel::TaskPriority priority() {
-        Mox::U32 const number =
-            random_.oneIn(2) ? this->number<Mox::U32>() : static_cast<Mox::U32>(random_.below(6));
-        return Kel::TaskPriority::PriorityEnumInstance(number);
-    }
-
-    Kel::TaskStat taskStat() { return record<Kel::TaskStat>(); }
-    Kel::TaskSchedulerPriorityStats priorityStats() { return record<Kel::TaskSchedulerPriorityStats>(); }
-
-  private:
-    template <class T> T record() {
-        T result;
-        boost::mp11::mp_for_each<Mox::FieldsOf<T>>([&](auto field) { fill(result.*field.pointer); });
+    Kel::TaskStat taskStat() {
+        Kel::TaskStat result;
+        boost::mp11::mp_for_each<Mox::FieldsOf<Kel::TaskStat>>(
+            [&](auto field) { fill(result.*field.pointer); });
         return result;
     }
+
+  private:
     void fill(Mox::String& field) { field = name(); }
     void fill(double& field) { field = seconds(); }
-    void fill(Mox::U32& field) { field = number<Mox::U32>(); }
-    void fill(Mox::U64& field) { field = number<Mox::U64>(); }
+    template <class T> void fill(T& field) { field = number<T>(); }
     void fill(Kel::TaskKey& field) { field = Kel::TaskKey(number<Mox::U64>()); }
-    void fill(Kel::TaskPriority& field) { field = priority(); }
+    /// In half the cases outside the enumeration.
+    void fill(Kel::TaskPriority& field) {
+        field = Kel::TaskPriority::PriorityEnumInstance(
+            random_.oneIn(2) ? number<Mox::U32>() : static_cast<Mox::U32>(random_.below(6)));
+    }
     void fill(Kel::TaskStat::TaskStatus& field) { field.valueIs(static_cast<Mox::U32>(random_.below(32))); }
 
     Random random_;

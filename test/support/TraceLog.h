@@ -2,6 +2,7 @@
 
 #include <mox/TraceHandle.h>
 
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,7 +16,7 @@ class TraceLog {
         : handle_(Mox::TraceHandle::traceHandle(name)), levels_(std::move(levels)) {
         handle_.sinkIs([this](Mox::TraceRecord const& r) {
             text_ += std::to_string(r.level) + ' ' + std::string(r.source) + ' ' + std::string(r.function) +
-                     ": " + withoutAddresses(r.text) + '\n';
+                     ": " + std::regex_replace(std::string(r.text), std::regex("@0x[0-9a-f]+"), "@") + '\n';
         });
         for (Mox::U32 level : levels_)
             handle_.levelEnabledIs(level, true);
@@ -32,13 +33,6 @@ class TraceLog {
     std::string take() { return std::exchange(text_, {}); }
 
   private:
-    static std::string withoutAddresses(std::string_view text) {
-        std::string result(text);
-        for (auto at = result.find("@0x"); at != std::string::npos; at = result.find("@0x", at))
-            result.erase(at + 1, result.find_first_not_of("0123456789abcdef", at + 3) - at - 1);
-        return result;
-    }
-
     Mox::TraceHandle& handle_;
     std::vector<Mox::U32> const levels_;
     std::string text_;

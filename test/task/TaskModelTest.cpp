@@ -2,7 +2,6 @@
 #include <task/TimerTask.h>
 
 #include <support/HandRoot.h>
-#include <support/Play.h>
 #include <support/Random.h>
 #include <support/TaskReactors.h>
 
@@ -19,6 +18,15 @@ using Duration = ManualClock::Duration;
 constexpr Seconds most = std::numeric_limits<Seconds>::max();
 
 Seconds secondsOf(Duration duration) { return toSeconds(Nanoseconds(duration.count())); }
+
+/// Has the operations of a text performed one by one, each "name" or "name:number".
+template <class Perform> void play(std::string const& operations, Perform const& perform) {
+    std::istringstream stream(operations);
+    for (std::string name; stream >> name;) {
+        auto const colon = std::min(name.find(':'), name.size());
+        perform(name.substr(0, colon), colon == name.size() ? 0.0 : std::stod(name.substr(colon + 1)));
+    }
+}
 
 enum class Kind { task, parentTask, timerTask };
 
