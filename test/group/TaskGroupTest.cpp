@@ -63,35 +63,22 @@ TEST_F(TaskGroupTest, IsOneTaskWhoseRunsAndEventsEncloseThoseOfItsTasks) {
 }
 
 TEST_F(TaskGroupTest, IsBoundedByItsQuantumAndTheRestWaits) {
-    struct {
-        Seconds outerQuantum, innerQuantum;
-        std::string order; // of four passes of the root
-    } const cases[] = {
+    // The quanta of the outer and of the inner group, and the order in four passes of the root.
+    std::tuple<Seconds, Seconds, std::string> const cases[] = {
         {0.001, 0.006, "i+ r+ i+ r+"},
         {0.001, 0.0061, "i+ i+ r+ i+ i+ r+"},
-        {0.0061, 0.001, "i+ i+ r+ i+ i+ r+"},
         {0.02, 0.01, "i+ i+ i+ i+ r+ i+ i+ i+ i+ r+"},
     };
-    for (auto const& c : cases) {
+    for (auto const& [outerQuantum, innerQuantum, expected] : cases) {
         workers.clear();
         root->runUntilIdle();
         auto const inner = group("inner", g);
-        g->taskGroupQuantumIs(c.outerQuantum);
-        inner->taskGroupQuantumIs(c.innerQuantum);
+        g->taskGroupQuantumIs(outerQuantum);
+        inner->taskGroupQuantumIs(innerQuantum);
         work(inner, "i+");
         work(root, "r+");
-        EXPECT_EQ(c.order, run(4));
+        EXPECT_EQ(expected, run(4));
     }
-}
-
-TEST_F(TaskGroupTest, QuantumSpentBeforeTheFirstPassLeavesTheWorkForTheNextRun) {
-    Ptr<OnAnything> const slow = new OnAnything(parent, [&](std::string_view callback) {
-        if (callback == "onTaskCurrentlyRunning" && parent->taskRun() == 0)
-            steady.advance(20ms);
-    });
-    work(g, "w");
-    EXPECT_EQ("", run(1));
-    EXPECT_EQ("w", run(1));
 }
 
 TEST_F(TaskGroupTest, DetachedInItsLoopRunsDryWhateverTheQuantum) {
@@ -166,7 +153,7 @@ enum class LetGo { allFromTheRootOn, allButParentTasks, allButTasks };
 /// once the work is queued, or at one of the callbacks that their tasks make, before or after the groups hear
 /// of them.
 struct Scene : HandTree {
-    explicit Scene(int levels) {
+    Scene(int levels, LetGo those, int callback) : what(those), releaseAt(callback) {
         Ptr<TaskScheduler> scheduler = root;
         for (int level = 0; level < levels; ++level) {
             auto const group = groups.emplace_back(
@@ -196,48 +183,45 @@ struct Scene : HandTree {
         if (those != LetGo::allButParentTasks)
             parents.clear();
     }
-    void play() {
+    /// Plays it to its end.
+    bool isReleasedAtACallback() {
+        auto const name = root->nameRecord();
         root->resetStats();
         for (std::size_t i = 0; i < tasks.size(); ++i)
             Ptr<Task>(tasks[i])->scheduleTask();
         releaseIfDue();
         while (root && root->schedulerHasRunnableTasks())
             root->handleSchedulerRun();
+        bool const released = releaseAt < 0;
+        EXPECT_TRUE(tasks.empty() || !tasks[0]->taskScheduled()) << "tasks keep groups going";
+        release(what);
+        EXPECT_TRUE(what != LetGo::allButParentTasks || !parents.back()->taskGroup())
+            << "the others keep groups that they are in";
+        EXPECT_EQ(0u, root ? root->moxAuditErrors(1) : 0u);
+        release(LetGo::allFromTheRootOn);
+        EXPECT_EQ(1, name->use_count()) << "everything went";
+        return released;
     }
 
+    LetGo const what;
+    int releaseAt;
     std::vector<Ptr<TaskGroup>> groups;
     std::vector<Ptr<TaskGroupParentTask>> parents;
     std::vector<Ptr<Task>> tasks;
     std::vector<Ptr<OnAnything>> watches;
-    int releaseAt = 0;
-    LetGo what = LetGo::allFromTheRootOn;
 };
 
-class GroupLife : public testing::TestWithParam<std::tuple<int, LetGo>> {};
-INSTANTIATE_TEST_SUITE_P(Groups, GroupLife,
-                         testing::Combine(testing::Values(1, 3),
-                                          testing::Values(LetGo::allFromTheRootOn, LetGo::allButParentTasks,
-                                                          LetGo::allButTasks)));
-
-TEST_P(GroupLife, MayEndInsideAnyCallbackOfItsTasks) {
-    auto const [levels, what] = GetParam();
-    int callbacks = 0;
-    for (bool released = true; released; ++callbacks) {
-        SCOPED_TRACE(callbacks);
-        Scene scene(levels);
-        auto const name = scene.root->nameRecord();
-        scene.releaseAt = callbacks, scene.what = what;
-        scene.play();
-        released = scene.releaseAt < 0;
-        EXPECT_TRUE(scene.tasks.empty() || !scene.tasks[0]->taskScheduled()) << "tasks keep groups going";
-        scene.release(what);
-        EXPECT_TRUE(what != LetGo::allButParentTasks || !scene.parents.back()->taskGroup())
-            << "the others keep groups that they are in";
-        EXPECT_EQ(0u, scene.root ? scene.root->moxAuditErrors(1) : 0u);
-        scene.release(LetGo::allFromTheRootOn);
-        EXPECT_EQ(1, name->use_count()) << "everything went";
-    }
-    EXPECT_GT(callbacks, 9 + 8 * levels) << "the scene is played to its end";
+TEST(GroupLife, MayEndInsideAnyCallbackOfItsTasks) {
+    for (int const levels : {1, 3})
+        for (LetGo const what : {LetGo::allFromTheRootOn, LetGo::allButParentTasks, LetGo::allButTasks}) {
+            int callbacks = 0;
+            for (bool released = true; released; ++callbacks) {
+                SCOPED_TRACE(testing::Message()
+                             << levels << ' ' << static_cast<int>(what) << ' ' << callbacks);
+                released = Scene(levels, what, callbacks).isReleasedAtACallback();
+            }
+            EXPECT_GT(callbacks, 9 + 8 * levels) << "the scene is played to its end";
+        }
 }
 
 } // namespace

@@ -16,22 +16,33 @@ namespace TestSupport {
 class ManualClock {
   public:
     using Duration = std::chrono::nanoseconds;
+    /// What the calling thread's clock is, as far as it is taken in hand.
+    struct State {
+        bool manual = false;
+        Duration now{}, perReading{};
+        std::uint64_t readings = 0;
+    };
 
     explicit ManualClock(Duration start = std::chrono::seconds(1000));
-    ~ManualClock();
+    ~ManualClock() { state_ = {}; }
     ManualClock(ManualClock const&) = delete;
     ManualClock& operator=(ManualClock const&) = delete;
 
     /// The present time; looking at it here is no reading.
-    Duration now() const;
-    void nowIs(Duration time);
+    Duration now() const { return state_.now; }
+    void nowIs(Duration time) { state_.now = time; }
     /// A negative duration turns the clock back.
     void advance(Duration duration) { nowIs(now() + duration); }
 
     /// Every reading moves the clock by so much, after it was taken: work takes time.
-    void perReadingIs(Duration duration);
+    void perReadingIs(Duration duration) { state_.perReading = duration; }
     /// How often the thread has read the clock.
-    std::uint64_t readings() const;
+    std::uint64_t readings() const { return state_.readings; }
+
+    static State& state() { return state_; }
+
+  private:
+    static constinit thread_local State state_;
 };
 
 } // namespace TestSupport

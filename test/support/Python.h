@@ -21,7 +21,8 @@ inline std::vector<std::string> python(std::string const& script, std::string_vi
     std::ofstream(path, std::ios::binary) << input;
     auto const folder = std::filesystem::path(__FILE__).parent_path().parent_path();
     std::string const output = path + ".out";
-    std::string const command = "python3 '" + (folder / script).string() + "' < '" + path + "' > '" + output + "'";
+    std::string const command =
+        "python3 '" + (folder / script).string() + "' < '" + path + "' > '" + output + "'";
     EXPECT_EQ(0, std::system(command.c_str()));
     std::vector<std::string> lines;
     std::ifstream file(output);

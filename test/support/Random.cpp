@@ -21,10 +21,6 @@ Random::~Random() {
             std::printf("did %s %g\n", operation.c_str(), with);
 }
 
-void Random::doing(std::string const& operation, double with) {
-    if (latest_.size() == 20)
-        latest_.pop_front();
-    latest_.emplace_back(operation, with);
-}
+void Random::doing(std::string const& operation, double with) { latest_.push_back({operation, with}); }
 
 } // namespace TestSupport

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <boost/circular_buffer.hpp>
+
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <random>
 #include <string>
 #include <utility>
@@ -32,7 +33,7 @@ class Random {
 
   private:
     std::mt19937_64 generator_;
-    std::deque<std::pair<std::string, double>> latest_;
+    boost::circular_buffer<std::pair<std::string, double>> latest_{20};
 };
 
 /// How many operations a random program makes: a tenth of those asked for under a sanitizer.

@@ -32,9 +32,7 @@ class RandomRecords {
 
     double seconds() {
         using Limits = std::numeric_limits<double>;
-        std::array const ends{
-            0.0, -0.0, Limits::infinity(), -Limits::infinity(), Limits::denorm_min(), Limits::max(),
-            0.1, 1e22};
+        std::array const ends{0.0, -0.0, Limits::infinity(), -Limits::infinity(), Limits::denorm_min(), 0.1};
         double const any = std::bit_cast<double>(random_.word());
         return random_.oneIn(3) || std::isnan(any) ? random_.of(ends) : any;
     }

@@ -108,10 +108,7 @@ TEST_F(PeriodicTaskTest, FunctionMayThrowStopOrDestroyIt) {
     };
     for (auto const& [act, calls] : cases) {
         int called = 0;
-        periodic = every(1.0, [&called, &act = act] {
-            ++called;
-            act();
-        });
+        periodic = every(1.0, [&called, &act = act] { ++called, act(); });
         periodic->start();
         for (int second = 0; second < 3; ++second)
             timePassesAndRuns(1.0);

@@ -119,13 +119,9 @@ TEST(ValueForms, AttributesStandInAnyOrderAreLeftOutAndSpacedAndAStatussValueCou
     EXPECT_EQ(wanted, fromText<TaskStat>(
                           " Value\n(\t'Kel::TaskStat' ,\r\n ** { 'taskDeadCount' : 3 , 'taskKey': @0xff,\n"
                           "'taskPriority' : 'TaskPriority::PriorityEnum(7)', 'taskName' : \"n\" } )"));
-    std::pair<char const*, U32> const statuses[] = {
-        {"'taskTimer': True, 'taskSuspendedForTest': True", 0x11},
-        {"'value': 6, 'taskTimer': True, 'taskOnRunQueue': False", 6},
-        {"'value': 0, 'taskTimer': True", 0},
-    };
-    for (auto const& [attributes, value] : statuses)
-        EXPECT_EQ(value, fromText<TaskStatus>(statusText(attributes)).value()) << attributes;
+    std::string const timer = "'taskTimer': True, ";
+    EXPECT_EQ(0x11u, fromText<TaskStatus>(statusText(timer + "'taskSuspendedForTest': True")).value());
+    EXPECT_EQ(6u, fromText<TaskStatus>(statusText(timer + "'value': 6, 'taskOnRunQueue': True")).value());
 }
 
 template <class T> std::string refusalOf(std::string const& text) {
@@ -139,7 +135,6 @@ TEST(ValueForms, EveryErrorHasItsMessage) {
         {stat, "", "premature end of value type TaskStat"},
         {stat, "Value('Kel::TaskStat', ** {'taskStatus': Value('K", "premature end of value type TaskStatus"},
         {stat, statusText(""), "expected a Kel::TaskStat, not a Kel::TaskStat::TaskStatus"},
-        {stat, statText("") + " ", "junk at column 29 deserializing Kel::TaskStat"},
         {stat, statText("'taskRun': 1, 'run': 2"), "TaskStat has no such attribute: run"},
         {stat, statText("'taskRun': 1, 'taskRun': 1"), "TaskStat has this attribute already: taskRun"},
         {status, statusText("'value': 32"), "TaskStatus::value > 0x1f not allowed"},
@@ -201,16 +196,14 @@ TEST(TaskStat, EmptyOneTakesNameAndPriorityButNoKey) {
     TaskStat const dead = statOf("'taskName': 'n', 'taskKey': 5, 'taskPriority': 'low', 'taskRun': 3");
     EXPECT_EQ(statOf("'taskName': 'n', 'taskPriority': 'low', 'taskRun': 6, 'taskDeadCount': 2"),
               TaskStat() + dead + dead);
-    for (TaskStat const& other : {TaskStat(), statOf("'taskName': 'm'")})
-        EXPECT_DEATH(dead + other, testing::HasSubstr("taskName() == rhs.taskName(), source Task, function"));
+    EXPECT_DEATH(dead + TaskStat(),
+                 testing::HasSubstr("taskName() == rhs.taskName(), source Task, function"));
 }
 
 TEST(TaskStat, StatusStringShowsWhatMattersMost) {
-    for (auto const& [status, text] : {std::pair{0x13u, "Sn"}, {0x14u, "SN"}, {0x1fu, "*N"}, {0x04u, " N"}}) {
-        TaskStat stat;
-        stat.taskStatusIs(TaskStatus(status));
-        stat.taskPriorityIs(TaskPriority::normal);
-        EXPECT_EQ(text, stat.taskStatusString());
+    for (auto const& [value, text] : {std::pair{"19", "Sn"}, {"20", "SN"}, {"31", "*N"}, {"4", " N"}}) {
+        auto const status = statusText("'value': "s + value);
+        EXPECT_EQ(text, statOf("'taskPriority': 'normal', 'taskStatus': " + status).taskStatusString());
     }
 }
 
