@@ -123,8 +123,7 @@ TEST_F(TaskGroupTest, EveryParentTaskThatNamesItIsToldWhenItGoes) {
     Ptr<TaskGroupParentTask::NotifieeConst> const watches[] = {
         onTaskGroup(parent, [&] { told += "attached "; }), onTaskGroup(second, [&] { told += "second "; }),
         onTaskGroup(moved, [&] { told += "moved "; })};
-    for (int i = 0; i < 2; ++i)
-        moved->taskGroupIs(other.ptr());
+    moved->taskGroupIs(other.ptr());
     g = nullptr;
     EXPECT_EQ("moved attached second ", told);
     EXPECT_FALSE(parent->taskGroup() || second->taskGroup());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <boost/noncopyable.hpp>
+
 #include <chrono>
 #include <cstdint>
 
@@ -13,7 +15,7 @@ namespace TestSupport {
 /// the time.
 ///
 /// One object a thread at a time. Make it before whatever remembers readings.
-class ManualClock {
+class ManualClock : boost::noncopyable {
   public:
     using Duration = std::chrono::nanoseconds;
     /// What the calling thread's clock is, as far as it is taken in hand.
@@ -24,25 +26,20 @@ class ManualClock {
     };
 
     explicit ManualClock(Duration start = std::chrono::seconds(1000));
-    ~ManualClock() { state_ = {}; }
-    ManualClock(ManualClock const&) = delete;
-    ManualClock& operator=(ManualClock const&) = delete;
+    ~ManualClock() { state = {}; }
 
     /// The present time; looking at it here is no reading.
-    Duration now() const { return state_.now; }
-    void nowIs(Duration time) { state_.now = time; }
+    Duration now() const { return state.now; }
+    void nowIs(Duration time) { state.now = time; }
     /// A negative duration turns the clock back.
     void advance(Duration duration) { nowIs(now() + duration); }
 
     /// Every reading moves the clock by so much, after it was taken: work takes time.
-    void perReadingIs(Duration duration) { state_.perReading = duration; }
+    void perReadingIs(Duration duration) { state.perReading = duration; }
     /// How often the thread has read the clock.
-    std::uint64_t readings() const { return state_.readings; }
+    std::uint64_t readings() const { return state.readings; }
 
-    static State& state() { return state_; }
-
-  private:
-    static constinit thread_local State state_;
+    static constinit thread_local State state;
 };
 
 } // namespace TestSupport

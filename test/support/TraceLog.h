@@ -2,6 +2,8 @@
 
 #include <mox/TraceHandle.h>
 
+#include <boost/noncopyable.hpp>
+
 #include <regex>
 #include <string>
 #include <utility>
@@ -10,7 +12,7 @@
 namespace TestSupport {
 
 /// Collects what a trace handle gets at the given levels while it lives.
-class TraceLog {
+class TraceLog : boost::noncopyable {
   public:
     explicit TraceLog(std::vector<Mox::U32> levels, std::string_view name = "TaskScheduler")
         : handle_(Mox::TraceHandle::traceHandle(name)), levels_(std::move(levels)) {
@@ -26,8 +28,6 @@ class TraceLog {
             handle_.levelEnabledIs(level, false);
         handle_.sinkIs(nullptr);
     }
-    TraceLog(TraceLog const&) = delete;
-    TraceLog& operator=(TraceLog const&) = delete;
 
     /// The lines "level source function: text" since the last call, without the addresses behind "@".
     std::string take() { return std::exchange(text_, {}); }

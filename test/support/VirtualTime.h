@@ -4,18 +4,18 @@
 #include <mox/VirtualClock.h>
 #include <support/Names.h>
 
+#include <boost/noncopyable.hpp>
+
 namespace TestSupport {
 
 /// Installs a virtual clock in the thread's activity manager while it lives.
-class VirtualTime {
+class VirtualTime : boost::noncopyable {
   public:
     explicit VirtualTime(bool autoAdvance = false) {
         clock->autoAdvanceIs(autoAdvance);
         manager->config()->clockIs(clock);
     }
     ~VirtualTime() { manager->config()->clockIs(nullptr); }
-    VirtualTime(VirtualTime const&) = delete;
-    VirtualTime& operator=(VirtualTime const&) = delete;
 
     Ptr<ActivityManager> const manager = activityManager();
     Ptr<VirtualClock> const clock = VirtualClock::VirtualClockIs();

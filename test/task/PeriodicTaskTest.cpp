@@ -125,7 +125,6 @@ TEST_F(PeriodicTaskTest, RefusesTimesThatItCannotKeep) {
         EXPECT_THROW(periodic->start(time), RangeException) << time;
     }
     EXPECT_THROW(every(0.0199, {}), RangeException);
-    EXPECT_FALSE(periodic->started());
 }
 
 } // namespace

@@ -67,14 +67,13 @@ class TaskProgram : HandTree {
     // The model
 
     bool isArmed() const { return expiry_ != endOfTime; }
-    void tell() { toTell_ += active_; }
     void record(std::string const& event) { events_ += event + "; "; }
     /// Returns whether the attribute takes the value as a change, of which it tells.
     template <class T> bool set(T& attribute, T value) {
         if (attribute == value)
             return false;
         attribute = value;
-        tell();
+        toTell_ += active_;
         return true;
     }
     void busyIs(bool busy) {
@@ -229,8 +228,6 @@ class TaskProgram : HandTree {
         {"moreRuns", [this](S d) { set(stats_.runs, stats_.runs + n(d)), task_->taskRunInc(n(d)); }},
         {"work", [this](S d) { set(stats_.work, U64{n(d)}), task_->taskWorkCountIs(n(d)); }},
         {"moreWork", [this](S d) { set(stats_.work, stats_.work + n(d)), task_->taskWorkCountInc(n(d)); }},
-        {"200%", [this](S d) { set(stats_.of200, n(d)), task_->taskQuantumViolation200Is(n(d)); }},
-        {"500%", [this](S d) { set(stats_.of500, n(d)), task_->taskQuantumViolation500Is(n(d)); }},
         {"stop", [this](S) { stop(), timer_->stopTimerTask(); }},
         {"delay", [this](S d) { delay(d), timer_->scheduleTaskDelay(d); }},
         {"up", [this](S d) { delay(d), timer_->scheduleTaskJitterUp(d, d < 0 || d == most ? 255 : 0); }},
@@ -308,7 +305,6 @@ TEST(TaskModel, PromisesTheseEvents) {
         {false, "suspend schedule suspend", "", "suspendOn; scheduleSus; suspendOff; schedule; busy; "},
         {false, "schedule suspend pass", "", "schedule; busy; suspendOn; unschedule; idle; "},
         {false, "runFromTest", "running 0 runFromTest", "run start; run start; run end; run end; "},
-        {false, "forceYield forceYield", "", "frcYieldOn; frcYieldOff; "},
         {true, "delay 2 clock 2 pass", "", "timerStart; busy; schedule; run start; run end; idle; "},
         {true, "delay 2 stop stop", "", "timerStart; busy; timerStop; idle; "},
         {true, "delay 2 suspend clock 2", "", "timerStart; busy; suspendOn; scheduleSus; idle; "},
