@@ -36,8 +36,8 @@ Command const* find(std::string_view name) {
 
 } // namespace
 
-bool isWord(std::string_view text, std::string_view capitals) {
-    return std::ranges::equal(text, capitals, {}, capital);
+bool isWord(std::string_view text, std::string_view word) {
+    return std::ranges::equal(text, word, {}, capital, capital);
 }
 
 void answer(CommandContext& context, Arguments words) {

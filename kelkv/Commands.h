@@ -48,7 +48,7 @@ void answer(CommandContext& context, Arguments words);
 /// Whether the operator's connection answers it at once, whatever the scheduler does, unknown commands too.
 bool isAnsweredAtOnce(Arguments words);
 
-/// Whether they are the same but for the case. Requires: the second is in capitals.
-bool isWord(std::string_view text, std::string_view capitals);
+/// Whether they are the same but for the case.
+bool isWord(std::string_view text, std::string_view word);
 
 } // namespace KelKv

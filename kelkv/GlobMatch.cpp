@@ -11,12 +11,10 @@ bool isSpecial(char c) { return c == '*' || c == '?' || c == '[' || c == '\\'; }
 
 std::optional<bool> GlobMatch::step(std::size_t budget) {
     while (budget > 0 && !result_) {
-        if (std::size_t const equal = inSet_ ? 0 : takeEqual(budget)) {
-            budget -= equal;
-            continue;
-        }
-        advance();
-        --budget;
+        std::size_t const equal = inSet_ ? 0 : takeEqual(budget);
+        if (equal == 0)
+            advance();
+        budget -= std::max<std::size_t>(equal, 1);
     }
     return result_;
 }

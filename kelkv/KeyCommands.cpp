@@ -1,6 +1,6 @@
 #include "Commands.h"
+#include "Number.h"
 
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <optional>
@@ -16,10 +16,7 @@ constexpr std::size_t replyMax = 4 << 20; // bytes of values in one reply
 
 std::optional<S64> number(std::string_view text) {
     S64 value = 0;
-    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size())
-        return std::nullopt;
-    return value;
+    return readNumber(text, value) ? std::optional(value) : std::nullopt;
 }
 
 /// The greatest number for all that is greater: a key may live for so many seconds, and for more

@@ -1,21 +1,15 @@
 #include "Resp.h"
 
+#include "Number.h"
+
 #include <algorithm>
 #include <charconv>
 
 namespace KelKv {
 
 namespace {
-
 constexpr std::size_t headerLine = 32; // the longest line that holds only a number
-
-/// False when the text is no number.
-bool readNumber(std::string_view text, std::int64_t& number) {
-    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size();
 }
-
-} // namespace
 
 void RequestParser::reset() {
     state_ = State::incomplete;

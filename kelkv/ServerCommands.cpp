@@ -45,21 +45,20 @@ void infoScheduler(Engine& engine, std::ostream& out) { out << engine.statistics
 
 struct Section {
     char const* name;
-    std::string_view capitals;
     void (*print)(Engine& engine, std::ostream& out);
 };
 
 constexpr Section sections[] = {
-    {"Server", "SERVER", infoServer},
-    {"Clients", "CLIENTS", infoClients},
-    {"Keyspace", "KEYSPACE", infoKeyspace},
-    {"Scheduler", "SCHEDULER", infoScheduler},
+    {"Server", infoServer},
+    {"Clients", infoClients},
+    {"Keyspace", infoKeyspace},
+    {"Scheduler", infoScheduler},
 };
 
 void info(CommandContext& context, Arguments words) {
     std::ostringstream out;
     for (Section const& section : sections)
-        if (words.size() == 1 || isWord(words[1], section.capitals)) {
+        if (words.size() == 1 || isWord(words[1], section.name)) {
             out << (out.tellp() > 0 ? "\r\n" : "") << "# " << section.name << "\r\n";
             section.print(context.engine, out);
         }

@@ -73,12 +73,11 @@ void Store::expiryDel(Value& value) {
     value.due = Mox::endOfTime;
 }
 
+/// Looking for a key that is due erases it, as a rule; an operator may run the task before.
 void Store::expire(std::string_view key, Expiry const& expiry) {
-    KeyView const view = hashed(key);
-    Shard& shard = shardOf(view);
-    auto const at = shard.find(view);
-    if (at != shard.end() && at->second.expiry == &expiry)
-        erase(shard, at);
+    Value const* const value = find(key);
+    if (value && value->expiry == &expiry)
+        erase(key);
 }
 
 } // namespace KelKv

@@ -1,10 +1,10 @@
 // kelkv, a key-value daemon: see README.md.
 
 #include "Daemon.h"
+#include "Number.h"
 
 #include <boost/asio/signal_set.hpp>
 
-#include <charconv>
 #include <csignal>
 #include <iostream>
 #include <optional>
@@ -18,18 +18,13 @@ struct Options {
     std::optional<boost::asio::ip::address> httpAddress; // none: loopback
 };
 
-bool readNumber(std::string_view text, unsigned short& number) {
-    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size();
-}
-
 bool readOption(Options& options, std::string_view name, char const* text) {
     if (name == "--port")
-        return readNumber(text, options.port);
+        return KelKv::readNumber(text, options.port);
     if (name == "--operator-port")
-        return readNumber(text, options.operatorPort);
+        return KelKv::readNumber(text, options.operatorPort);
     if (name == "--http-port")
-        return readNumber(text, options.httpPort.emplace());
+        return KelKv::readNumber(text, options.httpPort.emplace());
     if (name != "--http-address")
         return false;
     boost::system::error_code error;
