@@ -58,22 +58,6 @@ TEST_F(CallbacksTest, EachHearsItsOwnNotificationAndNoOther) {
     EXPECT_EQ("group complete running run 200% 500% work yield suspended busy event wheel clock ", heard);
 }
 
-TEST_F(CallbacksTest, WorksAsLongAsItIsHeldAndHoldsItsTask) {
-    int calls = 0;
-    auto t = task();
-    auto const record = t->taskRecord();
-    auto reactor = Kel::onTaskRun(t, [&] { ++calls; });
-    t->taskRunFromTest();
-    reactor = nullptr;
-    t->taskRunFromTest();
-    EXPECT_EQ(1, calls);
-    reactor = Kel::onTaskRun(t, [] {});
-    t = nullptr;
-    EXPECT_TRUE(record->isAlive());
-    reactor = nullptr;
-    EXPECT_FALSE(record->isAlive());
-}
-
 TEST_F(CallbacksTest, FunctionThatLetsItsReactorGoEndsItsCallAndHearsNoMore) {
     auto t = task();
     auto const count = std::make_shared<int>(0);

@@ -1,38 +1,23 @@
 // A program of somebody who has the library: what it takes from each of the three libraries has to be there
 // when it is compiled, linked and run, the types known by name too, which nothing but their names asks for.
+#include <adapt/Callbacks.h>
 #include <group/TaskGroup.h>
 #include <mox/TypeRegistry.h>
 #include <scheduler/TaskSchedulerEventLoop.h>
 
-#include <cstdlib>
 #include <iostream>
 
-namespace {
-
-struct Countdown : Kel::Task::Notifiee {
-    int left = 3;
-    Mox::Ptr<Kel::EventLoop> loop = Kel::EventLoop::EventLoopIs();
-
-    void onTaskRun() override {
-        if (--left > 0)
-            notifier()->scheduleTask();
-        else
-            loop->stop();
-    }
-};
-
-} // namespace
+using namespace Kel;
 
 int main() {
-    Mox::Ptr<Countdown> const countdown = new Countdown;
-    auto const root = Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", countdown->loop);
-    auto const group = Kel::TaskGroup::TaskGroupIs("group", Kel::TaskPriority::low, false, root);
-    auto const task = Kel::Task::TaskIs(group, Kel::TaskPriority::low, "countdown");
-    countdown->notifierIs(task);
+    auto const root = taskSchedulerEventLoopFactory("root", EventLoop::EventLoopIs());
+    auto const group = taskGroupFactory("group", TaskPriority::low, false, root);
+    auto const task = taskFactory(group, TaskPriority::low, "counting");
+    auto const work =
+        onTaskRun(task, [&] { task->taskRun() < 3 ? task->scheduleTask() : root->evLoop()->stop(); });
     task->scheduleTask();
-    countdown->loop->run();
-
+    root->evLoop()->run();
     Mox::String const runs = Mox::attributeText(*task, "taskRun");
-    std::cout << "left " << countdown->left << ", runs " << runs << '\n';
-    return countdown->left == 0 && runs == "3" ? EXIT_SUCCESS : EXIT_FAILURE;
+    std::cout << "runs " << runs << '\n';
+    return runs == "3" ? 0 : 1;
 }

@@ -2,7 +2,6 @@
 #include <export/Prometheus.h>
 
 #include <group/TaskGroup.h>
-#include <support/FailingSink.h>
 #include <support/HandRoot.h>
 #include <support/Python.h>
 #include <support/RandomRecords.h>
@@ -51,17 +50,18 @@ struct ExportTest : TestSupport::HandTreeTest {
     }
     std::chrono::nanoseconds time(std::size_t limit) { return unit * static_cast<int>(random.below(limit)); }
 
+    /// A group, or one that the root does not list.
     void newScheduler(Ptr<Kel::TaskScheduler>& place) {
         if (random.oneIn(2)) {
             place = Kel::taskGroupFactory(random.oneIn(3) ? name() : "g", priority(), false, root);
             root->taskSchedulerIs(place.ptr(), !random.oneIn(3));
-        } else { // the root does not list it
+        } else {
             place = new TestSupport::HandScheduler(name(), root.ptr());
             place->hasNotificationActiveIs(true);
         }
     }
     void newTask(Worker& worker) {
-        Ptr<Kel::TaskScheduler> scheduler = schedulers[random.below(schedulers.size())];
+        Ptr<Kel::TaskScheduler> scheduler = random.of(schedulers);
         if (!scheduler || random.oneIn(2))
             scheduler = root;
         if (random.oneIn(3))
@@ -73,7 +73,6 @@ struct ExportTest : TestSupport::HandTreeTest {
     }
     void newDead() {
         Kel::TaskStat stat = records.taskStat();
-        stat.taskNameIs(name());
         stat.taskTotalRunTimeIs(oneOf({0.125, Mox::endOfTime, -Mox::endOfTime, std::nan("")}));
         root->deadTaskStatsInc(stat.taskName(), stat);
     }
@@ -83,17 +82,17 @@ struct ExportTest : TestSupport::HandTreeTest {
         back->notifier()->taskRunFromTest();
         steady.advance(unit);
     }
-    /// The work of every task.
+    /// The work of every task; the statistics may be reset by what runs around it.
     void run() {
         steady.advance(time(7));
         if (++depth < 4 && random.oneIn(4))
-            change(workers[random.below(workers.size())]);
+            change(random.of(workers));
         if (random.oneIn(looking))
             look();
         if (random.oneIn(clearing))
             root->clearHistory();
         if (random.oneIn(40))
-            root->resetStatsTaskDel(); // which may be what runs around it
+            root->resetStatsTaskDel();
         --depth;
     }
     void change(Worker& worker) {
@@ -113,23 +112,18 @@ struct ExportTest : TestSupport::HandTreeTest {
         }
     }
     void step() {
-        auto& scheduler = schedulers[random.below(schedulers.size())];
-        change(workers[random.below(workers.size())]);
+        auto& scheduler = random.of(schedulers);
+        change(random.of(workers));
         steady.advance(time(3));
-        if (random.oneIn(20))
-            scheduler ? void(scheduler = nullptr) : newScheduler(scheduler);
-        if (random.oneIn(100))
-            root->suspendedIs(!root->suspended());
-        if (random.oneIn(100))
-            newDead();
-        if (random.oneIn(100))
-            clockGoesBack();
-        if (random.oneIn(100))
-            root->resetStats();
-        if (dynamic_cast<TestSupport::HandScheduler*>(scheduler.ptr()) && random.oneIn(4))
-            scheduler->handleSchedulerRun();
-        else if (random.oneIn(2))
-            root->handleSchedulerRun();
+        switch (random.below(100)) {
+        case 0: root->suspendedIs(!root->suspended()); break;
+        case 1: newDead(); break;
+        case 2: clockGoesBack(); break;
+        case 3: root->resetStats(); break;
+        case 4: scheduler = nullptr; break;
+        case 5: newScheduler(scheduler); break;
+        default: scheduler&& random.oneIn(3) ? scheduler->handleSchedulerRun() : root->handleSchedulerRun();
+        }
     }
 
     static std::string factsOf(std::pair<Kel::TaskScheduler const*, bool> const& entry) {
@@ -139,29 +133,31 @@ struct ExportTest : TestSupport::HandTreeTest {
         std::vector<Kel::TaskStat> living, dead;
         scheduler.getTaskStats(&living, true);
         scheduler.getDeadTaskStats(&dead, true);
-        auto const statText = [](Kel::TaskStat const& stat) { return std::string(valueToStrep(stat)); };
-        auto const counts = list(std::array{0u, 1u, 2u, 3u, 4u}, [&](Mox::U32 number) {
-            TaskPriority const p = TaskPriority::PriorityEnumInstance(number);
-            return tuple(scheduler.runnableTaskCount(p), scheduler.tasksPerPriority(p),
-                         scheduler.deadTasksPerPriority(p));
-        });
-        return "(" + valueToStrep(scheduler.schedulerName()) + "," +
-               valueToStrep(scheduler.schedulerMaxSchedulerSlip()) + "," + counts + "," +
-               list(living, statText) + "," + list(dead, statText) + ")";
-    }
-    std::string facts() {
-        std::vector<Kel::TaskRecord const*> tasks;
-        std::string events;
-        for (auto at = root->history().end(); at != root->history().begin();) {
-            auto const* const task = (--at)->task().ptr();
-            auto const place = std::find(tasks.begin(), tasks.end(), task) - tasks.begin();
-            if (task && place == std::ssize(tasks))
-                tasks.push_back(task);
-            events += tuple(static_cast<Mox::U32>(at->eventType()),
-                            Mox::S64{at->timeStamp().time_since_epoch().count()},
-                            task ? Mox::S64{place} : Mox::S64{-1}) +
+        std::string counts;
+        for (Mox::U32 p = 0; p < 5; ++p) {
+            auto const priority = TaskPriority::PriorityEnumInstance(p);
+            counts += tuple(scheduler.runnableTaskCount(priority), scheduler.tasksPerPriority(priority),
+                            scheduler.deadTasksPerPriority(priority)) +
                       ",";
         }
+        auto const text = [](Kel::TaskStat const& stat) { return std::string(valueToStrep(stat)); };
+        return "(" + valueToStrep(scheduler.schedulerName()) + "," +
+               valueToStrep(scheduler.schedulerMaxSchedulerSlip()) + ",[" + counts + "]," +
+               list(living, text) + "," + list(dead, text) + ")";
+    }
+    /// A task is known by its place in the list of tasks.
+    std::string facts() {
+        std::vector<Kel::TaskRecord const*> tasks{nullptr};
+        std::string events;
+        for (auto at = root->history().end(); at != root->history().begin();) {
+            auto const place = std::ranges::find(tasks, (--at)->task().ptr()) - tasks.begin();
+            if (place == std::ssize(tasks))
+                tasks.push_back(at->task().ptr());
+            events += tuple(static_cast<Mox::U32>(at->eventType()),
+                            Mox::S64{at->timeStamp().time_since_epoch().count()}, Mox::S64{place - 1}) +
+                      ",";
+        }
+        tasks.erase(tasks.begin());
         auto const ofTask = [](Kel::TaskRecord const* task) {
             return tuple(task->taskName(), task->schedulerName(),
                          Mox::U32{task->taskPriority().numericValue()}, Mox::S64{task->taskQuantum().count()},
@@ -172,7 +168,6 @@ struct ExportTest : TestSupport::HandTreeTest {
     }
     void look() {
         std::ostringstream trace, all, some;
-        // Sums of eighths of a second are exact: whose is the greatest does not depend on their order.
         std::size_t const namesMax = unit == 125ms ? random.below(25) : 200;
         Kel::writeChromeTrace(root, trace);
         Kel::writePrometheus(root, all);
@@ -193,18 +188,19 @@ struct ExportTest : TestSupport::HandTreeTest {
 
 } // namespace
 
+/// The first program fills the ring, the second has many names. Sums of eighths of a second are exact: whose
+/// is the greatest does not depend on their order.
 TEST_F(ExportTest, IsWhatTheModelsMakeOfTheHistoryAndTheStatistics) {
     for (int program = 0; program < 40; ++program) {
         workers = {};
         schedulers = {};
         root = TestSupport::HandRoot::HandRootIs(name());
         unit = oneOf<std::chrono::nanoseconds>({125ms, 337ns, 1ns});
-        bool const fillsTheRing = program == 0, hasManyNames = program == 1;
-        clearing = !fillsTheRing && random.oneIn(2) ? 40 : 100000;
-        looking = fillsTheRing ? 100000 : 30;
-        for (std::size_t i = fillsTheRing ? 12000 : random.below(150); i > 0; --i)
+        clearing = program > 0 && random.oneIn(2) ? 40 : 100000;
+        looking = program > 0 ? 30 : 100000;
+        for (std::size_t i = program > 0 ? random.below(150) : 12000; i > 0; --i)
             step();
-        for (int i = 0; hasManyNames && i < 220; ++i)
+        for (int i = 0; program == 1 && i < 220; ++i)
             task("n" + std::to_string(i), priority());
         look();
     }
@@ -215,36 +211,27 @@ TEST_F(ExportTest, IsWhatTheModelsMakeOfTheHistoryAndTheStatistics) {
 /// Nothing of the tree is looked at when the sink has got the first byte, so that a sink may end it.
 TEST_F(ExportTest, ASinkThatEndsTheTreeGetsTheWholeTextAndOneThatFailsIsAnError) {
     struct EndsTheTree : std::stringbuf {
-        explicit EndsTheTree(std::function<void()> call) : end(std::move(call)) {}
+        explicit EndsTheTree(ExportTest& tree) : test(tree) {}
         std::streamsize xsputn(char const* text, std::streamsize size) override {
-            end();
+            test.workers[0] = {};
+            test.root->clearHistory();
             return std::stringbuf::xsputn(text, size);
         }
-        std::function<void()> const end;
-    };
-    struct FailsAtTheEnd : std::stringbuf {
-        int sync() override { return -1; }
+        int sync() override { return -1; } // after the whole text
+        ExportTest& test;
     };
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // a forked child may touch the tree
-    using Write = void (*)(Ptr<Kel::TaskSchedulerRoot const> const&, std::ostream&);
-    for (Write const write : {Write([](auto const&r, auto&sink) { Kel::writeChromeTrace(r, sink); }),
-                              Write([](auto const&r, auto&sink) { Kel::writePrometheus(r, sink); })}) {
+    using Write = std::function<void(std::ostream&)>;
+    for (Write const& write : {Write([&](auto& sink) { Kel::writeChromeTrace(root, sink); }),
+                               Write([&](auto& sink) { Kel::writePrometheus(root, sink); })}) {
         newTask(workers[0]);
         workers[0].task->scheduleTask();
         std::ostringstream expected;
-        write(root, expected);
-        FailsAtTheEnd buffer;
-        std::ostream unflushed(&buffer);
-        TestSupport::FailingSink full(100);
-        for (std::ostream* const sink : {&unflushed, static_cast<std::ostream*>(&full)})
-            EXPECT_THROW(write(root, *sink), std::ios_base::failure);
-        EndsTheTree ends([&] {
-            workers[0] = {};
-            root->clearHistory();
-        });
-        std::ostream sink(&ends);
-        write(root, sink);
-        EXPECT_EQ(ends.str(), expected.str());
-        EXPECT_DEATH(std::thread([&] { write(root, expected); }).join(), "schedulerThread");
+        write(expected);
+        EXPECT_DEATH(std::thread([&] { write(expected); }).join(), "schedulerThread");
+        EndsTheTree buffer(*this);
+        std::ostream sink(&buffer);
+        EXPECT_THROW(write(sink), std::ios_base::failure);
+        EXPECT_EQ(buffer.str(), expected.str());
     }
 }

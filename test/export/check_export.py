@@ -1,5 +1,5 @@
-"""Reads lines, each with what a tree says of itself, the trace of it, and metrics by the number of names told apart.
-Models make both outputs of what the tree says; what differs is printed."""
+# Reads lines, each with what a tree says of itself, the trace of it, and metrics by the number of names told apart.
+# Models make both outputs of what the tree says; what differs is printed.
 
 import codecs
 import json
@@ -141,11 +141,13 @@ def label(text):
     return '"' + shown(text).replace("\\", "\\\\").replace('"', '\\"').replace("\n", "\\n") + '"'
 
 
-def wrapping(pair):
-    return sum(pair) % 2**32
+MERGED = [lambda pair: sum(pair) % 2**32, sum] + 2 * [lambda pair: sum(pair) % 2**32] + 4 * [max]
 
 
-MERGED = [wrapping, sum, wrapping, wrapping, max, max, max, max]
+SERIES = [
+    "task_runs_total{%s}", "task_run_seconds_total{%s}", 'task_quantum_violations_total{%s,limit="200"}',
+    'task_quantum_violations_total{%s,limit="500"}', "task_max_latency_seconds{%s}",
+]  # fmt: skip
 
 
 def metrics_of(schedulers, names_max):
@@ -177,30 +179,22 @@ def metrics_of(schedulers, names_max):
         add(series, key, values, MERGED)
     for (scheduler, priority, task), values in series.items():
         labels = f'scheduler={scheduler.decode()},priority="{PRIORITIES[priority]}",task={task.decode()}'
-        runs, time, over200, over500, longest, last, last_of_dead, alive = values
-        samples[f"task_runs_total{{{labels}}}"] = [runs]
-        samples[f"task_run_seconds_total{{{labels}}}"] = [time]
-        samples[f"task_last_latency_seconds{{{labels}}}"] = [last if alive else last_of_dead]
-        samples[f"task_max_latency_seconds{{{labels}}}"] = [longest]
-        samples[f'task_quantum_violations_total{{{labels},limit="200"}}'] = [over200]
-        samples[f'task_quantum_violations_total{{{labels},limit="500"}}'] = [over500]
+        for sample, value in zip(SERIES, values):
+            samples[sample % labels] = [value]
+        samples["task_last_latency_seconds{%s}" % labels] = [values[5] if values[7] else values[6]]
     return samples
 
 
 def samples_of(text):
-    samples, types, family = {}, {}, None
-    for line in text.encode("latin-1").decode("utf-8").removesuffix("\n").split("\n"):
-        if comment := re.fullmatch(r"# HELP (keltask_[a-z_]+) [^\\]+", line):
-            family = comment[1]
-            assert family not in types, line
-        elif comment := re.fullmatch(r"# TYPE (keltask_[a-z_]+) (counter|gauge)", line):
-            assert comment[1] == family and (comment[2] == "counter") == family.endswith("_total"), line
-            types[family] = comment[2]
-        else:
-            sample = re.fullmatch(r"keltask_([a-z_]+)(\{.*\}) (NaN|[+-]Inf|-?\d+(?:\.\d+)?(?:e[+-]\d+)?)", line)
-            assert sample and "keltask_" + sample[1] == family and family in types, line
-            assert sample[1] + sample[2] not in samples, line
-            samples[sample[1] + sample[2]] = float(sample[3])
+    text = text.encode("latin-1").decode("utf-8")
+    family = r"# HELP keltask_([a-z_]+) [^\\\n]+\n# TYPE keltask_\1 (counter|gauge)\n((?:keltask_\1\{[^\n]*\n)*)"
+    assert re.sub(family, "", text) == "", text
+    samples = {}
+    for name, kind, lines in re.findall(family, text):
+        assert (kind == "counter") == name.endswith("_total"), name
+        for labels, value in re.findall(r"(\{.*\}) (NaN|[+-]Inf|-?\d+(?:\.\d+)?(?:e[+-]\d+)?)\n", lines):
+            assert name + labels not in samples, labels
+            samples[name + labels] = float(value)
     return samples
 
 

@@ -1,8 +1,0 @@
-#include "Fuzz.h"
-
-#include <task/TaskStat.h>
-
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    Fuzz::checkText<Kel::TaskStat>(Fuzz::bytes(data, size));
-    return 0;
-}
