@@ -7,11 +7,11 @@
 #include <support/HandRoot.h>
 #include <support/Refusal.h>
 
+#include <boost/regex.hpp>
 #include <gmock/gmock.h>
 
 #include <fcntl.h>
 #include <map>
-#include <regex>
 #include <set>
 #include <sys/wait.h>
 #include <thread>
@@ -65,7 +65,7 @@ struct Tree {
         return text;
     }
     static std::string withoutAddresses(std::string const& text) {
-        return std::regex_replace(text, std::regex("0x[0-9a-f]+|(taskKey'?:?|references) [0-9]+"), "@");
+        return boost::regex_replace(text, boost::regex("0x[0-9a-f]+|(taskKey'?:?|references) [0-9]+"), "@");
     }
 };
 

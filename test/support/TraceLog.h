@@ -3,8 +3,8 @@
 #include <mox/TraceHandle.h>
 
 #include <boost/noncopyable.hpp>
+#include <boost/regex.hpp>
 
-#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,7 +18,8 @@ class TraceLog : boost::noncopyable {
         : handle_(Mox::TraceHandle::traceHandle(name)), levels_(std::move(levels)) {
         handle_.sinkIs([this](Mox::TraceRecord const& r) {
             text_ += std::to_string(r.level) + ' ' + std::string(r.source) + ' ' + std::string(r.function) +
-                     ": " + std::regex_replace(std::string(r.text), std::regex("@0x[0-9a-f]+"), "@") + '\n';
+                     ": " + boost::regex_replace(std::string(r.text), boost::regex("@0x[0-9a-f]+"), "@") +
+                     '\n';
         });
         for (Mox::U32 level : levels_)
             handle_.levelEnabledIs(level, true);
