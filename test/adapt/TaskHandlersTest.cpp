@@ -130,6 +130,7 @@ TEST_F(TaskHandlersTest, OutliveAThrowASuspensionAndBeingTakenOffTheQueue) {
     root->runUntilIdle();
     EXPECT_THAT(called, ElementsAre(2));
     EXPECT_THAT(log.take(), testing::HasSubstr("no route"));
+    EXPECT_EQ(2u, t->taskWorkCount());
     t->taskSuspendedForTestIs(true);
     asio::post(executor, [&] { calls(3); });
     EXPECT_EQ(0u, root->runUntilIdle());
@@ -139,6 +140,10 @@ TEST_F(TaskHandlersTest, OutliveAThrowASuspensionAndBeingTakenOffTheQueue) {
     asio::post(executor, [&] { calls(4); });
     root->runUntilIdle();
     EXPECT_THAT(called, ElementsAre(2, 3, 4));
+    t->taskForceYieldInTestIs(true);
+    asio::post(executor, [&] { calls(5); });
+    EXPECT_EQ(1u, root->runUntilIdle());
+    EXPECT_THAT(called, ElementsAre(2, 3, 4, 5));
 }
 
 } // namespace

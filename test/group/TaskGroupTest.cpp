@@ -123,6 +123,9 @@ TEST_F(TaskGroupTest, EveryParentTaskThatNamesItIsToldWhenItGoes) {
     Ptr<TaskGroupParentTask::NotifieeConst> const watches[] = {
         onTaskGroup(parent, [&] { told += "attached "; }), onTaskGroup(second, [&] { told += "second "; }),
         onTaskGroup(moved, [&] { told += "moved "; })};
+    moved->hasNotificationActiveIs(false);
+    moved->taskGroupIs(nullptr);
+    moved->hasNotificationActiveIs(true);
     moved->taskGroupIs(other.ptr());
     g = nullptr;
     EXPECT_EQ("moved attached second ", told);

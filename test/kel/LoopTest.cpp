@@ -307,4 +307,12 @@ TEST_P(LoopTest, IsThereUntilItsRunEndsThoughACallbackLetsItGo) {
     EXPECT_FALSE(call);
 }
 
+TEST(EventLoop, CountsHandlersAndACarriedOneAlwaysWaits) {
+    Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
+    boost::asio::post(loop->ioContext(), [] {});
+    EXPECT_EQ(1u, loop->runOnce());
+    Ptr<EventLoop> const carried = EventLoop::EventLoopIs(Mox::activityManager());
+    EXPECT_DEATH(carried->runsWhenIdleIs(false), "runsWhenIdle \\|\\| !useMoxEventLoop");
+}
+
 } // namespace

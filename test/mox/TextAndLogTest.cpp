@@ -92,6 +92,10 @@ TEST(Strep, RefusesWhatIsNoValueAndChangesNothing) {
     expectRefused(
         3.0, {"-", ".", "1e", "-1.5E-", "inf", "--1", "float('one')", "float(1)", "1e400", "1e-400", "1ex"});
     expectRefused(Mox::String("before"), {"'\\xag'", "'\\x-1'", "'\\q'", "a", "'a'b"});
+    auto const log = Mox::NboAttrLog::In::InIs(std::string("\0\0\0\3ab", 6));
+    Mox::String cut;
+    EXPECT_THROW(log->read(&cut), Mox::RangeException);
+    EXPECT_EQ(6u, log->bytesLeft());
 }
 
 } // namespace

@@ -106,6 +106,8 @@ TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKeyOrAreRefused
         EXPECT_THAT(got(path), testing::EndsWith(expected)) << path;
     EXPECT_THAT(got("root/twin/taskRun"),
                 testing::StartsWith("2 are named 'twin' under 'root', use a key: @0x"));
+    inner->parentTaskIs(taskGroupParentTaskFactory(root, TaskPriority::low, "elsewhere", inner.ptr()));
+    EXPECT_EQ(got("root/inner/taskGroupName"), "'inner'") << "it is where its parent task is";
 }
 
 } // namespace Kel

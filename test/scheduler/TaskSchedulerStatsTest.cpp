@@ -91,6 +91,8 @@ TEST_F(TaskSchedulerStatsTest, CountsRunnableAndIdleTasksAndFilesTheDeadByName) 
 TEST_F(TaskSchedulerStatsTest, ResetTakesRunsOfItsQuantum) {
     makeTasks(10);
     task("t")->scheduleTask();
+    Ptr<Task> const last = task("last", TaskPriority::scavenge);
+    last->scheduleTask();
     steady.advance(5ms);
     root->runUntilIdle();
     root->resetStats();
@@ -98,6 +100,7 @@ TEST_F(TaskSchedulerStatsTest, ResetTakesRunsOfItsQuantum) {
     steady.perReadingIs(1ms); // a run resets the task that it resumes at and three more
     EXPECT_THAT(root->runUntilIdle(), testing::AllOf(testing::Gt(2u), testing::Lt(10u)));
     EXPECT_EQ(0u, runsOfTasks());
+    EXPECT_EQ(0u, root->runTaskCount(TaskPriority::scavenge));
     EXPECT_LT(root->schedulerMaxSchedulerSlip(), 0.005);
 }
 

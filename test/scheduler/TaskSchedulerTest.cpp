@@ -48,9 +48,16 @@ TEST_F(TaskSchedulerTest, KeepsTheLongestSlipFromRequestToPass) {
     t->scheduleTask();
     for (auto const& [wait, slip] : {std::pair{3ms, 0.003}, {2ms, 0.003}, {4ms, 0.004}, {-1ms, 0.004}}) {
         steady.advance(wait);
+        auto const start = steady.now();
         root->handleSchedulerRun();
         EXPECT_EQ(slip, root->schedulerMaxSchedulerSlip()) << "the run itself is no slip";
+        EXPECT_EQ(start.count(), root->schedulerLastRunTimeStamp().time_since_epoch().count());
     }
+    root->suspendedIs(true);
+    steady.advance(1s);
+    root->suspendedIs(false);
+    root->handleSchedulerRun();
+    EXPECT_EQ(0.004, root->schedulerMaxSchedulerSlip()) << "nor is a suspension";
 }
 
 /// The tasks that a root makes for itself, by what its interface says of each.
