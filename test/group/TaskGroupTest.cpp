@@ -133,6 +133,9 @@ TEST_F(TaskGroupTest, EveryParentTaskThatNamesItIsToldWhenItGoes) {
     EXPECT_EQ(other.ptr(), moved->taskGroup());
     parent->scheduleTask();
     EXPECT_EQ(1u, root->runUntilIdle()) << "a task without work";
+    other->parentTaskDel();
+    for (int asked = 0; asked < 2; ++asked)
+        EXPECT_EQ("the group has no parent task", other->problemOfRequest());
 }
 
 // Each level's reset-stats task is of normal priority, which an enforcing group refuses from anybody else.

@@ -108,6 +108,10 @@ TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKeyOrAreRefused
                 testing::StartsWith("2 are named 'twin' under 'root', use a key: @0x"));
     inner->parentTaskIs(taskGroupParentTaskFactory(root, TaskPriority::low, "elsewhere", inner.ptr()));
     EXPECT_EQ(got("root/inner/taskGroupName"), "'inner'") << "it is where its parent task is";
+    root->runUntilIdle();
+    auto const last = task("last", TaskPriority::scavenge);
+    last->scheduleTask();
+    EXPECT_THROW(tree.set("root/schedulerHasRunnableTasks", "False"), Mox::RangeException);
 }
 
 } // namespace Kel
