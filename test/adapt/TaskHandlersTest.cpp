@@ -2,11 +2,14 @@
 #include <adapt/YieldIfNeeded.h>
 
 #include <support/HandRoot.h>
+#include <support/Random.h>
 #include <support/TraceLog.h>
 
 #include <boost/asio.hpp>
 
 #include <gmock/gmock.h>
+
+#include <deque>
 
 namespace {
 
@@ -48,33 +51,19 @@ TEST_F(TaskHandlersTest, CoroutinesOfATaskYieldWhenTheQuantumIsUsedAndTakeTurns)
     EXPECT_EQ(5u, t->taskWorkCount()); // each began, went on, and one had to yield at its end
 }
 
-TEST_F(TaskHandlersTest, OnlyDispatchFromInsideARunCallsAtOnce) {
-    asio::any_io_executor const any = executor; // as sockets, timers and coroutines carry it
-    auto const never = asio::require(any, asio::execution::blocking.never);
-    asio::dispatch(any, [&] {
-        t->taskRunFromTest(); // a run within the run
-        calls(1);
-        asio::post(any, [&] { calls(5); });
-        asio::defer(any, [&] { calls(6); });
-        asio::dispatch(never, [&] { calls(7); });
-        asio::dispatch(any, [&] { calls(2); });
-        asio::dispatch(executor, [&] { calls(3); });
-        calls(4);
-    });
-    EXPECT_THAT(called, ElementsAre());
-    root->runUntilIdle();
-    EXPECT_THAT(called, ElementsAre(1, 2, 3, 4, 5, 6, 7));
-    EXPECT_EQ(2u, t->taskRun());
-}
-
-TEST_F(TaskHandlersTest, OperationsOnTheLoopCompleteInARunOfTheTask) {
+TEST_F(TaskHandlersTest, OperationsOnTheLoopWhichItHoldsCompleteInARunOfTheTask) {
+    Kel::EventLoop& running = *std::exchange(loop, nullptr);
     socket.async_wait(Socket::wait_read, [&](auto) { calls(t->taskCurrentlyRunning()); });
     root->runUntilIdle();
     peer.close();
-    loop->runOnce();
+    running.runOnce();
     EXPECT_THAT(called, ElementsAre());
     root->runUntilIdle();
     EXPECT_THAT(called, ElementsAre(1));
+    EXPECT_FALSE(executor == asio::require(executor, asio::execution::blocking.never));
+    Ptr<Kel::HandlerQueue> queue = new Kel::HandlerQueue(t.ptr(), running.ioContext());
+    queue->append([&] { EXPECT_EQ(2u, std::exchange(queue, nullptr)->references()) << "its run holds it"; });
+    queue->run();
 }
 
 TEST_F(TaskHandlersTest, ThoseLeftWhenItGoesAreDestroyedWithoutACall) {
@@ -85,13 +74,21 @@ TEST_F(TaskHandlersTest, ThoseLeftWhenItGoesAreDestroyedWithoutACall) {
         handlers = nullptr; // in its own run
     });
     // A handler that brings another one when it is destroyed.
-    std::shared_ptr<void> brings(nullptr, [this, owned](void*) {
-        asio::post(executor, [owned] { FAIL(); });
-        calls(2);
-    });
-    asio::post(executor, [owned, moved = std::move(brings)] { FAIL(); });
+    auto const postsAnother = [&](Kel::TaskExecutor const& to) {
+        std::shared_ptr<void> brings(nullptr, [this, owned, to](void*) {
+            asio::post(to, [owned] { FAIL(); });
+            calls(2);
+        });
+        asio::post(to, [owned, moved = std::move(brings)] { FAIL(); });
+    };
+    postsAnother(executor);
     root->runUntilIdle();
     EXPECT_THAT(called, ElementsAre(1, 2));
+    auto others = TaskHandlers::TaskHandlersIs(t, loop);
+    postsAnother(others->executor());
+    t->unscheduleTask();
+    others = nullptr; // in no run
+    EXPECT_THAT(called, ElementsAre(1, 2, 2));
     EXPECT_EQ(2, owned.use_count()); // the socket's
     peer.close();
     loop->runOnce();
@@ -123,27 +120,115 @@ TEST_F(TaskHandlersTest, CoroutinesAreDestroyedWithItOrWithTheLoopWhereverTheyWa
     EXPECT_EQ(1, owned.use_count());
 }
 
-TEST_F(TaskHandlersTest, OutliveAThrowASuspensionAndBeingTakenOffTheQueue) {
-    TestSupport::TraceLog log({0}, "Mox");
-    asio::post(executor, [] { throw std::runtime_error("no route"); });
-    asio::post(executor, [&] { calls(static_cast<int>(t->taskRun())); });
-    root->runUntilIdle();
-    EXPECT_THAT(called, ElementsAre(2));
-    EXPECT_THAT(log.take(), testing::HasSubstr("no route"));
-    EXPECT_EQ(2u, t->taskWorkCount());
-    t->taskSuspendedForTestIs(true);
-    asio::post(executor, [&] { calls(3); });
-    EXPECT_EQ(0u, root->runUntilIdle());
-    t->taskSuspendedForTestIs(false);
-    t->unscheduleTask();
-    EXPECT_EQ(0u, root->runUntilIdle());
-    asio::post(executor, [&] { calls(4); });
-    root->runUntilIdle();
-    EXPECT_THAT(called, ElementsAre(2, 3, 4));
-    t->taskForceYieldInTestIs(true);
-    asio::post(executor, [&] { calls(5); });
-    EXPECT_EQ(1u, root->runUntilIdle());
-    EXPECT_THAT(called, ElementsAre(2, 3, 4, 5));
+/// A random program of handlers that bring and run each other, take their time, throw and end it all, beside
+/// a model: who waits, and whether the task is scheduled.
+class HandlersProgram : TestSupport::HandTree {
+  public:
+    explicit HandlersProgram(TestSupport::Random& random) : random_(random) {}
+
+    void step() {
+        change(5);
+        run(false);
+        ASSERT_EQ(1 + std::ssize(waiting_), owned_.use_count());
+        ASSERT_EQ(scheduled_, t_->taskScheduled());
+        ASSERT_EQ(runs_, t_->taskRun());
+        ASSERT_EQ(work_, t_->taskWorkCount());
+    }
+
+  private:
+    struct Run {
+        std::chrono::nanoseconds start;
+        Mox::U64 called = 0;
+        bool isOver = false;
+    };
+
+    void schedule() { scheduled_ = !t_->taskSuspendedForTest(); }
+    void bring() {
+        int const id = ++last_;
+        std::size_t const how = random_.below(5);
+        atOnce_ = how > 2 && !running_.empty() ? id : 0;
+        if (handlers_ && atOnce_ == 0) {
+            waiting_.push_back(id);
+            running_.empty() ? schedule() : void();
+        }
+        auto const handler = [this, id, owned = owned_] { called(id); };
+        switch (how) {
+        case 0: return asio::post(any_, handler);
+        case 1: return asio::defer(executor_, handler);
+        case 2: return asio::dispatch(never_, handler);
+        case 3: return asio::dispatch(executor_, handler);
+        default: asio::dispatch(asio::prefer(never_, asio::execution::blocking.possibly), handler);
+        }
+    }
+    void called(int id) {
+        if (std::exchange(atOnce_, 0) == id)
+            return change(2);
+        ASSERT_TRUE(!running_.empty() && !running_.back().isOver);
+        ASSERT_FALSE(waiting_.empty());
+        ASSERT_EQ(waiting_.front(), id);
+        waiting_.pop_front();
+        ++running_.back().called;
+        change(3);
+        bool const throws = random_.oneIn(8), forced = t_->taskForceYieldInTest();
+        Run& run = running_.back();
+        run.isOver = throws || forced || !handlers_ || steady.now() - run.start >= 20ms;
+        if (throws)
+            throw std::runtime_error("no route");
+    }
+    void change(std::size_t limit) {
+        for (std::size_t left = random_.below(limit); left > 0; --left)
+            switch (random_.below(12)) {
+            case 0: t_->unscheduleTask(), scheduled_ = false; break;
+            case 1: suspend(!t_->taskSuspendedForTest()); break;
+            case 2: t_->taskForceYieldInTestIs(random_.oneIn(4)); break;
+            case 3: running_.size() < 3 ? run(true) : void(); break;
+            case 4: random_.oneIn(20) ? waiting_.clear(), handlers_ = nullptr : nullptr; break;
+            case 5:
+            case 6: steady.advance(5ms); break;
+            default: bring();
+            }
+    }
+    void suspend(bool suspended) {
+        t_->taskSuspendedForTestIs(suspended);
+        scheduled_ = !suspended;
+    }
+    void run(bool byHand) {
+        if (bool const runs = std::exchange(scheduled_, false); !byHand && !runs)
+            return root->handleSchedulerRun();
+        running_.push_back({steady.now()});
+        ++runs_;
+        byHand ? t_->taskRunFromTest() : root->handleSchedulerRun();
+        Run const run = running_.back();
+        running_.pop_back();
+        EXPECT_TRUE(waiting_.empty() || run.isOver);
+        work_ += handlers_ ? run.called : 0;
+        if (!waiting_.empty())
+            schedule();
+    }
+
+    TestSupport::Random& random_;
+    Ptr<Kel::Task> const t_ = task();
+    Ptr<Kel::EventLoop> const loop_ = Kel::EventLoop::EventLoopIs();
+    Ptr<TaskHandlers> handlers_ = TaskHandlers::TaskHandlersIs(t_, loop_);
+    Kel::TaskExecutor const executor_ = handlers_->executor();
+    asio::any_io_executor const any_ = executor_; // as sockets, timers and coroutines carry it
+    asio::any_io_executor const never_ = asio::require(any_, asio::execution::blocking.never);
+    std::shared_ptr<int> const owned_ = std::make_shared<int>(); // by each handler
+    std::deque<int> waiting_;
+    std::vector<Run> running_; // within each other
+    bool scheduled_ = false;
+    int last_ = 0, atOnce_ = 0;
+    Mox::U32 runs_ = 0;
+    Mox::U64 work_ = 0;
+};
+
+TEST(TaskHandlersModel, CallsThoseThatWaitInTheirOrderInAsFewRunsAsTheQuantumAllows) {
+    TestSupport::TraceLog const log({}, "Mox");
+    TestSupport::Random random;
+    for (std::size_t programs = TestSupport::operations(500); programs > 0 && !testing::Test::HasFailure();
+         --programs)
+        for (HandlersProgram program(random); !random.oneIn(200) && !testing::Test::HasFailure();)
+            program.step();
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include <kel/TimerWheel.h>
 #include <mox/ActivityManager.h>
 #include <mox/TraceHandle.h>
 #include <mox/TurnLoop.h>
@@ -8,13 +9,17 @@
 #include <support/VirtualTime.h>
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/local/connect_pair.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
 #include <map>
+#include <sys/wait.h>
 #include <tuple>
+#include <unistd.h>
 
 namespace {
 
@@ -53,7 +58,8 @@ struct Loop {
 };
 
 /// A random program of events and alarms that arm, mute, detach and destroy each other, turn the loop
-/// within their calls, stop it and throw. The model knows turns and jumps, not budgets: it tells who is next.
+/// within their calls, stop it and throw, some on a clock that is not the thread's. The model knows turns and
+/// jumps, not budgets: it tells who is next.
 class LoopProgram {
   public:
     explicit LoopProgram(Form form) : loop_(form) {
@@ -67,21 +73,23 @@ class LoopProgram {
 
     void step() {
         change(4);
-        time_.clock->autoAdvanceIs(loop_.form == Form::application || !random_.oneIn(4));
-        time_.clock->nowIs(now_ += 0.25 * static_cast<double>(random_.below(3)));
+        for (bool const other : {false, true}) {
+            clocks_[other]->autoAdvanceIs(loop_.form == Form::application || !random_.oneIn(4));
+            clocks_[other]->nowIs(now_[other] += 0.25 * static_cast<double>(random_.below(3)));
+        }
         if (!random_.oneIn(4))
             runNested();
-        ASSERT_EQ(immediate_.empty() ? std::max(0.0, due() - now_) : 0.0, loop_.turns.nextDue());
-        ASSERT_EQ(thrown_, caught_);
+        expectAlike();
     }
 
   private:
     struct Slot {
         std::function<void(Seconds)> arm; // from now on its clock
+        std::function<bool()> isArmed;
         std::function<void(bool)> attach;
         Ptr<Mox::Reactor> reactor;
         Ptr<Mox::PtrInterface> notifier;
-        bool isAlarm = false;
+        bool isAlarm = false, onOther = false; // clock
         bool attached = true, goesOn = false;
         Seconds at = Mox::endOfTime; // less than any time: in the list of turns
         std::size_t asked = 0, order = 0;
@@ -96,17 +104,20 @@ class LoopProgram {
         forget(slot);
         slot = {};
         slot.isAlarm = loop_.form == Form::carried && &slot < &slots_[6];
-        Ptr<Mox::Clock> const clock = time_.clock;
+        slot.onOther = slot.isAlarm && &slot < &slots_[3];
+        Ptr<Mox::Clock> const clock = clocks_[slot.onOther];
         auto const call = [this, &slot] { called(slot); };
         if (!slot.isAlarm) {
             auto const event = std::make_shared<EventCall>(loop_.loop, call);
             slot.arm = [event](Seconds delay) { event->in(delay); };
+            slot.isArmed = [event] { return event->event->armed(); };
             slot.attach = [event](bool on) { event->reactor->notifierIs(on ? event->event : nullptr); };
             slot.reactor = event->reactor;
             slot.notifier = event->event;
         } else { // whose alarm belongs to the attachment
             Ptr<Alarm> const alarm = new Alarm(clock, call);
             slot.arm = [=](Seconds delay) { alarm->timeMinIs(clock->now() + delay); };
+            slot.isArmed = [alarm = alarm.ptr()] { return alarm->timeMin() != Mox::endOfTime; };
             slot.attach = [=, this, &slot](bool on) {
                 alarm->notifierIs(on ? clock : nullptr), forget(slot);
             };
@@ -136,6 +147,16 @@ class LoopProgram {
                !s.reactor->hasNotificationActive() || !s.notifier->hasNotificationActive();
     }
 
+    void expectAlike() {
+        for (Slot const& slot : slots_)
+            ASSERT_EQ(slot.at != Mox::endOfTime, slot.isArmed());
+        for (bool const other : {false, true})
+            ASSERT_EQ(now_[other], clocks_[other]->now());
+        Seconds const wait = std::min(due(false) - now_[0], due(true) - now_[1]);
+        ASSERT_EQ(immediate_.empty() ? std::max(0.0, wait) : 0.0, loop_.turns.nextDue());
+        ASSERT_EQ(thrown_, caught_);
+    }
+
     // The model
 
     void forget(Slot& slot) {
@@ -150,7 +171,7 @@ class LoopProgram {
             return; // keeps its place
         forget(slot);
         slot.order = ++order_;
-        slot.at = now_ + delay;
+        slot.at = now_[slot.onOther] + delay;
         if (delay <= 0)
             atNextTurn(slot);
     }
@@ -160,27 +181,34 @@ class LoopProgram {
         immediate_.push_back(&slot);
     }
     void serve() {
-        std::map<std::tuple<bool, Seconds, std::size_t>, Slot*> due;
+        std::map<std::tuple<bool, bool, Seconds, std::size_t>, Slot*> due;
         for (Slot& slot : slots_)
-            if (slot.at >= 0 && slot.at <= now_)
-                due[{slot.isAlarm, slot.at, slot.order}] = &slot;
+            if (slot.at >= 0 && slot.at <= now_[slot.onOther])
+                due[{slot.isAlarm, !slot.onOther, slot.at, slot.order}] = &slot;
         for (auto const& [place, slot] : due)
             atNextTurn(*slot);
     }
-    Seconds due() const {
+    Seconds due(bool onOther) const {
         Seconds due = Mox::endOfTime;
         for (Slot const& slot : slots_)
-            due = slot.at >= 0 ? std::min(due, slot.at) : due;
+            due = slot.at >= 0 && slot.onOther == onOther ? std::min(due, slot.at) : due;
         return due;
     }
-    /// A turn begins, or the clock jumps; false when nothing more can happen before the limit.
+    /// A turn begins, or clocks jump; false when nothing more can happen before the limit, a time of the
+    /// thread's clock.
     bool advance(Seconds limit) {
         serve();
         if (!immediate_.empty())
             return ++turn_;
-        Seconds const until = std::min(due(), limit);
-        bool const jumps = now_ < limit && until != Mox::endOfTime && time_.clock->autoAdvance();
-        now_ = jumps ? until : now_;
+        bool const goesOn = now_[0] < limit;
+        bool jumps = false;
+        for (bool const other : {false, true}) {
+            Seconds const until = other ? due(true) : std::min(due(false), limit);
+            if (!goesOn || until == Mox::endOfTime || !clocks_[other]->autoAdvance())
+                continue;
+            now_[other] = until;
+            jumps = true;
+        }
         return jumps;
     }
     /// Who is to be called next in the run under way, with the deaf spent before it; null for nobody.
@@ -205,7 +233,7 @@ class LoopProgram {
         bool const isApplications = loop_.form == Form::application && frames_.empty();
         Kind const kind = isApplications ? run : Kind(random_.below(loop_.form == Form::application ? 2 : 3));
         Seconds const limit =
-            kind == until ? now_ + 0.25 * static_cast<double>(random_.below(12)) : Mox::endOfTime;
+            kind == until ? now_[0] + 0.25 * static_cast<double>(random_.below(12)) : Mox::endOfTime;
         bool const outerStopped = std::exchange(stopped_, false) && !frames_.empty();
         serve();
         turn_ += kind == once;
@@ -213,18 +241,17 @@ class LoopProgram {
         Mox::U64 const counted = loop_.runs(kind, limit);
         EXPECT_EQ(nullptr, next()) << "was not called";
         EXPECT_EQ(kind == once ? frames_.back().pops : 0, counted);
-        EXPECT_EQ(now_, time_.clock->now());
         frames_.pop_back();
         stopped_ = stopped_ || outerStopped;
     }
     void called(Slot& slot) {
         ASSERT_EQ(&slot, next());
-        ASSERT_EQ(now_, time_.clock->now());
+        expectAlike();
         if (slot.goesOn && !random_.oneIn(600))
             return ask(slot, 0);
         change(3);
-        if (random_.oneIn(6))
-            time_.clock->nowIs(now_ += 0.25);
+        if (std::size_t const clock = random_.below(12); clock < 2)
+            clocks_[clock]->nowIs(now_[clock] += 0.25);
         if (loop_.form != Form::application && random_.oneIn(15))
             stopped_ = true, loop_.turns.stop();
         if (frames_.size() < 4 && random_.oneIn(8))
@@ -234,7 +261,8 @@ class LoopProgram {
     }
 
     TestSupport::VirtualTime time_;
-    Seconds now_ = 0;
+    std::array<Ptr<Mox::VirtualClock>, 2> const clocks_{time_.clock, Mox::VirtualClock::VirtualClockIs()};
+    std::array<Seconds, 2> now_{};
     TestSupport::Random random_;
     Loop loop_;
     std::array<Slot, 12> slots_;
@@ -293,18 +321,49 @@ TEST_P(LoopTest, ServesTimersAndDescriptorsAtTheEndOfEachBudget) {
 }
 
 TEST_P(LoopTest, IsThereUntilItsRunEndsThoughACallbackLetsItGo) {
-    Loop loop(GetParam());
-    EventLoop& running = *loop.loop;
-    std::unique_ptr<EventCall> call;
-    call = std::make_unique<EventCall>(loop.loop, [&] {
-        running.stop();
-        loop.loop = nullptr;
-        call = nullptr;
-        EXPECT_EQ(1u, running.references());
-    });
-    call->in(0);
-    loop.form == Form::application ? void(loop.context.run()) : running.run();
-    EXPECT_FALSE(call);
+    for (Kind const kind : {once, until, run}) {
+        Loop loop(GetParam());
+        EventLoop& running = *loop.loop;
+        std::unique_ptr<EventCall> call;
+        call = std::make_unique<EventCall>(loop.loop, [&] {
+            running.stop();
+            loop.loop = nullptr;
+            call = nullptr;
+            EXPECT_EQ(1u, running.references());
+        });
+        call->in(0);
+        if (kind == once)
+            EXPECT_EQ(1u, running.runOnce());
+        else if (kind == until)
+            running.runUntil(1e10);
+        else
+            loop.form == Form::application ? void(loop.context.run()) : running.run();
+        EXPECT_FALSE(call);
+    }
+}
+
+// A set of descriptors that two processes share tells only one of them.
+TEST(EventLoop, AForkedChildHasDescriptorsOfItsOwn) {
+    std::vector<Ptr<EventLoop>> loops(3);
+    for (auto& loop : loops)
+        loop = EventLoop::EventLoopIs();
+    loops[1] = nullptr;
+    for (auto const& loop : {loops[0], loops[2]}) {
+        boost::asio::local::stream_protocol::socket socket(loop->ioContext()), peer(loop->ioContext());
+        boost::asio::local::connect_pair(socket, peer);
+        int ready = 0;
+        socket.async_wait(socket.wait_read, [&](auto) { ++ready; });
+        loop->runOnce();
+        peer.close();
+        pid_t const child = fork();
+        loop->runOnce();
+        if (child == 0)
+            _exit(ready);
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(1, WEXITSTATUS(status));
+        EXPECT_EQ(1, ready);
+    }
 }
 
 TEST(EventLoop, CountsHandlersAndACarriedOneAlwaysWaits) {
@@ -313,6 +372,22 @@ TEST(EventLoop, CountsHandlersAndACarriedOneAlwaysWaits) {
     EXPECT_EQ(1u, loop->runOnce());
     Ptr<EventLoop> const carried = EventLoop::EventLoopIs(Mox::activityManager());
     EXPECT_DEATH(carried->runsWhenIdleIs(false), "runsWhenIdle \\|\\| !useMoxEventLoop");
+}
+
+TEST(EventLoop, NoTimeIsANaNAndAVirtualClockGoesOnOnly) {
+    TestSupport::VirtualTime time;
+    time.clock->nowIs(1);
+    EventCall event(EventLoop::EventLoopIs(), [] {});
+    Ptr<Alarm> const alarm = new Alarm(time.clock, [] {});
+    auto const wheel = Kel::TimerWheel::TimerWheelIs(nullptr, nullptr, 10, 100, true, 4);
+    Ptr<TestSupport::TimerCall<Kel::TimerWheel::NotifieeConst>> const timer =
+        new TestSupport::TimerCall<Kel::TimerWheel::NotifieeConst>(wheel, [] {});
+    EXPECT_DEATH(event.in(NAN), "isnan");
+    EXPECT_DEATH(alarm->timeMinIs(NAN), "isnan");
+    EXPECT_DEATH(timer->timeMinIs(NAN), "isnan");
+    EXPECT_DEATH(time.manager->runUntil(NAN), "isnan");
+    EXPECT_DEATH(time.clock->nowIs(Mox::endOfTime), "isfinite");
+    EXPECT_DEATH(time.clock->nowIs(0.5), "time >= now_");
 }
 
 } // namespace

@@ -7,6 +7,8 @@
 
 #include <gmock/gmock.h>
 
+#include <thread>
+
 namespace Kel {
 
 namespace {
@@ -112,6 +114,9 @@ TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKeyOrAreRefused
     auto const last = task("last", TaskPriority::scavenge);
     last->scheduleTask();
     EXPECT_THROW(tree.set("root/schedulerHasRunnableTasks", "False"), Mox::RangeException);
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a forked child may touch the tree
+    EXPECT_DEATH(std::thread([&] { tree.list(""); }).join(), "schedulerThread");
+    EXPECT_DEATH(std::thread([&] { tree.list("root/none"); }).join(), "schedulerThread");
 }
 
 } // namespace Kel

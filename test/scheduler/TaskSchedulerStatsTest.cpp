@@ -42,6 +42,7 @@ struct TaskSchedulerStatsTest : HandTreeTest {
         explicit Noted(TaskSchedulerStatsTest& t) : Task(t.root, TaskPriority::low, "task"), test(t) {}
         void resetStats() override {
             Task::resetStats();
+            test.resets.push_back(taskKey());
             if (test.endsAtReset())
                 std::erase_if(test.tasks, [this](auto const& t) { return t == this; });
         }
@@ -63,7 +64,16 @@ struct TaskSchedulerStatsTest : HandTreeTest {
         return runs;
     }
 
+    std::vector<TaskKey> keysInOrder() const {
+        std::vector<TaskKey> keys;
+        auto const& registered = root->tasksRegistered();
+        for (Task const* t = registered.first(); t; t = registered.after(t))
+            keys.push_back(t->taskKey());
+        return keys;
+    }
+
     std::vector<Ptr<Noted>> tasks;
+    std::vector<TaskKey> resets;
     std::function<bool()> endsAtReset = [] { return false; };
 };
 
@@ -111,6 +121,8 @@ TEST_F(TaskSchedulerStatsTest, ResetReachesEveryTaskWhateverDiesAndComesMeanwhil
         makeTasks(30);
         root->resetStats();
         root->resetStatsTask()->notifier()->taskForceYieldInTestIs(true);
+        std::vector<TaskKey> const order = keysInOrder();
+        resets.clear();
         std::vector<Ptr<Task>> late;
         int runs = 0;
         for (; root->schedulerHasRunnableTasks() && runs < 200; ++runs) {
@@ -127,6 +139,38 @@ TEST_F(TaskSchedulerStatsTest, ResetReachesEveryTaskWhateverDiesAndComesMeanwhil
         }
         ASSERT_LT(runs, 200);
         ASSERT_EQ(0u, runsOfTasks());
+        auto place = order.begin(); // where a run resumes, its task is reset again
+        for (TaskKey const& key : resets)
+            ASSERT_NE(order.end(), place = std::find(place, order.end(), key));
+    }
+}
+
+TEST_F(TaskSchedulerStatsTest, ResetAskedForByWhatHearsOfANameBeginsAgainAndTellsEachNameOnce) {
+    struct Hears : HandScheduler {
+        using HandScheduler::HandScheduler;
+        void deadTaskStatsNotify(String8 name) override {
+            if (deadTaskStats(name))
+                return;
+            names += name;
+            if (names.size() == 1)
+                atFirst();
+        }
+        String names;
+        std::function<void()> atFirst;
+    };
+    for (bool const forced : {false, true}) {
+        Ptr<Hears> const scheduler = new Hears("hears", root.ptr());
+        auto const t = Task::TaskIs(scheduler, TaskPriority::low, "t");
+        auto const dies = [&](char const* name) { Task::TaskIs(scheduler, TaskPriority::low, name); };
+        dies("a"), dies("b"), dies("c");
+        scheduler->atFirst = [&] { t->taskRunFromTest(), dies("d"), scheduler->resetStats(); };
+        scheduler->resetStats();
+        scheduler->resetStatsTask()->notifier()->taskForceYieldInTestIs(forced);
+        for (int runs = 0; runs < 20; ++runs)
+            scheduler->handleSchedulerRun();
+        EXPECT_EQ(0u, t->taskRun());
+        EXPECT_THAT(scheduler->names, testing::UnorderedElementsAre('a', 'b', 'c', 'd'));
+        scheduler->resetStatsTaskDel();
     }
 }
 

@@ -210,7 +210,7 @@ class TaskProgram : HandTree {
     /// A number that goes with a time: 0, 1 or the greatest.
     static U32 n(Seconds d) { return d > 1.0 ? ~U32{0} : d > 0.0; }
     using S = Seconds;
-    static constexpr std::size_t ofTimers = 6; // the last
+    static constexpr std::size_t ofTimers = 7; // the last
     std::vector<std::pair<std::string, std::function<void(S)>>> const operations_ = {
         {"schedule", [this](S) { schedule(), task_->scheduleTask(); }},
         {"unschedule", [this](S) { unschedule(), task_->unscheduleTask(); }},
@@ -232,6 +232,7 @@ class TaskProgram : HandTree {
         {"delay", [this](S d) { delay(d), timer_->scheduleTaskDelay(d); }},
         {"up", [this](S d) { delay(d), timer_->scheduleTaskJitterUp(d, d < 0 || d == most ? 255 : 0); }},
         {"down", [this](S d) { delay(d = std::abs(d)), timer_->scheduleTaskJitterDown(d, 0); }},
+        {"private", [this](S d) { delay(std::min(d, most)), timer_->scheduleTaskDelayedPrivate(d, true); }},
         {"lowest", [this](S d) { delay(d = std::min(d, most), false), timer_->scheduleTaskLowestDelay(d); }},
         {"clock", [this](S d) { timerMayExpire(d); }},
     };
