@@ -58,22 +58,4 @@ TEST_F(CallbacksTest, EachHearsItsOwnNotificationAndNoOther) {
     EXPECT_EQ("group complete running run 200% 500% work yield suspended busy event wheel clock ", heard);
 }
 
-TEST_F(CallbacksTest, FunctionThatLetsItsReactorGoEndsItsCallAndHearsNoMore) {
-    auto t = task();
-    auto const count = std::make_shared<int>(0);
-    Ptr<Task::NotifieeConst> reactor;
-    reactor = Kel::onTaskRun(t, [&, count = count] {
-        if (++*count > 1)
-            return;
-        reactor = nullptr;
-        t->taskRunFromTest(); // nobody is told
-        t = nullptr;          // the last reference but the run pass's
-        ++*count;
-    });
-    t->scheduleTask();
-    root->runUntilIdle();
-    EXPECT_EQ(2, *count);
-    EXPECT_EQ(1, count.use_count());
-}
-
 } // namespace

@@ -70,11 +70,12 @@ class WheelProgram {
         std::size_t armedInTurn = 0;
     };
     S64 nextTick() const { return model_.empty() ? farTick : model_.begin()->first; }
-    /// It is, or it may have been in the turn under way.
-    bool isDeaf(Slot const& slot) const {
-        return mutedInTurn_ >= outermost_ || !wheel_->hasNotificationActive() ||
-               !slot.timer->hasNotificationActive() || slot.timer->isZombie();
+    bool isHeard(Slot const& slot) const {
+        return wheel_->hasNotificationActive() && slot.timer->hasNotificationActive() &&
+               !slot.timer->isZombie();
     }
+    /// It is, or it may have been in the turn under way.
+    bool isDeaf(Slot const& slot) const { return mutedInTurn_ >= outermost_ || !isHeard(slot); }
     void renew(Slot& slot) {
         slot.timer = new Timer(wheel_, [this, &slot] { expired(slot); });
     }
@@ -135,6 +136,7 @@ class WheelProgram {
     }
     void expired(Slot& slot) {
         ++fired_;
+        ASSERT_TRUE(isHeard(slot));
         ASSERT_LE(slot.at, clock_->now()) << "early, or not armed";
         ASSERT_LE(lastTick_, tickOf(slot.at)) << "not in the order of ticks";
         ASSERT_NE(turns_, slot.armedInTurn) << "in the turn in which it was armed";

@@ -64,7 +64,8 @@ TEST_F(CommandsTest, KeysLiveAsLongAsTheyAreGiven) {
         SET b 1 EX > -ERR syntax error   SET b 1 NX 10 > -ERR syntax error   EXISTS b > :0   set b 7 px 2000 > +OK
         TTL b > :2    INCR b > :8   TTL b > :2   PERSIST b > :1   TTL b > :-1   PEXPIRE b 0 > :1   EXISTS b > :0
         EXPIRE a -1 > :1   DBSIZE > :0   MSET s 1 ms 1 ever 1 > +OK   EXPIRE s 1000 > :1   PEXPIRE ms 1000000 > :1
-        EXPIRE ever 9223372036854775807 > :1)");
+        EXPIRE ever 9223372036854775807 > :1  SET long 1 EX 5000000000000000000 > +OK)");
+    EXPECT_NEAR(number("TTL long"), 4.875e18, 1.3e17);
     EXPECT_NEAR(number("TTL s"), 975, 26);
     EXPECT_NEAR(number("PTTL s"), 1000 * number("TTL s"), 501);
     EXPECT_NEAR(number("TTL ms"), 975, 26);
@@ -83,7 +84,7 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
     for (std::size_t const size : {16u, 17u, 65u})
         EXPECT_EQ(ask(std::string(size, 'x')),
                   "-ERR unknown command '" + std::string(std::min<std::size_t>(size, 64), 'x') + "'");
-    EXPECT_EQ(ask("a\r\n+OK"), "-ERR unknown command 'a  +OK'");
+    EXPECT_EQ(ask("a\r\n\x1f+OK"), "-ERR unknown command 'a   +OK'");
     EXPECT_THAT(ask("INFO"),
                 testing::ContainsRegex("# Server .*  # Clients .*  # Scheduler .*TotalRunCount"));
 }
@@ -95,7 +96,12 @@ TEST_F(CommandsTest, OperatorSteersTheTree) {
         sched call kelkv/scavenger resetStats > +OK           SCHED GET kelkv/tasksPerPriority/'scavenge' > $1 1
         SCHED SET kelkv/x > -ERR wrong number of arguments for 'SCHED SET'   SCHED CALL kelkv auditErrors 1 > $1 0
         SCHED LS a b > -ERR wrong number of arguments for 'SCHED LS'   SCHED NO > -ERR unknown subcommand of SCHED
-        SCHED CALL kelkv/scavenger taskRunInc -1 > -ERR Kel::Task::taskRunInc: '-1' is no Mox::U32: expected a number)");
+        SCHED CALL kelkv/scavenger taskRunInc -1 > -ERR Kel::Task::taskRunInc: '-1' is no Mox::U32: expected a number
+        SCHED SET kelkv/scavenger/taskQuantum 5e-05 > +OK)");
+    fill(store, 30000);
+    store.clear();
+    turn(10000);
+    expect("SCHED GET kelkv/scavenger/taskWorkCount > $5 30000");
 }
 
 } // namespace KelKv

@@ -218,6 +218,8 @@ TEST_F(DaemonTest, HttpAnswersOnceWhoeverRunsItsTaskAndWhileSuspendedAndLeavesNo
     EXPECT_EQ(daemon->http()->connections(), 1u);
     op.expect("SCHED CALL kelkv/http scheduleTask\r\nSCHED SET kelkv/suspended True\r\n", "+OK\r\n+OK\r\n");
     EXPECT_THAT(browser.askAll("\r\n"), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("keltask_")));
+    op.expect("SCHED CALL kelkv/http taskRunFromTest\r\nSCHED LS kelkv/http/x\r\n", "+OK\r\n-ERR");
+    EXPECT_EQ(daemon->http()->connections(), 1u) << "it waits for its client to close";
     Client half(*loop, *daemon->http());
     half.send("GET / HT");
     daemon.reset();

@@ -20,7 +20,8 @@ struct Walked final : KeyWalk::Client {
         walk->task()->taskForceYieldInTestIs(true);
     }
     bool pieceIs(std::string&& piece) override {
-        reply += failing ? throw std::runtime_error("the client failed") : piece;
+        atPiece();
+        reply += piece;
         return reply.size() % 2 == 0;
     }
     void walkDone() override { end = "done"; }
@@ -45,7 +46,7 @@ struct Walked final : KeyWalk::Client {
 
     EngineTest& test;
     std::string reply, end;
-    bool failing = false;
+    std::function<void()> atPiece = [] {};
     Mox::Ptr<KeyWalk> const walk;
 };
 
@@ -111,13 +112,16 @@ TEST_F(KeyWalkTest, EndsEarlyButWholeAfterAFlushAtOnceWhenCancelledAndWithItsCli
     TestSupport::TraceLog trace({0}, "Mox");
     fill(store, 10000);
     Walked counted(*this, std::nullopt), cancelled(*this, "*"), failed(*this, "*");
-    failed.failing = true;
+    failed.atPiece = [] { throw std::runtime_error("the client failed"); };
+    Walked closed(*this, "*");
+    closed.atPiece = [&] { closed.walk->cancel(); };
     turn(20);
     store.clear();
     cancelled.walk->cancel();
     counted.finish();
     failed.finish();
-    EXPECT_EQ(counted.end + cancelled.end + failed.end, "donefailed");
+    turn(100);
+    EXPECT_EQ(counted.end + cancelled.end + failed.end + closed.end, "donefailed");
     EXPECT_EQ(counted.reply.front(), ':');
     EXPECT_LT(std::stoul(counted.reply.substr(1)), 1000u);
     EXPECT_EQ(cancelled.reply, "");
@@ -144,8 +148,10 @@ TEST_F(KeyWalkTest, KeyIsGoneWhenItsTimeHasComeUnlessItWasWrittenOrPersistedSinc
     time.clock->nowIs(10.02);
     turn(10);
     EXPECT_EQ(store.size(), 2u);
-    EXPECT_NE(store.find("persisted"), nullptr);
     EXPECT_EQ(store.find("written")->text, "2");
+    Walked left(*this, "*");
+    left.finish();
+    EXPECT_EQ(left.keys(), (std::multiset<std::string>{"persisted", "written"}));
 }
 
 } // namespace KelKv

@@ -1,5 +1,4 @@
 #include <mox/ActivityManager.h>
-#include <mox/VirtualClock.h>
 
 #include <support/Calls.h>
 
@@ -33,14 +32,6 @@ TEST(ThreadsEnd, ManagerAndTimeCanStillBeUsedWhetherOrNotSomebodyHoldsThem) {
         EXPECT_GT(read, 0);
         EXPECT_EQ(isHeld ? 1 : 0, calls);
     }
-}
-
-TEST(VirtualClock, IsNotTurnedBackByALoopThatWaitsForWhatHasPassed) {
-    Ptr<Mox::VirtualClock> const clock = Mox::VirtualClock::VirtualClockIs();
-    clock->autoAdvanceIs(true);
-    clock->nowIs(5.0);
-    clock->idleUntil(3.0);
-    EXPECT_EQ(5.0, clock->now());
 }
 
 } // namespace

@@ -37,6 +37,7 @@ TEST_F(BuildingTest, ValuesAreBuiltFromTextsAndReadAsThese) {
     expectReadAsBuilt<Kel::TaskKey>("value", "18446744073709551615", "-1");
     expectReadAsBuilt<Kel::ProcessId>("value", "-2", "1 ");
     expectReadAsBuilt<Kel::TaskPriority>("value", "'scavenge'", "'lowest'");
+    expectReadAsBuilt<Kel::TaskPriority::PriorityEnum>("value", "3", "'low'");
     expectReadAsBuilt<Kel::TaskSchedulerEventType>("value", "17", "18");
     expectReadAsBuilt<Kel::TaskStat>("taskTotalRunTime", "0.5", "s");
     expectReadAsBuilt<Status>("value", "31", "32");
@@ -89,6 +90,14 @@ TEST_F(BuildingTest, EntitiesAreBuiltFromTextsAndReferencesOrRefusedAndNothingIs
                   }),
                   (message.empty() ? "" : "Kel::TimerTask::") + message);
     EXPECT_EQ(root->tasksRegistered().size(), 1u); // the group's
+    char const* const parentType = "Kel::TaskGroupParentTask";
+    auto const runs = build(parentType, named, {{"taskScheduler", group}, {"taskGroup", group}});
+    EXPECT_EQ(attributeText(*runs, "taskGroup"), Mox::referenceToStrep(group.ptr()));
+    References const lacksGroup{{"taskScheduler", group}, {"taskGroup", nullptr}};
+    EXPECT_THROW(build(parentType, needed, lacksGroup), Mox::RangeException);
+    Texts const lowGroup{
+        {"taskGroupName", "'g'"}, {"taskGroupPriority", "'low'"}, {"enforceTaskGroupPriority", "True"}};
+    EXPECT_THROW(build("Kel::TaskGroup", lowGroup, {{"parentScheduler", group}}), Mox::RangeException);
     EXPECT_THROW(build("Kel::Tusk", {}, {}), Mox::RangeException);
     EXPECT_THROW(build("Kel::TaskStat", {}, {}), Mox::OperationNotSupportedException);
 }

@@ -73,6 +73,8 @@ TEST_F(SchedulerTreeTest, ListsGroupsThenTasksByNameAndSomeOfMany) {
         EXPECT_EQ(std::ranges::count(got("root/many/taskRun"), '@'), 8);
         EXPECT_EQ(std::get<1>(tree.get("root/tasksRegistered")).size(), SchedulerTree::childrenMax);
     }
+    for (std::size_t const some : {9u, 8u})
+        EXPECT_EQ((many.resize(some), got("root/many/taskRun").ends_with(" ...")), some > 8);
 }
 
 TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKeyOrAreRefusedWithTheReason) {
@@ -103,6 +105,7 @@ TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKeyOrAreRefused
              {gone + "/suspended", "no root '" + gone + "', it is 'root' " + ofRoot},
              {"root", "no attribute at the end of 'root'"},
              {"root/one/two/taskRun", "no task or group 'two' under 'root/one'"},
+             {"root/" + std::to_string(one->taskKey().value()) + "/taskRun", "' under 'root'"},
              {"root/" + gone + "/taskRun", "no task or group '" + gone + "' under 'root'"},
              {"root/jobs/" + ofOne + "/taskRun", "no task or group '" + ofOne + "' under 'root/jobs'"}})
         EXPECT_THAT(got(path), testing::EndsWith(expected)) << path;
@@ -116,7 +119,7 @@ TEST_F(SchedulerTreeTest, PathsLeadToAttributesAndEntriesByNameOrKeyOrAreRefused
     EXPECT_THROW(tree.set("root/schedulerHasRunnableTasks", "False"), Mox::RangeException);
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // a forked child may touch the tree
     EXPECT_DEATH(std::thread([&] { tree.list(""); }).join(), "schedulerThread");
-    EXPECT_DEATH(std::thread([&] { tree.list("root/none"); }).join(), "schedulerThread");
+    EXPECT_DEATH(std::thread([&] { tree.get("root/none/x"); }).join(), "schedulerThread");
 }
 
 } // namespace Kel

@@ -164,22 +164,6 @@ TEST_P(BehaviourSuite, TasksKeepItGoingWhenItsOwnerHasLetGo) {
     EXPECT_EQ(endOfTime, nextDue());
 }
 
-TEST_P(BehaviourSuite, UnderVirtualTimeFarTimersKeepTheirTicksAndAllThatIsDueAtTheEndIsDone) {
-    timers.clock->autoAdvanceIs(true);
-    root->trimHistoryEnabledIs(false);
-    for (Seconds const delay : {0.01, 86399.995, 86400.0, 1e6 + 0.003, 1e7})
-        task("far")->scheduleTaskDelay(delay);
-    auto const t = task("t");
-    Ptr<OnRun> const more = new OnRun(t, [&] { t->taskRun() < 1000 ? t->scheduleTask() : void(); });
-    t->scheduleTaskDelay(1e7);
-    turnLoop().runUntil(1e7 - 0.001, false);
-    EXPECT_EQ((std::vector{0.01, 86400.0, 86400.0, 1e6 + 0.01}), times);
-    turnLoop().runUntil(1e7, false);
-    EXPECT_EQ(1000u, t->taskRun()) << "many more than a loop takes at a time";
-    EXPECT_EQ(1e7, now());
-    EXPECT_EQ(std::vector(1001, 1e7), std::vector(times.begin() + 4, times.end()));
-}
-
 TEST_P(BehaviourSuite, NothingStaysInTheLoopWhereverItIsReleased) {
     release();
     struct {

@@ -64,14 +64,6 @@ struct TaskSchedulerStatsTest : HandTreeTest {
         return runs;
     }
 
-    std::vector<TaskKey> keysInOrder() const {
-        std::vector<TaskKey> keys;
-        auto const& registered = root->tasksRegistered();
-        for (Task const* t = registered.first(); t; t = registered.after(t))
-            keys.push_back(t->taskKey());
-        return keys;
-    }
-
     std::vector<Ptr<Noted>> tasks;
     std::vector<TaskKey> resets;
     std::function<bool()> endsAtReset = [] { return false; };
@@ -121,8 +113,10 @@ TEST_F(TaskSchedulerStatsTest, ResetReachesEveryTaskWhateverDiesAndComesMeanwhil
         makeTasks(30);
         root->resetStats();
         root->resetStatsTask()->notifier()->taskForceYieldInTestIs(true);
-        std::vector<TaskKey> const order = keysInOrder();
         resets.clear();
+        std::vector<TaskKey> order;
+        for (Task* t = root->tasksRegistered().first(); t; t = root->tasksRegistered().after(t))
+            order.push_back(t->taskKey());
         std::vector<Ptr<Task>> late;
         int runs = 0;
         for (; root->schedulerHasRunnableTasks() && runs < 200; ++runs) {
@@ -145,32 +139,33 @@ TEST_F(TaskSchedulerStatsTest, ResetReachesEveryTaskWhateverDiesAndComesMeanwhil
     }
 }
 
-TEST_F(TaskSchedulerStatsTest, ResetAskedForByWhatHearsOfANameBeginsAgainAndTellsEachNameOnce) {
-    struct Hears : HandScheduler {
-        using HandScheduler::HandScheduler;
-        void deadTaskStatsNotify(String8 name) override {
-            if (deadTaskStats(name))
-                return;
-            names += name;
-            if (names.size() == 1)
-                atFirst();
-        }
+/// Tells each name that is gone.
+struct Telling : HandScheduler {
+    using HandScheduler::HandScheduler;
+    void deadTaskStatsNotify(String8 name) override { deadTaskStats(name) ? void() : isGone(name); }
+    std::function<void(String8)> isGone;
+};
+
+TEST_F(TaskSchedulerStatsTest, ResetAskedForWhileNamesAreDroppedBeginsAgainAndTellsEachNameOnce) {
+    for (bool const byWhatHears : {false, true}) {
+        Ptr<Telling> const s = new Telling("s", root.ptr());
+        auto const named = [&](char const* name) { return Task::TaskIs(s, TaskPriority::low, name); };
+        auto const t = named("t");
         String names;
-        std::function<void()> atFirst;
-    };
-    for (bool const forced : {false, true}) {
-        Ptr<Hears> const scheduler = new Hears("hears", root.ptr());
-        auto const t = Task::TaskIs(scheduler, TaskPriority::low, "t");
-        auto const dies = [&](char const* name) { Task::TaskIs(scheduler, TaskPriority::low, name); };
-        dies("a"), dies("b"), dies("c");
-        scheduler->atFirst = [&] { t->taskRunFromTest(), dies("d"), scheduler->resetStats(); };
-        scheduler->resetStats();
-        scheduler->resetStatsTask()->notifier()->taskForceYieldInTestIs(forced);
+        bool asks = true;
+        auto const mayAsk = [&](bool hears) {
+            if (hears == byWhatHears && names.size() == 1 && std::exchange(asks, false))
+                t->taskRunFromTest(), named("d"), s->resetStats();
+        };
+        s->isGone = [&](String8 name) { names += name, mayAsk(true); };
+        named("a"), named("b"), named("c");
+        s->resetStats();
+        s->resetStatsTask()->notifier()->taskForceYieldInTestIs(true);
         for (int runs = 0; runs < 20; ++runs)
-            scheduler->handleSchedulerRun();
+            s->handleSchedulerRun(), mayAsk(false);
         EXPECT_EQ(0u, t->taskRun());
-        EXPECT_THAT(scheduler->names, testing::UnorderedElementsAre('a', 'b', 'c', 'd'));
-        scheduler->resetStatsTaskDel();
+        EXPECT_THAT(names, testing::UnorderedElementsAre('a', 'b', 'c', 'd'));
+        s->resetStatsTaskDel();
     }
 }
 
