@@ -71,6 +71,8 @@ TEST_F(TaskHandlersTest, OperationsOnTheLoopWhichItHoldsCompleteInARunOfTheTaskA
     socket.close();
     running.runOnce();
     EXPECT_EQ(1, owned.use_count());
+    auto const never = asio::execution::blocking.never;
+    EXPECT_TRUE(asio::query(asio::require(executor, never), asio::execution::blocking) == never);
     Ptr<Kel::HandlerQueue> queue = new Kel::HandlerQueue(t.ptr(), running.ioContext());
     queue->append([&] { EXPECT_EQ(2u, std::exchange(queue, nullptr)->references()) << "its run holds it"; });
     queue->run();

@@ -357,6 +357,8 @@ TEST_F(LiveAttributesTest, MessagesNameTypeMemberAndProblem) {
         EXPECT_EQ(refusal([&, &name = member, &value = text] { attributeTextIs(task, name, value); }),
                   std::string("Kel::Task") + message);
     task.taskRunFromTest();
+    auto event = *named.root->history().begin();
+    EXPECT_EQ(attributeText(Mox::Subject::ofValue(event), "task"), "'task'");
     steady.advance(std::chrono::nanoseconds(-1));
     auto const call = [&](char const* name) { return refusal([&] { callOperation(task, name, {}); }); };
     EXPECT_THAT(call("explode"), HasSubstr("has no operation 'explode'"));

@@ -109,7 +109,7 @@ TEST_F(TaskSchedulerStatsTest, ResetTakesRunsOfItsQuantum) {
 TEST_F(TaskSchedulerStatsTest, ResetReachesEveryTaskWhateverDiesAndComesMeanwhile) {
     Random random;
     endsAtReset = [&] { return random.oneIn(4); };
-    for (int round = 0; round < 50; ++round) {
+    for (int round = 0; round < 500; ++round) {
         makeTasks(30);
         root->resetStats();
         root->resetStatsTask()->notifier()->taskForceYieldInTestIs(true);
