@@ -1,5 +1,6 @@
-// How soon a descriptor is answered while tasks never end: on the library's own loop, inside an application's
-// io_context, and, as the floor, by a bare io_context that does nothing but poll.
+// How soon a descriptor is answered while tasks never end, and how soon a timer's task runs while descriptors
+// never fall silent: on the library's own loop, inside an application's io_context, and, as the floor, by a
+// bare io_context that does nothing but poll.
 //
 // A client thread on the other core asks at random moments and waits for the echo without sleeping. Requests
 // during which either thread was taken off its core by somebody else's work are set aside: they measure the
@@ -9,6 +10,7 @@
 #include <bench/TaskLoad.h>
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/write.hpp>
 
@@ -16,6 +18,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+#include <deque>
 #include <functional>
 #include <random>
 #include <thread>
@@ -173,6 +177,145 @@ Latencies onPollingContext(unsigned requests) {
         [&] { stopped = true; });
 }
 
+/// Sockets that always have something to read: who reads it writes it back to the other end.
+class Chatter {
+  public:
+    Chatter(io_context& context, unsigned sockets) {
+        for (unsigned i = 0; i < sockets; ++i) {
+            Socket& socket = sockets_.emplace_back(context);
+            boost::asio::local::connect_pair(socket, ends_.emplace_back(context));
+            boost::asio::write(ends_.back(), boost::asio::buffer(message_));
+            echo(socket, ends_.back());
+        }
+    }
+
+  private:
+    using Socket = boost::asio::local::stream_protocol::socket;
+
+    void echo(Socket& socket, Socket& end) {
+        socket.async_read_some(boost::asio::buffer(message_),
+                               [&](boost::system::error_code error, std::size_t size) {
+                                   if (error)
+                                       return;
+                                   boost::asio::write(end, boost::asio::buffer(message_, size));
+                                   echo(socket, end);
+                               });
+    }
+
+    std::deque<Socket> sockets_, ends_;
+    std::array<char, 64> message_{};
+};
+
+/// When the next timer is due, and how late what it asked for came.
+class Lateness {
+  public:
+    explicit Lateness(unsigned samples) : samples_(samples) {}
+
+    /// Seconds to the next one.
+    double next() {
+        double const seconds = pause_(engine_);
+        due_ = Bench::steadyNanoseconds() + static_cast<std::int64_t>(seconds * 1e9);
+        return seconds;
+    }
+    std::int64_t due() const { return due_; }
+    /// False when it was the last.
+    bool came() {
+        double const usec = static_cast<double>(Bench::steadyNanoseconds() - due_) / 1e3;
+        long const count = preemptions();
+        if (count == std::exchange(preemptions_, count))
+            undisturbed.push_back(usec);
+        return --samples_ > 0;
+    }
+    std::vector<double> undisturbed;
+
+  private:
+    unsigned samples_;
+    std::mt19937 engine_{1};
+    std::uniform_real_distribution<double> pause_{20e-6, 120e-6};
+    std::int64_t due_ = 0;
+    long preemptions_ = preemptions();
+};
+
+/// A timer of the loop schedules a task, whose run arms the timer anew.
+class TimedTask : public Kel::Task::Notifiee {
+  public:
+    TimedTask(Mox::Ptr<Kel::EventLoop> const& loop, Lateness& lateness, std::function<void()> atEnd)
+        : root_(Kel::TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("bench", loop)),
+          task_(Kel::Task::TaskIs(root_, Kel::TaskPriority::normal, "timed")), lateness_(lateness),
+          atEnd_(std::move(atEnd)), alarm_(new Alarm(loop, task_)) {
+        notifierIs(task_);
+        alarm_->arm(lateness_.next());
+    }
+    void onTaskRun() override {
+        if (lateness_.came())
+            alarm_->arm(lateness_.next());
+        else
+            atEnd_();
+    }
+
+  private:
+    class Alarm : public Kel::TimerEvent::Notifiee {
+      public:
+        Alarm(Mox::Ptr<Kel::EventLoop> const& loop, Mox::Ptr<Kel::Task> task)
+            : event_(Kel::TimerEvent::TimerEventIs(loop)), task_(std::move(task)) {
+            notifierIs(event_);
+        }
+        void arm(double seconds) { event_->timeMinIs(seconds); }
+        void onClock() override { task_->scheduleTask(); }
+
+      private:
+        Mox::Ptr<Kel::TimerEvent> const event_;
+        Mox::Ptr<Kel::Task> const task_;
+    };
+
+    Mox::Ptr<Kel::TaskSchedulerEventLoop> const root_;
+    Mox::Ptr<Kel::Task> const task_;
+    Lateness& lateness_;
+    std::function<void()> const atEnd_;
+    Mox::Ptr<Alarm> const alarm_;
+};
+
+void timedOnOwnLoop(Lateness& lateness, unsigned sockets) {
+    auto const loop = Kel::EventLoop::EventLoopIs();
+    Chatter const chatter(loop->ioContext(), sockets);
+    Mox::Ptr<TimedTask> const task = new TimedTask(loop, lateness, [&] { loop->stop(); });
+    loop->run();
+}
+
+void timedInsideIoContext(Lateness& lateness, unsigned sockets) {
+    io_context context;
+    Chatter const chatter(context, sockets);
+    Mox::Ptr<TimedTask> task =
+        new TimedTask(Kel::EventLoop::EventLoopIs(context), lateness, [&] { context.stop(); });
+    context.run();
+}
+
+void timedOnPollingContext(Lateness& lateness, unsigned sockets) {
+    io_context context(1);
+    Chatter const chatter(context, sockets);
+    for (lateness.next();; context.poll_one())
+        if (Bench::steadyNanoseconds() >= lateness.due()) {
+            if (!lateness.came())
+                return;
+            lateness.next();
+        }
+}
+
+void timedRows(unsigned samples, unsigned sockets) {
+    auto const measured = [&](auto run) {
+        Lateness lateness(samples);
+        run(lateness, sockets);
+        return std::move(lateness.undisturbed);
+    };
+    auto const floor = measured(timedOnPollingContext);
+    auto const row = [&](std::string const& name, std::vector<double> const& ours) {
+        for (auto const& [what, q] : {std::pair(", us, p50", 0.5), {", us, p99", 0.99}, {", us, max", 1.0}})
+            Bench::figure(name + what, sockets, Bench::quantile(ours, q), Bench::quantile(floor, q));
+    };
+    row("timed task under chatter, own loop", measured(timedOnOwnLoop));
+    row("timed task under chatter, inside an io_context", measured(timedInsideIoContext));
+}
+
 void rows(std::string const& name, Latencies const& ours, Latencies const& floor) {
     auto const row = [&](char const* what, double q, auto const& part) {
         Bench::figure(name + what, tasks, Bench::quantile(ours.*part, q), Bench::quantile(floor.*part, q));
@@ -198,4 +341,6 @@ int main(int argc, char** argv) {
     Latencies const floor = onPollingContext(requests);
     rows("I/O answered, own loop", onOwnLoop(requests), floor);
     rows("I/O answered, inside an io_context", insideIoContext(requests), floor);
+    for (unsigned const sockets : {1u, 10u, 1000u})
+        timedRows(requests, sockets);
 }

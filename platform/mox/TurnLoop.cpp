@@ -20,11 +20,13 @@ namespace Mox {
 
 namespace {
 
-// How long a busy loop goes on without a look at timers and descriptors. A longer budget makes a turn
-// cheaper, since fewer turns pay for the look, and has descriptors wait longer. The number of turns is the
-// bound for callbacks that never read the clock.
+// How long a busy loop goes on without a look at timers and descriptors, and how long these are served while
+// calls wait. A longer budget makes a turn cheaper, since fewer turns pay for the look, and has the other
+// side wait longer. The number of calls is the bound for callbacks that never read the clock.
 constexpr Nanoseconds budgetTime = boost::chrono::microseconds(10);
-constexpr U32 budgetTurnsMax = 256;
+constexpr U32 budgetCallsMax = 256;
+// The most that descriptors are given to make up for calls that took longer than their budget.
+constexpr Nanoseconds descriptorTimeMax = boost::chrono::milliseconds(1);
 constexpr Seconds sleepMax = 86400.0; // well inside what the system's timers take
 
 /// A sleep is rounded up: a loop that wakes before the time would have to sleep again.
@@ -187,7 +189,7 @@ U64 TurnLoop::runOnce() {
     Driving const driving(*this);
     serveTimers();
     U64 calls = pollDescriptors();
-    ++budgetTurns_;
+    ++budget_.calls;
     for (U64 const turn = ++turn_; hasCallsOf(turn) && !stopped_; ++calls)
         callFirst();
     return calls;
@@ -199,11 +201,11 @@ void TurnLoop::runBudget() {
     runTurns();
 }
 
-/// Goes by readings that others took, so that a turn pays for none. A clock that went back tells nothing
+/// Turns go by readings that others took, so that none is paid for. A clock that went back tells nothing
 /// about the time used, and ends the budget too.
-inline bool TurnLoop::budgetSpent() const {
-    Nanoseconds const used = SteadyClock::latest() - budgetStart_;
-    return used >= budgetTime || used < Nanoseconds(0) || budgetTurns_ >= budgetTurnsMax;
+inline bool TurnLoop::Budget::isSpent(SteadyClock::TimePoint now) const {
+    Nanoseconds const used = now - start;
+    return used >= time || used < Nanoseconds(0) || calls >= budgetCallsMax;
 }
 
 /// One test between two calls: a busy scheduler makes turns of one call, and would otherwise test both list
@@ -211,16 +213,15 @@ inline bool TurnLoop::budgetSpent() const {
 void TurnLoop::runTurns() {
     bool const hasVirtualTimers =
         std::ranges::any_of(queues_, [](auto const& queue) { return !queue->clock().isReal(); });
-    budgetStart_ = SteadyClock::latest();
-    budgetTurns_ = 0;
+    budget_ = {SteadyClock::latest(), budgetTime};
     for (; !stopped_; callFirst())
         if (!hasCallsOf(turn_)) {
             if (hasVirtualTimers)
                 serveVirtualTimers();
-            if (immediate_.empty() || budgetSpent())
+            if (immediate_.empty() || budget_.isSpent(SteadyClock::latest()))
                 return;
             ++turn_;
-            ++budgetTurns_;
+            ++budget_.calls;
         }
 }
 
@@ -246,13 +247,27 @@ void TurnLoop::serveVirtualTimers() {
             serve(*queue);
 }
 
+/// Handlers one by one, since those that run make others ready without end while peers keep sending. They are
+/// given as long as the turns before took: beside tasks that use a quantum each, a hundred sockets would
+/// otherwise be looked at a few at a time. The clock is read between two of them, and not at all while
+/// descriptors are silent; under virtual time their number alone counts, so that the order of a run does not
+/// depend on the machine.
+///
 /// An io_context that once found nothing pending stays stopped, and has to be restarted before it serves what
 /// came since. The loop's own handlers are no callbacks of anybody, and are left out of the count.
 U64 TurnLoop::pollDescriptors() {
     if (io_->context.stopped())
         io_->context.restart();
     U64 const ownBefore = io_->ownHandlers;
-    return io_->context.poll() - (io_->ownHandlers - ownBefore);
+    Budget budget{{}, std::clamp(SteadyClock::latest() - budget_.start, budgetTime, descriptorTimeMax)};
+    handlersLeft_ = false;
+    for (bool const isTimed = threadClock().isReal(); !handlersLeft_ && io_->context.poll_one() > 0;) {
+        auto const now = isTimed ? SteadyClock::now() : budget.start;
+        if (budget.calls++ == 0)
+            budget.start = now;
+        handlersLeft_ = stopped_ || budget.isSpent(now);
+    }
+    return budget.calls - (io_->ownHandlers - ownBefore);
 }
 
 // Waiting
@@ -323,7 +338,7 @@ bool TurnLoop::waitForDescriptors(bool waitsWhenIdle) {
 }
 
 Seconds TurnLoop::nextDue() const {
-    if (!immediate_.empty())
+    if (!immediate_.empty() || handlersLeft_)
         return 0.0;
     Seconds shortest = endOfTime;
     for (auto const& queue : queues_)

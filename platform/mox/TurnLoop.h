@@ -23,11 +23,16 @@ namespace Mox {
 /// turn. While immediate calls are pending, turns follow each other without a system call until a budget
 /// ends: 10 microseconds of steady time by the readings that others took, or when that clock went back, or
 /// 256 turns. Then timers and descriptors are looked at, so that both are served however busy the loop is.
-/// Timers on a clock that is not real are looked at on every turn, so that the order of a run under virtual
-/// time does not depend on how fast the machine is.
+/// Handlers of descriptors have such a budget, too: from the end of the first one 10 microseconds, or as long
+/// as the turns before took, up to a millisecond; or 256 of them. What is ready beyond waits behind the
+/// timers and the next turns. So neither side starves the other: each waits for one budget and what its last
+/// call overruns it by. Timers on a clock that is not real are looked at on every turn, and of handlers only
+/// the number counts then, so that the order of a run under virtual time does not depend on how fast the
+/// machine is.
 ///
 /// An attached loop lives in the application's io_context: a posted handler runs turns for one budget, then
-/// posts itself again.
+/// posts itself again. How many handlers of the application run in between is up to that io_context: all that
+/// are ready by then, once; the loop can bound only what it polls itself, in its run functions.
 ///
 /// One thread; other threads may post to the io_context. `fork()` in that thread gives the child a descriptor
 /// set of its own (an application that brought its io_context tells it of the fork itself). Callers of the
@@ -55,7 +60,7 @@ class MOX_EXPORT TurnLoop {
     void stop() { stopped_ = true; }
 
     /// Seconds until something is due: 0 when something is, endOfTime when nothing is pending. Descriptors do
-    /// not count.
+    /// not count, but handlers that the latest turn left for the next one do.
     Seconds nextDue() const;
 
   private:
@@ -67,6 +72,13 @@ class MOX_EXPORT TurnLoop {
         boost::intrusive::list<Wakeup,
                                boost::intrusive::member_hook<Wakeup, Wakeup::TurnHook, &Wakeup::turnHook_>,
                                boost::intrusive::constant_time_size<false>>;
+
+    struct Budget {
+        SteadyClock::TimePoint start{};
+        Nanoseconds time{};
+        U32 calls = 0;
+        bool isSpent(SteadyClock::TimePoint now) const;
+    };
 
     explicit TurnLoop(std::unique_ptr<Io> io);
 
@@ -89,7 +101,6 @@ class MOX_EXPORT TurnLoop {
     bool hasCallsOf(U64 turn) const;
     void runBudget();
     void runTurns();
-    bool budgetSpent() const;
     void serveTimers();
     void serveVirtualTimers();
     void serve(TimerQueue& queue);
@@ -113,9 +124,8 @@ class MOX_EXPORT TurnLoop {
     bool const isAttached_;
     U32 driven_ = 0; // run functions under way
 
-    // The budget under way.
-    SteadyClock::TimePoint budgetStart_{};
-    U32 budgetTurns_ = 0;
+    Budget budget_; // of the turns under way
+    bool handlersLeft_ = false;
 
     std::vector<std::unique_ptr<TimerQueue>> queues_; // the thread's clock first
     std::unique_ptr<Io> io_;

@@ -1,5 +1,6 @@
 #include <group/TaskGroup.h>
 #include <mox/TurnLoop.h>
+#include <mox/TypeRegistry.h>
 #include <scheduler/TaskSchedulerEventLoop.h>
 #include <scheduler/TaskSchedulerMoxActivity.h>
 
@@ -7,6 +8,8 @@
 #include <support/TaskReactors.h>
 #include <support/VirtualTime.h>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <gmock/gmock.h>
 
 #include <sstream>
@@ -18,15 +21,31 @@ namespace {
 
 using namespace TestSupport;
 
-/// A scheduler at its place with its loop, and tasks that write their names down.
+/// A scheduler at its place with its loop, on which descriptors may never fall silent, and tasks that write
+/// their names down.
 struct Stage {
-    void build(bool isOnEventLoop, bool isGroup) {
+    ~Stage() {
+        if (std::exchange(isFlooded, false))
+            turn(); // the thread's loop stays
+    }
+    void build(bool isOnEventLoop, bool isGroup, bool hasFlood = false) {
         loop = isOnEventLoop ? EventLoop::EventLoopIs() : nullptr;
         root = loop ? Ptr<TaskSchedulerRoot>(TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", loop))
                     : TaskSchedulerMoxActivity::TaskSchedulerMoxActivityIs("root");
         scheduler = root;
         if (isGroup)
             scheduler = TaskGroup::TaskGroupIs("group", TaskPriority::normal, false, root);
+        isFlooded = hasFlood;
+        if (hasFlood)
+            flood();
+    }
+    void flood() {
+        boost::asio::post(turnLoop().ioContext(), [this, there = std::weak_ptr(floods)] {
+            if (there.expired() || !isFlooded)
+                return;
+            ++*floods;
+            flood();
+        });
     }
     /// The owner lets go of everything; only the loop stays.
     void release() {
@@ -39,8 +58,16 @@ struct Stage {
     // The loop
 
     TurnLoop& turnLoop() const { return loop ? loop->turnLoop() : timers.manager->turnLoop(); }
-    U64 turn() { return turnLoop().runOnce(); }
-    Seconds nextDue() const { return turnLoop().nextDue(); }
+    /// Calls of the flood do not count.
+    U64 turn() {
+        U64 const before = *floods, calls = turnLoop().runOnce();
+        return calls - (*floods - before);
+    }
+    Seconds nextDue() {
+        if (std::exchange(isFlooded, false))
+            turn();
+        return turnLoop().nextDue();
+    }
     void turnUntilIdle() {
         while (turn() > 0) {
         }
@@ -87,14 +114,19 @@ struct Stage {
     std::vector<Ptr<OnRun>> workers;
     std::string order;
     std::vector<Seconds> times; // one for each run
+    bool isFlooded = false;
+    std::shared_ptr<U64> const floods = std::make_shared<U64>(0); // handlers
 };
 
-/// On an event loop or the thread's activity manager; in a group or at the root.
-struct BehaviourSuite : testing::TestWithParam<std::tuple<bool, bool>>, Stage {
+/// On an event loop or the thread's activity manager; in a group or at the root; descriptors silent or not.
+struct BehaviourSuite : testing::TestWithParam<std::tuple<bool, bool, bool>>, Stage {
     BehaviourSuite() { build(); }
-    void build() { Stage::build(std::get<0>(GetParam()), std::get<1>(GetParam())); }
+    void build() {
+        std::apply([this](auto... place) { Stage::build(place...); }, GetParam());
+    }
 };
-INSTANTIATE_TEST_SUITE_P(At, BehaviourSuite, testing::Combine(testing::Bool(), testing::Bool()));
+INSTANTIATE_TEST_SUITE_P(At, BehaviourSuite,
+                         testing::Combine(testing::Bool(), testing::Bool(), testing::Bool()));
 
 TEST_P(BehaviourSuite, RunsByPriorityInTheOrderOfArrival) {
     schedule("s1 l1 n1 h1 a1 n2 h2");
@@ -151,6 +183,57 @@ TEST_P(BehaviourSuite, RequestOutlivesBeingSwitchedOffAndAMoveOfTheRootToAnother
         dynamic_cast<TaskSchedulerMoxActivity&>(*root).clockIs(VirtualClock::VirtualClockIs());
     turnUntilIdle();
     EXPECT_EQ("n2", takeOrder());
+}
+
+/// What is asked for before and while the scheduler, or the root, is switched off.
+TEST_P(BehaviourSuite, SwitchedOffAndOnByNameNothingIsLeftStuck) {
+    std::function<void()> const nothing = [] {};
+    struct {
+        char const* what;
+        std::function<void()> before, meanwhile;
+        char const* order;
+    } const cases[] = {
+        {"scheduled before", [&] { schedule("n1 l1"); }, nothing, "n1 l1"},
+        {"scheduled meanwhile", nothing, [&] { schedule("n1 l1"); }, "n1 l1"},
+        {"both", [&] { schedule("n1+ l1", 2); }, [&] { schedule("n2"); }, "n1+ n2 n1+ l1"},
+        {"a timer", [&] { task("t")->scheduleTaskDelay(1.0); }, nothing, "t"},
+        {"suspended", [&] { schedule("n1"); },
+         [&] { root->suspendedIs(true), turnUntilIdle(), root->suspendedIs(false); }, "n1"},
+        {"reset before", [&] { schedule("n1"), turnUntilIdle(), takeOrder(), scheduler->resetStats(); },
+         nothing, ""},
+        {"reset meanwhile", [&] { schedule("n1"), turnUntilIdle(), takeOrder(); },
+         [&] { scheduler->resetStats(); }, ""},
+        {"reset by a task that the root runs",
+         [&] {
+             scheduler->resetStatsTaskIs(root, TaskPriority::normal, "elsewhere");
+             schedule("n1"), turnUntilIdle(), takeOrder();
+         },
+         [&] { scheduler->resetStats(); }, ""},
+    };
+    for (bool const ofRoot : {false, true})
+        for (auto const& c : cases) {
+            SCOPED_TRACE(c.what);
+            release();
+            build();
+            TaskScheduler& switched = ofRoot ? *root : *scheduler;
+            c.before();
+            attributeTextIs(switched, "hasNotificationActive", "False");
+            turnUntilIdle();
+            c.meanwhile();
+            turnUntilIdle();
+            timers.clock->nowInc(2000.0); // the history is to be trimmed, the loop kept alive
+            turnUntilIdle();
+            attributeTextIs(switched, "hasNotificationActive", "True");
+            turnUntilIdle();
+            EXPECT_EQ(c.order, takeOrder());
+            EXPECT_FALSE(root->schedulerHasRunnableTasks() || scheduler->schedulerHasRunnableTasks());
+            for (auto const& worker : workers)
+                EXPECT_EQ(*c.order == '\0', worker->notifier()->taskRun() == 0) << "reset";
+            schedule("h1");
+            turnUntilIdle();
+            EXPECT_EQ("h1", takeOrder());
+            EXPECT_LE(nextDue(), 10.0) << "the history is trimmed";
+        }
 }
 
 TEST_P(BehaviourSuite, TasksKeepItGoingWhenItsOwnerHasLetGo) {
