@@ -1,8 +1,6 @@
 #define MOX_SOURCE_NAME "Export"
 #include <export/ChromeTrace.h>
 
-#include <export/detail/HistoryLanes.h>
-#include <export/detail/HistoryQueueLength.h>
 #include <export/detail/HistoryRuns.h>
 #include <export/detail/OutputText.h>
 #include <mox/Assert.h>
@@ -11,6 +9,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 
 namespace Kel {
 
@@ -74,56 +73,71 @@ class Percentage {
     TaskTimeDuration quantum_;
 };
 
-class ChromeTrace {
+class ChromeTrace : public TextInSlices {
   public:
-    explicit ChromeTrace(TaskSchedulerRoot const& root)
-        : root_(root), lanes_(root), now_(Mox::SteadyClock::now()) {
-        if (!root.history().empty())
-            begin_ = std::prev(root.history().end())->timeStamp();
-    }
-
-    /// The whole text before the sink gets any of it: what a sink does may change the tree.
-    std::string text() {
-        writeNames();
-        for (HistoryRun const& run : historyRuns(root_.history(), now_))
-            writeRun(run);
-        for (auto const& event : oldestFirst(root_.history()))
-            writeInstant(event);
-        writeQueueLengths();
-        return "{\"traceEvents\":[" + text_ + "\n],\"displayTimeUnit\":\"ns\"}\n";
-    }
+    explicit ChromeTrace(Mox::Ptr<TaskSchedulerRoot const> root) : root_(std::move(root)) {}
 
   private:
-    Microseconds time(TaskTimeStamp const& stamp) const { return {elapsed(begin_, stamp)}; }
+    static constexpr Mox::U32 perEvent = 1200; // written
+
+    Slices make() override {
+        lanes_.emplace(*root_);
+        co_yield Slices::whole;
+        co_await lanes_->make();
+        text() += "{\"traceEvents\":[";
+        co_await writeNames();
+        co_await writeRuns();
+        co_await writeInstants();
+        co_await writeQueueLengths();
+        text() += "\n],\"displayTimeUnit\":\"ns\"}\n";
+        co_await lanes_->letGo();
+    }
+
+    Microseconds time(TaskTimeStamp const& stamp) const { return {elapsed(lanes_->begin(), stamp)}; }
 
     /// Appends an event of that phase; the arguments of the format are its further members.
     template <class... Members>
     void event(char phase, fmt::format_string<Members...> format, Members&&... members) {
-        fmt::format_to(std::back_inserter(text_), "{}\n{{\"ph\":\"{}\",\"pid\":1,", text_.empty() ? "" : ",",
+        fmt::format_to(std::back_inserter(text()), "{}\n{{\"ph\":\"{}\",\"pid\":1,", isFirst_ ? "" : ",",
                        phase);
-        fmt::format_to(std::back_inserter(text_), format, std::forward<Members>(members)...);
-        text_ += '}';
+        fmt::format_to(std::back_inserter(text()), format, std::forward<Members>(members)...);
+        text() += '}';
+        isFirst_ = false;
     }
 
-    void writeNames() {
-        event('M', R"("name":"process_name","args":{{"name":{}}})", jsonString(root_.schedulerName()));
-        for (auto const& [key, lane] : lanes_.lanes()) {
+    Slices writeNames() {
+        event('M', R"("name":"process_name","args":{{"name":{}}})", jsonString(lanes_->rootName()));
+        for (auto const& [key, lane] : lanes_->lanes()) {
             event('M', R"("tid":{},"name":"thread_name","args":{{"name":{}}})", lane.number,
                   jsonString(laneName(key)));
             event('M', R"("tid":{0},"name":"thread_sort_index","args":{{"sort_index":{0}}})", lane.number);
+            co_yield 3 * perEvent;
         }
     }
     static std::string laneName(HistoryLanes::Key const& key) {
         return fmt::format("{} {}", std::get<1>(key), std::get<2>(key).toStrep());
     }
 
+    Slices writeRuns() {
+        HistoryRuns runs(lanes_->begin());
+        for (HistoryEvent const& event : lanes_->events()) {
+            runs.add(event);
+            co_yield 50;
+        }
+        runs.finish(lanes_->now());
+        while (auto const run = runs.take()) {
+            writeRun(*run);
+            co_yield 2 * perEvent;
+        }
+    }
+
     /// Of a run that the history cut off, only what is known is told: a percentage or a violation of a part
     /// would be taken for that of the whole. A clock that went back makes a slice of no length: no viewer
     /// draws a negative one.
     void writeRun(HistoryRun const& run) {
-        HistoryTask const& task = lanes_.task(*run.task);
+        HistoryTask const& task = *run.task;
         TaskTimeDuration const length = std::max(elapsed(run.start, run.end), TaskTimeDuration(0));
-        Percentage const percentage(length, run.task->taskQuantum());
+        Percentage const percentage(length, task.quantum);
         std::string arguments;
         auto const argument = [&](auto format, auto const& value) {
             fmt::format_to(std::back_inserter(arguments), "{}", arguments.empty() ? "" : ",");
@@ -133,63 +147,81 @@ class ChromeTrace {
             argument(FMT_STRING("\"latency_us\":{}"), Microseconds{*run.latency});
         if (run.isWhole() && percentage.exists())
             argument(FMT_STRING("\"quantum_percent\":{:.1f}"), percentage.value());
-        if (run.isWhole() && !run.task->isAlive())
+        if (run.isWhole() && !task.isAlive)
             argument(FMT_STRING("\"about\":{}"), true);
         if (!run.isWhole())
             argument(FMT_STRING("\"cut\":\"{}\""), run.startIsKnown ? "end" : "beginning");
         event('X', R"("tid":{},"ts":{},"dur":{},"cat":"run","name":{},"args":{{{}}})", task.lane->number,
               time(run.start), Microseconds{length}, task.name, arguments);
         if (int const limit = percentage.limitReached(); limit != 0 && run.isWhole())
-            writeTaskInstant(
-                *run.task, run.end,
-                fmt::format(FMT_STRING("{}{}% violation"), run.task->isAlive() ? "" : "about ", limit));
+            writeTaskInstant(task, run.end,
+                             fmt::format(FMT_STRING("{}{}% violation"), task.isAlive ? "" : "about ", limit));
+    }
+
+    Slices writeInstants() {
+        for (HistoryEvent const& event : lanes_->events()) {
+            char const* const name = instantName(event.type);
+            if (name)
+                writeInstant(event, name);
+            co_yield name ? perEvent : 10;
+        }
     }
 
     /// What happened to a scheduler as a whole has no task, and so no lane: it is drawn over all of them.
-    void writeInstant(TaskSchedulerHistory::Event const& event) {
-        char const* const name = instantName(event.eventType());
-        if (!name)
-            return;
-        if (event.task())
-            return writeTaskInstant(*event.task(), event.timeStamp(), name);
-        this->event('i', R"("s":"p","tid":1,"ts":{},"cat":"scheduler","name":"{}")", time(event.timeStamp()),
-                    name);
+    void writeInstant(HistoryEvent const& event, char const* name) {
+        if (event.task)
+            writeTaskInstant(*event.task, event.at, name);
+        else
+            this->event('i', R"("s":"p","tid":1,"ts":{},"cat":"scheduler","name":"{}")", time(event.at),
+                        name);
     }
 
-    void writeTaskInstant(TaskRecord const& record, TaskTimeStamp const& stamp, std::string_view name) {
-        HistoryTask const& task = lanes_.task(record);
+    void writeTaskInstant(HistoryTask const& task, TaskTimeStamp const& stamp, std::string_view name) {
         event('i', R"("s":"t","tid":{},"ts":{},"cat":"task","name":"{}","args":{{"task":{}}})",
               task.lane->number, time(stamp), name, task.name);
     }
 
     /// By lane, not by scheduler: schedulers of one name share a lane, and two counters in one would be drawn
     /// as one that jumps.
-    void writeQueueLengths() {
-        std::map<HistoryLane const*, HistoryQueueLength> lengths;
-        for (auto const& event : oldestFirst(root_.history()))
-            if (event.task())
-                lengths[lanes_.task(*event.task()).lane].add(event);
-        for (auto const& [key, lane] : lanes_.lanes()) {
+    Slices writeQueueLengths() {
+        for (HistoryEvent const& event : lanes_->events()) {
+            std::size_t const lookedAt = event.task ? event.task->lane->queueLength.add(event) : 0;
+            co_yield static_cast<Mox::U32>(50 + lookedAt);
+        }
+        for (auto& [key, lane] : lanes_->lanes()) {
+            HistoryQueueLength& queueLength = lane.queueLength;
+            queueLength.finish(lanes_->now(), lane.runnableTasks);
             std::string const name = jsonString("run queue of " + laneName(key));
-            for (auto const& point : lengths[&lane].finish(begin_, now_, lane.runnableTasks))
-                event('C', R"("tid":{},"ts":{},"name":{},"args":{{"tasks":{}}})", lane.number, time(point.at),
-                      name, point.length);
+            Mox::S64 length = queueLength.atBegin();
+            writeQueueLength(lane, name, lanes_->begin(), length);
+            for (auto const& change : queueLength.changes()) {
+                writeQueueLength(lane, name, change.at, length += change.by);
+                co_yield perEvent;
+            }
         }
     }
+    void writeQueueLength(HistoryLane const& lane, std::string const& name, TaskTimeStamp const& from,
+                          Mox::S64 length) {
+        event('C', R"("tid":{},"ts":{},"name":{},"args":{{"tasks":{}}})", lane.number, time(from), name,
+              length);
+    }
 
-    TaskSchedulerRoot const& root_;
-    HistoryLanes const lanes_;
-    TaskTimeStamp const now_;
-    TaskTimeStamp begin_ = now_;
-    std::string text_;
+    Mox::Ptr<TaskSchedulerRoot const> const root_;
+    std::optional<HistoryLanes> lanes_;
+    bool isFirst_ = true; // event
 };
 
 } // namespace
 
-void writeChromeTrace(Mox::Ptr<TaskSchedulerRoot const> const& root, std::ostream& sink) {
+std::unique_ptr<SlicedText> slicedChromeTrace(Mox::Ptr<TaskSchedulerRoot const> const& root) {
     MOX_ASSERT(root);
     root->sanityCheckCurrentRunningThread();
-    writeWhole(sink, ChromeTrace(*root).text());
+    return std::make_unique<ChromeTrace>(root);
+}
+
+/// The whole text before the sink gets any of it: what a sink does may change the tree.
+void writeChromeTrace(Mox::Ptr<TaskSchedulerRoot const> const& root, std::ostream& sink) {
+    writeWhole(sink, wholeText(*slicedChromeTrace(root)));
 }
 
 } // namespace Kel

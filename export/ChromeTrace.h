@@ -1,10 +1,12 @@
 #pragma once
 
+#include <kel/SlicedText.h>
 #include <mox/Export.h>
 #include <mox/Ptr.h>
 #include <scheduler/TaskSchedulerRoot.h>
 
 #include <iosfwd>
+#include <memory>
 
 namespace Kel {
 
@@ -29,5 +31,10 @@ namespace Kel {
 ///
 /// Throws std::ios_base::failure when the sink does not take everything. Requires: a root.
 MOX_EXPORT void writeChromeTrace(Mox::Ptr<TaskSchedulerRoot const> const& root, std::ostream& sink);
+
+/// The same in slices. All of it is as it was in the first slice, which copies the history.
+///
+/// It holds the root. Requires: a root.
+MOX_EXPORT std::unique_ptr<SlicedText> slicedChromeTrace(Mox::Ptr<TaskSchedulerRoot const> const& root);
 
 } // namespace Kel

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <kel/SlicedText.h>
 #include <mox/Export.h>
 #include <mox/Ptr.h>
 #include <scheduler/TaskSchedulerRoot.h>
 
 #include <iosfwd>
+#include <memory>
 
 namespace Kel {
 
@@ -32,5 +34,14 @@ constexpr std::size_t prometheusTaskNamesMax = 200;
 /// Throws std::ios_base::failure when the sink does not take everything. Requires: a root.
 MOX_EXPORT void writePrometheus(Mox::Ptr<TaskSchedulerRoot const> const& root, std::ostream& sink,
                                 std::size_t taskNamesMax = prometheusTaskNamesMax);
+
+/// The same in slices. Each task and each name of a dead one is visited once, with its figures at that
+/// moment, and so is each scheduler: what changes meanwhile is in or comes with the next reading, and as each
+/// task counts once, living or dead, no counter goes back for it. A scheduler that is made meanwhile may be
+/// missing; of one that goes, what was visited is in.
+///
+/// It holds the root. Requires: a root.
+MOX_EXPORT std::unique_ptr<SlicedText> slicedPrometheus(Mox::Ptr<TaskSchedulerRoot const> const& root,
+                                                        std::size_t taskNamesMax = prometheusTaskNamesMax);
 
 } // namespace Kel

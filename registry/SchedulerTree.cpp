@@ -1,14 +1,17 @@
 #define MOX_SOURCE_NAME "SchedulerTree"
 #include <registry/SchedulerTree.h>
 
+#include <kel/detail/Slices.h>
 #include <mox/Assert.h>
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 
 namespace Kel {
 
 using Mox::RangeException;
+using Entity = Mox::Ptr<Mox::PtrInterface>;
 
 namespace {
 
@@ -62,17 +65,54 @@ std::vector<TaskGroup*> groupsBelow(TaskScheduler const& scheduler) {
 std::string_view nameOf(TaskGroup const* group) { return group->taskGroupName(); }
 std::string_view nameOf(Task const* task) { return task->taskRecord()->taskName(); }
 
-/// The first so many, by name and then by key; the rest in no order: of a million tasks a thousand are shown,
-/// and sorting all would take most of the time. The key makes the order of namesakes the same in each call.
-template <class Child> std::size_t sortSome(std::vector<Child*>& children) {
-    std::size_t const shown = std::min(children.size(), SchedulerTree::childrenMax);
-    std::ranges::partial_sort(children, children.begin() + static_cast<std::ptrdiff_t>(shown),
-                              [](Child const* a, Child const* b) {
-                                  int const order = nameOf(a).compare(nameOf(b));
-                                  return order != 0 ? order < 0 : a < b;
-                              });
-    return shown;
+Mox::Ptr<TaskRecord const> recordOf(Task const& task) { return task.taskRecord(); }
+Mox::Ptr<SchedulerName const> recordOf(TaskGroup const& group) { return group.nameRecord(); }
+/// Good as long as the record is; of a group the scheduler's, which has the same order.
+std::string_view nameInRecord(Task const& task) { return nameOf(&task); }
+std::string_view nameInRecord(TaskGroup const& group) { return group.schedulerName(); }
+
+/// The task or the group, while it is there: the record, which is held, tells it from one that has come to
+/// its place.
+Task const* stillThere(TaskScheduler const& scheduler, Task const* task, TaskRecord const* record) {
+    Task const* const there = scheduler.tasksRegistered(TaskKey::create(task));
+    return there && recordOf(*there).ptr() == record ? there : nullptr;
 }
+TaskGroup const* stillThere(TaskScheduler const& scheduler, TaskGroup const* group,
+                            SchedulerName const* record) {
+    bool const isThere = scheduler.root()->taskScheduler().find(group) != nullptr;
+    return isThere && recordOf(*group).ptr() == record ? group : nullptr;
+}
+
+/// The first so many of the children that it is given, by name and then by key; of the rest the number. The
+/// key makes the order of namesakes the same in each call. None of them is held.
+template <class Child> class FirstByName {
+  public:
+    using Order = std::pair<std::string_view, Child const*>;
+    struct Place {
+        Order order;
+        decltype(recordOf(std::declval<Child const&>())) record;
+
+        bool operator<(Place const& other) const { return order < other.order; }
+    };
+
+    /// Most of many children are turned away by a look at the last of those that are in.
+    void add(Child const& child) {
+        Order const order(nameInRecord(child), &child);
+        bool const isFull = places_.size() == SchedulerTree::childrenMax;
+        left_ += isFull;
+        if (isFull && !(order < places_.rbegin()->order))
+            return;
+        if (isFull)
+            places_.erase(std::prev(places_.end()));
+        places_.insert({order, recordOf(child)});
+    }
+    std::set<Place> const& places() const { return places_; }
+    std::size_t left() const { return left_; }
+
+  private:
+    std::set<Place> places_;
+    std::size_t left_ = 0;
+};
 
 std::string lineOf(TaskGroup const* group) {
     std::ostringstream line;
@@ -94,15 +134,6 @@ std::string lineOf(Task const* task) {
     return line.str();
 }
 
-template <class Child>
-void listChildren(std::vector<Child*> children, std::string_view what, std::vector<std::string>& lines) {
-    std::size_t const shown = sortSome(children);
-    for (std::size_t i = 0; i < shown; ++i)
-        lines.push_back(lineOf(children[i]));
-    if (shown < children.size())
-        lines.push_back(std::to_string(children.size() - shown) + " more " + std::string(what));
-}
-
 std::string lineOf(Mox::Subject const& entity, Mox::Attribute const& attribute) {
     std::string line = "attribute " + attribute.name + " = " + Mox::attributeText(entity, attribute.name) +
                        " (" + attribute.type;
@@ -122,154 +153,303 @@ std::string lineOf(Mox::Operation const& operation) {
     return line + ")" + (operation.resultType.empty() ? "" : " gives " + operation.resultType);
 }
 
-} // namespace
+constexpr Mox::U32 perTask = 300, perLine = 5000;
 
-/// The way along a path, one name at a time. It holds the entity that it stands on, so that a derived class
-/// that lets go of it when it is read or called does not end it under the call.
-class SchedulerTree::PathCursor {
+/// The way along a path, one name at a time. It holds the group that it stands on, and a task only from the
+/// step that has found it to the end of that slice.
+class PathWalk {
   public:
-    PathCursor(TaskSchedulerRoot& root, std::string_view path) : path_(path), rest_(path) {
-        root.sanityCheckCurrentRunningThread();
-        std::string_view const name = takeName(rest_);
-        if (name != root.schedulerName() && keyFrom(name) != keyOf(&root))
-            throw RangeException("no root " + inQuotes(name) + ", it is " + inQuotes(root.schedulerName()) +
-                                 " " + keyOf(&root).toStrep());
-        entity_ = &root;
-    }
+    PathWalk(TaskSchedulerRoot& root, std::string path)
+        : root_(&root), path_(std::move(path)), rest_(path_) {}
+    PathWalk(PathWalk const&) = delete;
+    PathWalk& operator=(PathWalk const&) = delete;
 
     /// To the end of the path.
-    Entity toEnd() {
+    Slices toEnd() {
+        begin();
         while (!rest_.empty())
-            step();
-        return entity_;
+            co_await step();
     }
     /// As far as there are children and something is left behind them, which is an attribute then. The last
     /// name is therefore never taken for a child: "root/x" asks for the root's attribute, "root/x/y" for that
     /// of its child x.
-    Entity toAttribute() {
-        while (rest_.find('/') != rest_.npos && !leadsToCollection())
-            step();
+    Slices toAttribute() {
+        begin();
+        while (rest_.find('/') != rest_.npos) {
+            if (std::string_view const name = nextName(); isCollection(name)) {
+                co_await find(name);
+                if (found_.count == 0)
+                    break;
+            }
+            co_await step();
+        }
         if (rest_.empty())
             throw RangeException("no attribute at the end of " + inQuotes(path_));
-        return entity_;
     }
+    /// What the way has led to; nothing of it is held any more.
+    Entity take() { return std::move(entity_); }
     std::string_view rest() const { return rest_; }
 
   private:
+    /// The first, and the keys of the first few.
     struct Found {
-        Entity entity; // the first
+        Mox::Ptr<TaskGroup> group;
+        Task* task = nullptr;
+        Mox::Ptr<TaskRecord const> record; // the task's
         std::size_t count = 0;
-        std::string keys; // of the first few
+        std::string keys;
 
-        void add(Mox::PtrInterface* found) {
-            if (count++ == 0)
-                entity = found;
-            if (count <= keysShown)
+        void add(TaskGroup* found) {
+            if (isFirst(found))
+                group = found;
+        }
+        void add(Task* found) {
+            if (isFirst(found))
+                task = found, record = found->taskRecord();
+        }
+        bool isFirst(Mox::PtrInterface const* found) {
+            if (++count <= keysShown)
                 keys += " " + keyOf(found).toStrep();
+            return count == 1;
         }
     };
 
+    void begin() {
+        std::string_view const name = takeName(rest_);
+        if (name != root_->schedulerName() && keyFrom(name) != keyOf(root_.ptr()))
+            throw RangeException("no root " + inQuotes(name) + ", it is " + inQuotes(root_->schedulerName()) +
+                                 " " + keyOf(root_.ptr()).toStrep());
+        entity_ = root_;
+    }
+
     /// By key first: a key is what is left when names do not tell two apart, so it must not be hidden by a
     /// task that has it for its name.
-    Found find(std::string_view name) const {
-        Found found;
+    Slices find(std::string_view name) {
+        found_ = {};
         auto* const scheduler = dynamic_cast<TaskScheduler*>(entity_.ptr());
         if (!scheduler)
-            return found;
-        std::vector<TaskGroup*> const groups = groupsBelow(*scheduler);
-        if (TaskKey const key = keyFrom(name); key != TaskKey::none()) {
-            for (TaskGroup* group : groups)
-                if (keyOf(group) == key)
-                    found.add(group);
-            if (Task* const task = scheduler->tasksRegistered(key))
-                found.add(task);
-            if (found.count > 0)
-                return found;
-        }
-        for (TaskGroup* group : groups)
+            co_return;
+        findKey(*scheduler, keyFrom(name));
+        if (found_.count > 0)
+            co_return;
+        for (TaskGroup* group : groupsBelow(*scheduler))
             if (nameOf(group) == name)
-                found.add(group);
+                found_.add(group);
         auto const& tasks = scheduler->tasksRegistered();
-        for (Task* task = tasks.first(); task; task = tasks.after(task))
+        for (Task* task = tasks.first(); task;) {
+            TaskKey const key = task->taskKey();
             if (nameOf(task) == name)
-                found.add(task);
-        return found;
+                found_.add(task);
+            task = (co_yield perTask) ? tasks.behind(key) : tasks.after(task);
+        }
+    }
+    void findKey(TaskScheduler& scheduler, TaskKey const& key) {
+        if (key == TaskKey::none())
+            return;
+        for (TaskGroup* group : groupsBelow(scheduler))
+            if (keyOf(group) == key)
+                found_.add(group);
+        if (Task* const task = scheduler.tasksRegistered(key))
+            found_.add(task);
     }
 
-    void step() {
-        std::string_view const above = path_.substr(0, path_.size() - rest_.size() - 1);
+    /// A task that was found may have died while the others were looked at.
+    Slices step() {
+        std::string_view const above = std::string_view(path_).substr(0, path_.size() - rest_.size() - 1);
         std::string_view const name = takeName(rest_);
-        Found const found = find(name);
-        if (found.count == 0)
+        co_await find(name);
+        bool const isTask = found_.task != nullptr;
+        bool const isGone = isTask && !stillThere(dynamic_cast<TaskScheduler const&>(*entity_), found_.task,
+                                                  found_.record.ptr());
+        if (found_.count == 0 || (found_.count == 1 && isGone))
             throw RangeException("no task or group " + inQuotes(name) + " under " + inQuotes(above));
-        if (found.count > 1)
-            throw RangeException(std::to_string(found.count) + " are named " + inQuotes(name) + " under " +
-                                 inQuotes(above) + ", use a key:" + found.keys +
-                                 (found.count > keysShown ? " ..." : ""));
-        entity_ = found.entity;
+        if (found_.count > 1)
+            throw RangeException(std::to_string(found_.count) + " are named " + inQuotes(name) + " under " +
+                                 inQuotes(above) + ", use a key:" + found_.keys +
+                                 (found_.count > keysShown ? " ..." : ""));
+        entity_ = isTask ? Entity(found_.task) : Entity(found_.group);
+        found_ = {};
     }
 
+    std::string_view nextName() const {
+        std::string_view ahead = rest_;
+        return takeName(ahead);
+    }
     /// Behind a collection comes a key, which may look like a name: the way ends before it. A child of the
     /// collection's name goes before the collection, as children do everywhere on a path but at its end.
-    bool leadsToCollection() const {
-        std::string_view ahead = rest_;
-        std::string_view const name = takeName(ahead);
+    bool isCollection(std::string_view name) const {
         auto const* const attribute = Mox::typeRegistry().typeOf(*entity_).findAttribute(name);
-        return attribute && attribute->keys && find(name).count == 0;
+        return attribute && attribute->keys;
     }
 
-    std::string_view const path_;
+    Mox::Ptr<TaskSchedulerRoot> const root_;
+    std::string const path_;
     std::string_view rest_; // behind the names walked so far
     Entity entity_;
+    Found found_;
 };
 
-SchedulerTree::SchedulerTree(Mox::Ptr<TaskSchedulerRoot> root) : root_(std::move(root)) { MOX_ASSERT(root_); }
-
-std::vector<std::string> SchedulerTree::list(std::string_view path) const {
-    root_->sanityCheckCurrentRunningThread();
-    Entity const entity = path.empty() ? Entity(root_) : PathCursor(*root_, path).toEnd();
-    std::vector<std::string> lines;
-    if (auto const* const scheduler = dynamic_cast<TaskScheduler const*>(entity.ptr())) {
-        listChildren(groupsBelow(*scheduler), "groups", lines);
-        std::vector<Task const*> tasks;
-        auto const& registered = scheduler->tasksRegistered();
-        for (Task const* task = registered.first(); task; task = registered.after(task))
-            tasks.push_back(task);
-        listChildren(std::move(tasks), "tasks", lines);
+/// What the answers share: their way, and whether they are lists.
+class AnswerInSlices : public LinesInSlices<SchedulerTree::Answer> {
+  public:
+    AnswerInSlices(Mox::Ptr<TaskSchedulerRoot> const& root, std::string_view path, bool isList = false)
+        : walk_(*root, std::string(path)), isList_(isList) {
+        root->sanityCheckCurrentRunningThread();
     }
-    Mox::TypeEntry const& type = Mox::typeRegistry().typeOf(*entity);
-    for (Mox::Attribute const* attribute : type.attributes())
-        lines.push_back(lineOf(*entity, *attribute));
-    for (Mox::Operation const* operation : type.operations())
-        lines.push_back(lineOf(*operation));
+    bool isList() const override { return isList_; }
+
+  protected:
+    PathWalk walk_;
+    bool isList_;
+};
+
+class Listing : public AnswerInSlices {
+    using AnswerInSlices::AnswerInSlices;
+
+    /// Of a task, which is not held over slices, all is one step.
+    Slices make() override {
+        co_await walk_.toEnd();
+        Entity const entity = walk_.take();
+        bool const isScheduler = dynamic_cast<TaskScheduler const*>(entity.ptr());
+        if (isScheduler)
+            co_await listChildren(dynamic_cast<TaskScheduler const&>(*entity));
+        Mox::TypeEntry const& type = Mox::typeRegistry().typeOf(*entity);
+        for (Mox::Attribute const* attribute : type.attributes()) {
+            line(lineOf(*entity, *attribute));
+            if (isScheduler)
+                co_yield perLine;
+        }
+        for (Mox::Operation const* operation : type.operations())
+            line(lineOf(*operation));
+    }
+
+    Slices listChildren(TaskScheduler const& scheduler) {
+        FirstByName<TaskGroup> groups;
+        for (TaskGroup const* group : groupsBelow(scheduler))
+            groups.add(*group);
+        co_await list(scheduler, groups, "groups");
+        FirstByName<Task> tasks;
+        auto const& registered = scheduler.tasksRegistered();
+        for (Task const* task = registered.first(); task;) {
+            TaskKey const key = task->taskKey();
+            tasks.add(*task);
+            task = (co_yield perTask) ? registered.behind(key) : registered.after(task);
+        }
+        co_await list(scheduler, tasks, "tasks");
+    }
+
+    template <class Child>
+    Slices list(TaskScheduler const& scheduler, FirstByName<Child> const& children, std::string_view what) {
+        for (auto const& [order, record] : children.places()) {
+            if (Child const* const child = stillThere(scheduler, order.second, record.ptr()))
+                line(lineOf(child));
+            co_yield perLine;
+        }
+        if (children.left() > 0)
+            line(std::to_string(children.left()) + " more " + std::string(what));
+    }
+};
+
+class Getting : public AnswerInSlices {
+    using AnswerInSlices::AnswerInSlices;
+
+    Slices make() override {
+        co_await walk_.toAttribute();
+        Entity const entity = walk_.take();
+        std::string_view key = walk_.rest();
+        std::string_view const name = takeName(key);
+        Mox::TypeEntry const& type = Mox::typeRegistry().typeOf(*entity);
+        isList_ = key.empty() && type.attribute(name).keys;
+        if (isList_)
+            for (Mox::String const& one : type.keys(*entity, name, SchedulerTree::childrenMax))
+                line(one);
+        else
+            line(key.empty() ? type.text(*entity, name) : type.entryText(*entity, name, key));
+    }
+};
+
+class Setting : public AnswerInSlices {
+  public:
+    Setting(Mox::Ptr<TaskSchedulerRoot> const& root, std::string_view path, std::string_view text)
+        : AnswerInSlices(root, path), text_(text) {}
+
+  private:
+    Slices make() override {
+        co_await walk_.toAttribute();
+        Entity const entity = walk_.take();
+        Mox::attributeTextIs(*entity, walk_.rest(), text_);
+    }
+
+    Mox::String const text_;
+};
+
+class Calling : public AnswerInSlices {
+  public:
+    Calling(Mox::Ptr<TaskSchedulerRoot> const& root, std::string_view path, std::string_view operation,
+            std::vector<Mox::String> const& arguments)
+        : AnswerInSlices(root, path), operation_(operation), arguments_(arguments) {}
+
+  private:
+    Slices make() override {
+        co_await walk_.toEnd();
+        Entity const entity = walk_.take();
+        Mox::String const result = Mox::callOperation(*entity, operation_, arguments_);
+        if (!result.empty())
+            line(result);
+    }
+
+    std::string const operation_;
+    std::vector<Mox::String> const arguments_;
+};
+
+/// In one go.
+std::vector<std::string> linesOf(SchedulerTree::Answer& answer) {
+    std::vector<std::string> lines;
+    while (answer.nextLines(lines)) {
+    }
     return lines;
 }
 
-std::variant<std::string, std::vector<std::string>> SchedulerTree::get(std::string_view path) const {
-    PathCursor cursor(*root_, path);
-    Entity const entity = cursor.toAttribute();
-    std::string_view key = cursor.rest();
-    std::string_view const name = takeName(key);
-    Mox::TypeEntry const& type = Mox::typeRegistry().typeOf(*entity);
-    if (!key.empty())
-        return type.entryText(*entity, name, key);
-    if (!type.attribute(name).keys)
-        return type.text(*entity, name);
-    std::vector<Mox::String> const keys = type.keys(*entity, name);
-    auto const shown = static_cast<std::ptrdiff_t>(std::min(keys.size(), childrenMax));
-    return std::vector<std::string>(keys.begin(), keys.begin() + shown);
+} // namespace
+
+SchedulerTree::SchedulerTree(Mox::Ptr<TaskSchedulerRoot> root) : root_(std::move(root)) { MOX_ASSERT(root_); }
+
+std::unique_ptr<SchedulerTree::Answer> SchedulerTree::listing(std::string_view path) const {
+    std::string const ofRoot = keyOf(root_.ptr()).toStrep();
+    return std::make_unique<Listing>(root_, path.empty() ? ofRoot : path, true);
 }
 
-void SchedulerTree::set(std::string_view path, std::string_view text) const {
-    PathCursor cursor(*root_, path);
-    Entity const entity = cursor.toAttribute();
-    Mox::attributeTextIs(*entity, cursor.rest(), text);
+std::unique_ptr<SchedulerTree::Answer> SchedulerTree::getting(std::string_view path) const {
+    return std::make_unique<Getting>(root_, path);
 }
+
+std::unique_ptr<SchedulerTree::Answer> SchedulerTree::setting(std::string_view path,
+                                                              std::string_view text) const {
+    return std::make_unique<Setting>(root_, path, text);
+}
+
+std::unique_ptr<SchedulerTree::Answer>
+SchedulerTree::calling(std::string_view path, std::string_view operation,
+                       std::vector<Mox::String> const& arguments) const {
+    return std::make_unique<Calling>(root_, path, operation, arguments);
+}
+
+std::vector<std::string> SchedulerTree::list(std::string_view path) const { return linesOf(*listing(path)); }
+
+std::variant<std::string, std::vector<std::string>> SchedulerTree::get(std::string_view path) const {
+    auto const answer = getting(path);
+    std::vector<std::string> lines = linesOf(*answer);
+    if (answer->isList())
+        return lines;
+    return lines.front();
+}
+
+void SchedulerTree::set(std::string_view path, std::string_view text) const { linesOf(*setting(path, text)); }
 
 std::string SchedulerTree::call(std::string_view path, std::string_view operation,
                                 std::vector<Mox::String> const& arguments) const {
-    Entity const entity = PathCursor(*root_, path).toEnd();
-    return Mox::callOperation(*entity, operation, arguments);
+    auto const lines = linesOf(*calling(path, operation, arguments));
+    return lines.empty() ? "" : lines.front();
 }
 
 } // namespace Kel

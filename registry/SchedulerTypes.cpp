@@ -25,10 +25,10 @@ Mox::Attribute tasksRegistered() {
     tasks.read = [](Mox::Subject const& subject) {
         return Mox::valueToStrep(Mox::U64{subject.as<TaskScheduler>().tasksRegistered().size()});
     };
-    tasks.keys = [](Mox::Subject const& subject) {
+    tasks.keys = [](Mox::Subject const& subject, std::size_t most) {
         auto const& registered = subject.as<TaskScheduler>().tasksRegistered();
         std::vector<String> keys;
-        for (Task const* task = registered.first(); task; task = registered.after(task))
+        for (Task const* task = registered.first(); task && keys.size() < most; task = registered.after(task))
             keys.push_back(task->taskKey().toStrep());
         return keys;
     };
@@ -53,10 +53,11 @@ Mox::Attribute taskSchedulers() {
     schedulers.read = [](Mox::Subject const& subject) {
         return Mox::valueToStrep(Mox::U64{subject.as<TaskSchedulerRoot>().taskScheduler().size()});
     };
-    schedulers.keys = [](Mox::Subject const& subject) {
+    schedulers.keys = [](Mox::Subject const& subject, std::size_t most) {
+        auto const& all = subject.as<TaskSchedulerRoot>().taskScheduler();
         std::vector<String> keys;
-        for (auto const& [scheduler, value] : subject.as<TaskSchedulerRoot>().taskScheduler())
-            keys.push_back(Mox::referenceToStrep(scheduler));
+        for (auto at = all.begin(); at != all.end() && keys.size() < most; ++at)
+            keys.push_back(Mox::referenceToStrep(at->first));
         return keys;
     };
     schedulers.entry = [](Mox::Subject const& subject, String const& key) -> std::optional<String> {

@@ -21,9 +21,13 @@ using Mox::U8;
 namespace {
 
 /// A setter of nanoseconds that takes seconds, as its getter gives: an operator who writes back what he read
-/// changes nothing.
+/// changes nothing. Of one value in forty the double that was read lies below it, and would be cut off to the
+/// nanosecond before.
 template <auto setter> void secondsIs(Task& task, Seconds seconds) {
-    (task.*setter)(Mox::toNanoseconds(seconds));
+    Mox::Nanoseconds const count = Mox::toNanoseconds(seconds);
+    Mox::Nanoseconds const next =
+        count + Mox::Nanoseconds(std::abs(seconds) < 1e6 ? seconds < 0 ? -1 : 1 : 0);
+    (task.*setter)(Mox::toSeconds(next) == seconds ? next : count);
 }
 
 /// An orphan belongs to no tree, and so to no thread.

@@ -4,6 +4,8 @@
 
 namespace Kel {
 
+TaskDeathWatch::~TaskDeathWatch() = default;
+
 TaskStat DeadTasks::merge(Mox::String const& name, TaskStat const& stat) {
     TaskStat* const entry = stats_.find(name);
     return entry ? *entry += stat : TaskStat() + stat;
@@ -38,6 +40,13 @@ Mox::String DeadTasks::dropRetired() {
     if (retired.stats.empty())
         retired_.pop_front();
     return name;
+}
+
+/// A watch may go when it is told.
+void DeadTasks::tellWatches(TaskStat stat, TaskPriority mergedPriority) const {
+    stat.taskPriorityIs(mergedPriority);
+    for (auto at = watches_.begin(); at != watches_.end();)
+        (at++)->onTaskDeath(stat);
 }
 
 } // namespace Kel

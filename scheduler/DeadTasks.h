@@ -3,10 +3,25 @@
 #include <mox/HashMap.h>
 #include <task/TaskStat.h>
 
+#include <boost/intrusive/list.hpp>
+
 #include <list>
 #include <vector>
 
 namespace Kel {
+
+/// Is told of each task that dies, for those who go through a scheduler's statistics in slices: without it a
+/// task that dies meanwhile would be missed, or counted twice.
+///
+/// Thread rule: that of the tree. Lifetime: it may go at any time, and so may the scheduler, which then lets
+/// it go (`is_linked`).
+class MOX_EXPORT TaskDeathWatch
+    : public boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>> {
+  public:
+    virtual ~TaskDeathWatch();
+    /// The record, as it has just been merged into that of its name: with the priority which that one has.
+    virtual void onTaskDeath(TaskStat const& stat) = 0;
+};
 
 /// What a scheduler keeps of its tasks that died: their statistics, merged by name, and how many there were
 /// of each priority.
@@ -36,7 +51,18 @@ class DeadTasks {
     Mox::String dropRetired();
     bool hasRetired() const { return !retired_.empty(); }
 
+    void watch(TaskDeathWatch& watch) const { watches_.push_back(watch); }
+    /// Tells of a task whose record was merged.
+    void tell(TaskStat const& stat, TaskPriority mergedPriority) const {
+        if (!watches_.empty()) [[unlikely]]
+            tellWatches(stat, mergedPriority);
+    }
+
   private:
+    using Watches = boost::intrusive::list<TaskDeathWatch, boost::intrusive::constant_time_size<false>>;
+
+    void tellWatches(TaskStat stat, TaskPriority mergedPriority) const;
+
     struct Retired {
         StatsByName stats;
         StatsByName::IteratorConst
@@ -46,6 +72,7 @@ class DeadTasks {
     StatsByName stats_;
     CountByPriority counts_;
     std::list<Retired> retired_; // none of them empty
+    mutable Watches watches_;    // to watch changes nothing
 };
 
 } // namespace Kel

@@ -8,7 +8,10 @@ void ResetPass::bookmarkIs(TaskKey const& key) {
     bookmark_ = key;
     isDropping_ = false;
     isMoved_ = true;
+    isUnderWay_ = key != TaskKey::none();
 }
+
+Mox::Ptr<Task> ResetPass::pendingTask() const { return isUnderWay_ ? scheduler_.resetter() : nullptr; }
 
 /// The maps of dead tasks are empty after every run that resets tasks, the first one too; what they held is
 /// dropped once the tasks are reset. A reset that is asked for meanwhile, by what hears of a name, begins
@@ -25,6 +28,7 @@ void ResetPass::run(DeadTasks& deadTasks) {
         return;
     dropNames(deadTasks);
     isDropping_ = !isMoved_ && deadTasks.hasRetired();
+    isUnderWay_ = isMoved_ || isDropping_;
     if (deadTasks.hasRetired())
         scheduleAgain();
 }
@@ -54,16 +58,9 @@ bool ResetPass::resetTasks() {
             scheduleAgain();
             return false;
         }
-        task = nextAfter(key);
+        task = tasks.behind(key);
     }
     return true;
-}
-
-/// In map order, whether or not the task of that key is still there.
-Task* ResetPass::nextAfter(TaskKey const& key) const {
-    auto const& tasks = scheduler_.tasksRegistered();
-    Task* const task = tasks.from(key);
-    return task && task->taskKey() == key ? tasks.after(task) : task;
 }
 
 /// A pass that is run by hand, without a task, has no quantum.

@@ -23,6 +23,9 @@ class ResetPass {
     TaskKey const& bookmark() const { return bookmark_; }
     void bookmarkIs(TaskKey const& key);
 
+    /// The task, while it has work left; null otherwise.
+    Mox::Ptr<Task> pendingTask() const;
+
     /// One run of the task.
     void run(DeadTasks& deadTasks);
 
@@ -30,7 +33,6 @@ class ResetPass {
     void begin();
     /// False when the quantum ended first; the task is scheduled then.
     bool resetTasks();
-    Task* nextAfter(TaskKey const& key) const;
     bool quantumIsUsed() const;
     void scheduleAgain();
     void dropNames(DeadTasks& deadTasks);
@@ -39,6 +41,7 @@ class ResetPass {
     TaskKey bookmark_ = TaskKey::none();
     bool isDropping_ = false; // all tasks are reset, names are left
     bool isMoved_ = false;    // the bookmark, since the run began
+    bool isUnderWay_ = false; // since the bookmark was set
 };
 
 } // namespace Kel

@@ -91,15 +91,21 @@ TaskScheduler::~TaskScheduler() {
         (--queue)->list().clear();
 }
 
-/// A run that came due while the reactor on it was mute was spent: it is asked for again, last of all, since
-/// asking may run foreign code.
+/// A run that came due while the reactor on it was mute was spent; so was one of the task that resets, where
+/// that stands on a scheduler that went on. They are asked for again, last of all and without a look at this
+/// scheduler behind the first, since asking may run foreign code.
 void TaskScheduler::hasNotificationActiveIs(bool active) {
     if (active == hasNotificationActive())
         return;
     hasNotificationActive_ = active;
     ownReactors_.hasNotificationActiveIs(active);
-    if (active && schedulerHasRunnableTasks() && problemOfRequest().empty())
+    if (!active)
+        return;
+    Mox::Ptr<Task> const reset = resetPass_.pendingTask();
+    if (schedulerHasRunnableTasks() && problemOfRequest().empty())
         requestSchedulerRun();
+    if (reset && reset->problemOfScheduling().empty())
+        reset->scheduleTask();
 }
 
 void TaskScheduler::moxDoZombieReactors(bool zombie) {
@@ -166,7 +172,7 @@ void TaskScheduler::taskUnregister(Task* task) {
         queue.leave(*task, Mox::SteadyClock::now(), Leaving::removed);
     queue.forget(*task);
     TaskStat const stat = task->getStats();
-    deadTaskStatsInc(stat.taskName(), stat);
+    deadTasks_.tell(stat, deadTaskStatsInc(stat.taskName(), stat).taskPriority());
     MOX_ASSERT_AS("__null != tasksRegistered( task->taskKey() )", tasksRegistered(task->taskKey()));
     Task* const deletedTask = tasksRegisteredDel(task->taskKey());
     MOX_ASSERT(task == deletedTask);

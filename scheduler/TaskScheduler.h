@@ -162,6 +162,8 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     /// they never ran.
     Mox::U32 getTaskStats(std::vector<TaskStat>* out, bool includeIdle) const;
     Mox::U32 getDeadTaskStats(std::vector<TaskStat>* out, bool includeIdle) const;
+    /// The watch is told of each task that dies from now on.
+    void watchDeaths(TaskDeathWatch& watch) const { deadTasks_.watch(watch); }
     /// Clears all statistics, by a task of its own that works in runs of its quantum.
     void resetStats();
     void mox_handleResetStatsTask_taskRun();

@@ -1,13 +1,18 @@
 #define MOX_SOURCE_NAME "TaskScheduler"
 #include <scheduler/TaskSchedulerReport.h>
 
-#include <scheduler/TaskScheduler.h>
+#include <kel/detail/Slices.h>
+#include <mox/Assert.h>
+#include <scheduler/TaskSchedulerRoot.h>
+#include <scheduler/detail/HistoryLines.h>
 #include <scheduler/detail/IndentedPrint.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 #include <limits>
+#include <map>
 
 namespace Kel {
 
@@ -107,16 +112,118 @@ struct Table {
     }
 };
 
+/// By what held the thread longest, so that the first lines answer the first question. A NaN would have no
+/// place in the order.
+Mox::Seconds rank(TaskStat const& stat) {
+    return std::isnan(stat.taskTotalRunTime()) ? -Mox::endOfTime : stat.taskTotalRunTime();
+}
+
+void printLeftOut(Context const& context, U32 indent, U32 leftOut) {
+    if (leftOut != 0)
+        KEL_PRINT_INDENTED(context, indent, "Skipped %u task%s with no runs\n", leftOut,
+                           leftOut >= 2 ? "s" : "");
+    printEmptyLine(context, indent);
+}
+
+void printHead(Context const& context, U32 indent, TaskSchedulerQueueStats const& queueStats,
+               Mox::Seconds maxSchedulerSlip, bool hasDeadTable) {
+    printPriorities(context, indent, queueStats);
+    KEL_PRINT_INDENTED(context, indent, "Maximum scheduler slip %.6f seconds\n", maxSchedulerSlip);
+    printEmptyLine(context, indent);
+    for (LegendLine const& line : legend)
+        printLegendLine(context, indent, line);
+    if (hasDeadTable)
+        printLegendLine(context, indent, deadLegend);
+    printEmptyLine(context, indent);
+}
+
+constexpr char const* livingTitle = "TaskName";
+constexpr char const* deadTitle = "TaskName (Dead tasks)";
+
+/// The report in slices. Its tables are sorted as they are gathered.
+class StatsText : public TextInSlices {
+  public:
+    StatsText(Mox::Ptr<TaskScheduler const> scheduler, bool includeNeverRunTasks, bool includeDeadTasks)
+        : root_(scheduler->root()), scheduler_(std::move(scheduler)),
+          includeNeverRunTasks_(includeNeverRunTasks), includeDeadTasks_(includeDeadTasks) {}
+
+  private:
+    struct Rows {
+        std::multimap<Mox::Seconds, TaskStat, std::greater<>> byRank;
+        std::size_t width = 0;
+        U32 leftOut = 0;
+    };
+    class Sink : public DumpContext {
+      public:
+        explicit Sink(StatsText& report) : report_(report) {}
+        void write(std::string_view text) const override { report_.text() += text; }
+
+      private:
+        StatsText& report_;
+    };
+    static constexpr U32 perFigures = 1000, perRow = 2000;
+
+    Slices make() override {
+        TaskSchedulerQueueStats const queueStats = scheduler_->queueStats();
+        Mox::Seconds const slip = scheduler_->schedulerMaxSchedulerSlip();
+        Rows living, dead;
+        co_await gather(scheduler_->tasksRegistered(), living);
+        if (includeDeadTasks_)
+            co_await gather(scheduler_->deadTaskStats(), dead);
+        printHead(sink_, 0, queueStats, slip, includeDeadTasks_);
+        co_yield Slices::whole;
+        co_await print(living, livingTitle, false);
+        if (includeDeadTasks_)
+            co_await print(dead, deadTitle, true);
+    }
+
+    Slices gather(TaskScheduler::TasksRegistered const& tasks, Rows& rows) {
+        for (Task const* task = tasks.first(); task;) {
+            TaskKey const key = task->taskKey();
+            add(rows, task->getStats());
+            task = (co_yield perFigures) ? tasks.behind(key) : tasks.after(task);
+        }
+    }
+    Slices gather(TaskScheduler::DeadTaskStats const& stats, Rows& rows) {
+        for (auto at = stats.begin(); at != stats.end();) {
+            Mox::String const name = at->first;
+            add(rows, TaskStat(at->second));
+            co_yield perFigures;
+            at = stats.iteratorBehind(name);
+        }
+    }
+    void add(Rows& rows, TaskStat&& stat) const {
+        if (!includeNeverRunTasks_ && !stat.hasRun()) {
+            ++rows.leftOut;
+            return;
+        }
+        rows.width = std::max(rows.width, stat.taskName().size());
+        rows.byRank.emplace(rank(stat), std::move(stat));
+    }
+
+    /// A row goes when it is printed.
+    Slices print(Rows& rows, char const* title, bool isDead) {
+        Table const table{sink_, 0, static_cast<int>(rows.width), isDead};
+        table.printHeader(title);
+        for (auto row = rows.byRank.begin(); row != rows.byRank.end(); row = rows.byRank.erase(row)) {
+            table.printRow(row->second.taskName(), row->second);
+            co_yield perRow;
+        }
+        printLeftOut(sink_, 0, rows.leftOut);
+    }
+
+    Mox::Ptr<TaskSchedulerRoot const> const root_; // which the scheduler does not hold
+    Mox::Ptr<TaskScheduler const> const scheduler_;
+    bool const includeNeverRunTasks_, includeDeadTasks_;
+    Context const sink_ = new Sink(*this);
+};
+
 } // namespace
 
-/// Sorted by what held the thread longest, so that the first lines answer the first question.
 void taskSchedulerDisplay(Context const& context, U32 indent, std::vector<TaskStat>* stats,
                           std::string const& title, U32 leftOut, bool isDeadTable,
                           bool displayMemoryAddressOfTasks) {
-    std::ranges::sort(
-        *stats, std::greater(), [](TaskStat const& stat) { // a NaN would have no place in the order
-            return std::isnan(stat.taskTotalRunTime()) ? -Mox::endOfTime : stat.taskTotalRunTime();
-        });
+    std::ranges::stable_sort(*stats, std::greater(), rank);
     std::size_t width = 0;
     for (TaskStat const& stat : *stats)
         width = std::max(width, displayedName(stat, displayMemoryAddressOfTasks).size());
@@ -124,26 +231,16 @@ void taskSchedulerDisplay(Context const& context, U32 indent, std::vector<TaskSt
     table.printHeader(title);
     for (TaskStat const& stat : *stats)
         table.printRow(displayedName(stat, displayMemoryAddressOfTasks), stat);
-    if (leftOut != 0)
-        KEL_PRINT_INDENTED(context, indent, "Skipped %u task%s with no runs\n", leftOut,
-                           leftOut >= 2 ? "s" : "");
-    printEmptyLine(context, indent);
+    printLeftOut(context, indent, leftOut);
 }
 
 void printStatsImpl(Context const& context, U32 indent, TaskSchedulerQueueStats const& queueStats,
                     Mox::Seconds maxSchedulerSlip, std::vector<TaskStat>* stats, U32 leftOut,
                     std::vector<TaskStat>* deadStats, U32 deadLeftOut, bool displayMemoryAddressOfTasks) {
-    printPriorities(context, indent, queueStats);
-    KEL_PRINT_INDENTED(context, indent, "Maximum scheduler slip %.6f seconds\n", maxSchedulerSlip);
-    printEmptyLine(context, indent);
-    for (LegendLine const& line : legend)
-        printLegendLine(context, indent, line);
+    printHead(context, indent, queueStats, maxSchedulerSlip, deadStats != nullptr);
+    taskSchedulerDisplay(context, indent, stats, livingTitle, leftOut, false, displayMemoryAddressOfTasks);
     if (deadStats)
-        printLegendLine(context, indent, deadLegend);
-    printEmptyLine(context, indent);
-    taskSchedulerDisplay(context, indent, stats, "TaskName", leftOut, false, displayMemoryAddressOfTasks);
-    if (deadStats)
-        taskSchedulerDisplay(context, indent, deadStats, "TaskName (Dead tasks)", deadLeftOut, true, false);
+        taskSchedulerDisplay(context, indent, deadStats, deadTitle, deadLeftOut, true, false);
 }
 
 /// All figures are collected before anything is printed: a sink may run tasks, and the tables are to fit
@@ -158,6 +255,19 @@ void printSchedulerStats(Context const& context, U32 indent, TaskScheduler const
     printStatsImpl(context, indent, scheduler.queueStats(), scheduler.schedulerMaxSchedulerSlip(), &stats,
                    leftOut, includeDeadTasks ? &deadStats : nullptr, deadLeftOut,
                    displayMemoryAddressOfTasks);
+}
+
+std::unique_ptr<SlicedText> slicedStats(Mox::Ptr<TaskScheduler const> const& scheduler,
+                                        bool includeNeverRunTasks, bool includeDeadTasks) {
+    MOX_ASSERT(scheduler);
+    scheduler->sanityCheckCurrentRunningThread();
+    return std::make_unique<StatsText>(scheduler, includeNeverRunTasks, includeDeadTasks);
+}
+
+std::unique_ptr<SlicedLines> slicedHistory(Mox::Ptr<TaskSchedulerRoot const> const& root) {
+    MOX_ASSERT(root);
+    root->sanityCheckCurrentRunningThread();
+    return std::make_unique<HistoryLines>(root);
 }
 
 void printHistoryIsInRoot(Context const& context, U32 indent) {

@@ -4,14 +4,12 @@
 #include <mox/Assert.h>
 #include <mox/Type.h>
 #include <scheduler/TaskSchedulerReport.h>
+#include <scheduler/detail/HistoryLines.h>
 #include <scheduler/detail/IndentedPrint.h>
 #include <task/detail/TaskTrace.h>
 
-#include <boost/chrono/chrono_io.hpp>
-
-#include <iomanip>
 #include <optional>
-#include <sstream>
+#include <string>
 #include <vector>
 
 namespace Kel {
@@ -21,22 +19,6 @@ using EventType = TaskSchedulerEventType;
 namespace {
 
 constexpr Mox::Seconds maxAge = TaskSchedulerRoot::schedulerHistoryMaxAge();
-
-/// A quantity in the short form of the clock library, as one text, so that a field width holds for all of it.
-template <class T> std::string shortForm(T const& quantity) {
-    std::ostringstream text;
-    text << boost::chrono::duration_short << quantity;
-    return text.str();
-}
-
-std::string eventLine(TaskSchedulerHistory::Event const& event, TaskTimeStamp const& now) {
-    auto const age =
-        boost::chrono::duration_cast<boost::chrono::microseconds>(elapsed(event.timeStamp(), now));
-    std::ostringstream line;
-    line << std::setw(22) << shortForm(event.timeStamp()) << ' ' << std::setw(10) << shortForm(age) << ' '
-         << event.display();
-    return line.str();
-}
 
 } // namespace
 
@@ -158,18 +140,13 @@ void TaskSchedulerRoot::clearHistory() {
     history_.clear();
 }
 
-/// Walks a copy, and holds itself: a sink may make events, or let the root go.
+/// All lines before the sink gets any of them: it may make events, or let the root go.
 void TaskSchedulerRoot::printHistory(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent) const {
-    Mox::Ptr<TaskSchedulerRoot const> const self = this;
-    TaskTimeStamp const now = Mox::SteadyClock::now();
-    std::ostringstream header;
-    header << "Up to " << std::fixed << std::setprecision(0) << maxAge
-           << " seconds of scheduler events, absolute timestamp and relative to now";
-    KEL_PRINT_INDENTED(context, indent, "%s\n", header.str().c_str());
-    std::vector<TaskSchedulerHistory::Event> const events(history_.begin(), history_.end());
-    for (TaskSchedulerHistory::Event const& event : events)
-        KEL_PRINT_INDENTED(context, indent, "%s\n", eventLine(event, now).c_str());
-    KEL_PRINT_INDENTED(context, indent, "\n");
+    std::vector<std::string> lines;
+    for (HistoryLines history(this); history.nextLines(lines);) {
+    }
+    for (std::string const& line : lines)
+        KEL_PRINT_INDENTED(context, indent, "%s\n", line.c_str());
 }
 
 void TaskSchedulerRoot::trimHistoryEnabledIs(bool enabled) { trimHistoryEnabled_ = enabled; }

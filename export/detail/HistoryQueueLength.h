@@ -1,38 +1,43 @@
 #pragma once
 
-#include <export/detail/HistoryLanes.h>
+#include <scheduler/TaskSchedulerHistory.h>
 
 #include <deque>
-#include <unordered_set>
+#include <optional>
 #include <vector>
 
 namespace Kel {
+
+struct HistoryEvent;
+struct HistoryTask;
 
 /// The length of one run queue over the history: what was there at its beginning, what came and went, and
 /// what is there now.
 class HistoryQueueLength {
   public:
-    /// From that time on, until the next point.
-    struct Point {
+    struct Change {
         TaskTimeStamp at;
-        Mox::S64 length;
+        Mox::S64 by;
     };
 
-    /// Takes an event of a task of that queue, the oldest first.
-    void add(TaskSchedulerHistory::Event const& event);
-    /// The length at the beginning and after each change. `runnableTasks` is the length now, if it is known.
-    std::vector<Point> finish(TaskTimeStamp const& begin, TaskTimeStamp const& end,
-                              std::optional<Mox::U32> runnableTasks);
+    /// Takes an event of a task of that queue, the oldest first. Returns how many waiting tasks it has looked
+    /// at.
+    std::size_t add(HistoryEvent const& event);
+    /// Behind the last event. `runnableTasks` is the length now, if it is known.
+    void finish(TaskTimeStamp const& end, std::optional<Mox::U32> runnableTasks);
+
+    /// After `finish`.
+    Mox::S64 atBegin() const { return atBegin_; }
+    std::vector<Change> const& changes() const { return changes_; }
 
   private:
-    void leaves(TaskRecord const* task, TaskTimeStamp const& at, bool runs);
+    std::size_t leaves(HistoryTask& task, TaskTimeStamp const& at, bool runs);
     void changes(TaskTimeStamp const& at, Mox::S64 by) { changes_.push_back({at, by}); }
-    Mox::S64 livingTasks() const;
 
     Mox::S64 atBegin_ = 0;
-    std::vector<Point> changes_; // each by its length
-    std::deque<TaskRecord const*> waiting_;
-    std::unordered_set<TaskRecord const*> known_; // whose coming or going was seen
+    std::vector<Change> changes_;
+    std::deque<HistoryTask const*> waiting_;
+    Mox::S64 livingWaiting_ = 0; // of these
 };
 
 } // namespace Kel

@@ -1,24 +1,16 @@
 #pragma once
 
-#include <scheduler/TaskSchedulerHistory.h>
+#include <export/detail/HistoryLanes.h>
 
-#include <boost/range/iterator_range.hpp>
-
-#include <iterator>
+#include <deque>
 #include <optional>
 #include <vector>
 
 namespace Kel {
 
-/// The history's events in the order of time; they are kept the other way round.
-inline auto oldestFirst(TaskSchedulerHistory const& history) {
-    return boost::make_iterator_range(std::make_reverse_iterator(history.end()),
-                                      std::make_reverse_iterator(history.begin()));
-}
-
 /// A run of a task, put together from its events.
 struct HistoryRun {
-    TaskRecord const* task;
+    HistoryTask const* task;
     TaskTimeStamp start; // the oldest event's when it is not known
     TaskTimeStamp end;   // latest possible when it is not known
     bool startIsKnown = true;
@@ -28,8 +20,27 @@ struct HistoryRun {
     bool isWhole() const { return startIsKnown && endIsKnown; }
 };
 
-/// The history's runs, in the order in which they began, the outer one first. Runs nest: a task's run may
-/// contain the runs of other tasks, and of itself.
-std::vector<HistoryRun> historyRuns(TaskSchedulerHistory const& history, TaskTimeStamp const& now);
+/// The history's runs. Runs nest: a task's run may contain the runs of other tasks, and of itself.
+class HistoryRuns {
+  public:
+    explicit HistoryRuns(TaskTimeStamp const& begin) : begin_(begin) {}
+
+    /// The oldest first.
+    void add(HistoryEvent const& event);
+    /// Behind the last event.
+    void finish(TaskTimeStamp const& now) { endOpenRuns(0, now); }
+    /// After `finish`: the runs, in the order in which they began, the outer one first; none at the end.
+    std::optional<HistoryRun> take();
+
+  private:
+    void start(HistoryTask& task, TaskTimeStamp const& stamp);
+    void end(HistoryTask const& task, TaskTimeStamp const& stamp);
+    void endOpenRuns(std::size_t depth, TaskTimeStamp const& stamp);
+
+    TaskTimeStamp const begin_;
+    std::deque<HistoryRun> runs_;
+    std::vector<std::size_t> open_; // places in runs_, outermost first
+    std::deque<HistoryRun> begunBefore_;
+};
 
 } // namespace Kel

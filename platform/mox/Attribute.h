@@ -35,8 +35,8 @@ struct Attribute {
     std::function<Problem(Subject const&, String const& text)> problemOfWriting;
     std::function<void(Subject const&, String const& text)> write;
 
-    // Empty unless it is a collection.
-    std::function<std::vector<String>(Subject const&)> keys;
+    // Empty unless it is a collection. Of its keys the first, and no more than asked for.
+    std::function<std::vector<String>(Subject const&, std::size_t most)> keys;
     std::function<std::optional<String>(Subject const&, String const& key)> entry;
 
     bool isWritable() const { return write != nullptr; }

@@ -80,10 +80,11 @@ template <class T> class AttributeTable {
         using ValueText = AttributeText<typename Pair::second_type>;
         Attribute attribute;
         attribute.type = ValueText::type();
-        attribute.keys = [get](Subject const& subject) {
+        attribute.keys = [get](Subject const& subject, std::size_t most) {
+            auto const& map = std::invoke(get, subject.as<T>());
             std::vector<String> keys;
-            for (auto const& [key, value] : std::invoke(get, subject.as<T>()))
-                keys.push_back(KeyText::write(key));
+            for (auto at = map.begin(); at != map.end() && keys.size() < most; ++at)
+                keys.push_back(KeyText::write(at->first));
             return keys;
         };
         attribute.entry = [get](Subject const& subject, String const& key) -> std::optional<String> {

@@ -45,6 +45,12 @@ template <class K> U32 hashOrder(K const& key) {
     return code ^ code >> 16;
 }
 
+/// Whether a is before b in map order.
+template <class K> bool inMapOrder(K const& a, K const& b) {
+    U32 const codeOfA = hashOrder(a), codeOfB = hashOrder(b);
+    return codeOfA != codeOfB ? codeOfA < codeOfB : a < b;
+}
+
 /// A hash table over nodes that hold their own link, so that it allocates only its buckets.
 ///
 /// The bucket of a node is the top bits of its order code, chains are sorted by (code, key): the order of a
@@ -112,6 +118,12 @@ template <class Traits> class HashTable {
             return nullptr;
         Node* const node = lowerBound(key);
         return node ? node : firstFrom(bucketOf(hashOrder(key)) + 1);
+    }
+    /// The first node behind that key, whether or not the key is there: where a walk goes on that knows of
+    /// the last node only its key.
+    Node* behind(Key const& key) const {
+        Node* const node = from(key);
+        return node && Traits::key(*node) == key ? after(node) : node;
     }
 
   private:
@@ -240,6 +252,8 @@ template <class K, class V> class HashMap {
     IteratorConst end() const { return {&table_, nullptr}; }
     /// The first entry not before that key, whether or not the key is there.
     IteratorConst iteratorFrom(K const& key) const { return {&table_, table_.from(key)}; }
+    /// The first entry behind that key, whether or not the key is there.
+    IteratorConst iteratorBehind(K const& key) const { return {&table_, table_.behind(key)}; }
 
     V const* find(K const& key) const { return const_cast<HashMap*>(this)->find(key); }
     V* find(K const& key) {

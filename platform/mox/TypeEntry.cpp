@@ -141,10 +141,10 @@ void TypeEntry::textIs(Subject const& subject, std::string_view name, String con
     attribute.write(subject, text);
 }
 
-std::vector<String> TypeEntry::keys(Subject const& subject, std::string_view name) const {
+std::vector<String> TypeEntry::keys(Subject const& subject, std::string_view name, std::size_t most) const {
     Attribute const& attribute = collection(name);
     askGuard(subject, name);
-    return attribute.keys(subject);
+    return attribute.keys(subject, most);
 }
 
 String TypeEntry::entryText(Subject const& subject, std::string_view name, String const& key) const {

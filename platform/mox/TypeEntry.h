@@ -60,8 +60,10 @@ class MOX_EXPORT TypeEntry {
 
     String text(Subject const& subject, std::string_view attribute) const;
     void textIs(Subject const& subject, std::string_view attribute, String const& text) const;
-    /// The keys of a collection, in its order. Throws a RangeException for another kind of attribute.
-    std::vector<String> keys(Subject const& subject, std::string_view attribute) const;
+    /// The keys of a collection, in its order, or the first ones. Throws a RangeException for another kind of
+    /// attribute.
+    std::vector<String> keys(Subject const& subject, std::string_view attribute,
+                             std::size_t most = ~std::size_t{0}) const;
     /// The value under that key. Throws a RangeException when there is none.
     String entryText(Subject const& subject, std::string_view attribute, String const& key) const;
     /// Calls an operation; returns its result's text, empty when it has none.

@@ -2,6 +2,8 @@
 #include <export/Prometheus.h>
 
 #include <group/TaskGroup.h>
+#include <registry/SchedulerTree.h>
+#include <scheduler/TaskSchedulerReport.h>
 #include <support/HandRoot.h>
 #include <support/Python.h>
 #include <support/RandomRecords.h>
@@ -111,15 +113,16 @@ struct ExportTest : TestSupport::HandTreeTest {
         default: task->scheduleTask();
         }
     }
-    void step() {
+    /// From the third on nothing counts backwards.
+    void step(std::size_t first = 0) {
         auto& scheduler = random.of(schedulers);
         change(random.of(workers));
         steady.advance(time(3));
-        switch (random.below(100)) {
-        case 0: root->suspendedIs(!root->suspended()); break;
-        case 1: newDead(); break;
-        case 2: clockGoesBack(); break;
-        case 3: root->resetStats(); break;
+        switch (first + random.below(100 - first)) {
+        case 0: newDead(); break;
+        case 1: clockGoesBack(); break;
+        case 2: root->resetStats(); break;
+        case 3: root->suspendedIs(!root->suspended()); break;
         case 4: scheduler = nullptr; break;
         case 5: newScheduler(scheduler); break;
         default: scheduler&& random.oneIn(3) ? scheduler->handleSchedulerRun() : root->handleSchedulerRun();
@@ -172,8 +175,60 @@ struct ExportTest : TestSupport::HandTreeTest {
         Kel::writeChromeTrace(root, trace);
         Kel::writePrometheus(root, all);
         Kel::writePrometheus(root, some, namesMax);
+        auto const& scheduler = random.of(schedulers);
+        for (auto const& [whole, sliced] : kinds(scheduler ? *scheduler : *root)) {
+            std::string const expected = whole(); // one after the other: they count as references
+            EXPECT_EQ(expected, wholeText(*sliced()));
+        }
         looks << "(" << facts() << "," << valueToStrep(trace.str()) << ",{200:" << valueToStrep(all.str())
               << "," << namesMax << ":" << valueToStrep(some.str()) << "})\n";
+    }
+
+    /// A text whole, and in slices.
+    struct Kind {
+        std::function<std::string()> whole;
+        std::function<std::unique_ptr<Kel::SlicedText>()> sliced;
+    };
+    static std::string printed(std::function<void(Ptr<Kel::DumpContext const> const&)> const& print) {
+        auto const sink = Kel::StringDumpContext::StringDumpContextIs();
+        print(sink);
+        return sink->text();
+    }
+    static std::string written(std::function<void(std::ostream&)> const& write) {
+        std::ostringstream sink;
+        write(sink);
+        return sink.str();
+    }
+    /// Of the root, or of a scheduler below it where that is told.
+    std::vector<Kind> kinds(Kel::TaskScheduler const& scheduler) {
+        std::string const path = Kel::TaskKey(reinterpret_cast<std::uintptr_t>(root.ptr())).toStrep();
+        Kel::SchedulerTree const tree(root);
+        bool const dead = std::ranges::all_of( // others cannot be printed
+            scheduler.deadTaskStats(),
+            [](auto const& entry) { return entry.second.taskPriority().isValid(); });
+        return {{[&] { return written([&](auto& sink) { Kel::writeChromeTrace(root, sink); }); },
+                 [&] { return Kel::slicedChromeTrace(root); }},
+                {[&] { return printed([&](auto& sink) { root->printHistory(sink, 0); }); },
+                 [&] { return Kel::slicedHistory(root); }},
+                {[&] { return written([&](auto& sink) { Kel::writePrometheus(root, sink, 1000000); }); },
+                 [&] { return Kel::slicedPrometheus(root, 1000000); }},
+                {[&, dead] {
+                     return printed(
+                         [&](auto& sink) { scheduler.printStats(sink, 0, false, dead, false, false); });
+                 },
+                 [&, dead] { return Kel::slicedStats(&scheduler, false, dead); }},
+                {[&] {
+                     return printed(
+                         [&](auto& sink) { scheduler.printStats(sink, 0, true, false, false, false); });
+                 },
+                 [&] { return Kel::slicedStats(&scheduler, true, false); }},
+                {[path, tree] {
+                     std::string text;
+                     for (auto const& line : tree.list(path))
+                         text += line + "\n";
+                     return text;
+                 },
+                 [path, tree] { return tree.listing(path); }}};
     }
 
     TestSupport::RandomRecords records;
@@ -234,4 +289,94 @@ TEST_F(ExportTest, ASinkThatEndsTheTreeGetsTheWholeTextAndOneThatFailsIsAnError)
         EXPECT_THROW(write(sink), std::ios_base::failure);
         EXPECT_EQ(buffer.str(), expected.str());
     }
+}
+
+namespace {
+
+/// A tree that changes between the slices.
+struct SlicedTextsTest : ExportTest {
+    SlicedTextsTest() {
+        unit = 125ms;
+        clearing = looking = 100000;
+        for (int i = 0; i < 20; ++i)
+            staying.push_back(task("stays" + std::to_string(i), priority()));
+        for (auto& one : crowd)
+            join(one);
+    }
+    ~SlicedTextsTest() override { crowd = {}; }
+
+    void join(Ptr<Task>& place) {
+        place = task("n" + std::to_string(random.below(400)), priority());
+        place->taskRunIs(static_cast<Mox::U32>(random.below(100)));
+    }
+    void somethingHappens() {
+        for (std::size_t times = random.below(3); times > 0; --times)
+            step(3), join(random.of(crowd));
+    }
+    /// `afterFirst` is called behind the first slice.
+    std::string made(Kel::SlicedText& text, std::function<void()> const& afterFirst = {}) {
+        std::string made;
+        bool more = text.next(made);
+        if (afterFirst)
+            afterFirst();
+        for (; more; more = text.next(made))
+            somethingHappens();
+        return made;
+    }
+    /// The runs of all tasks of the root by name.
+    static std::map<std::string, std::uint64_t> runs(std::string const& metrics) {
+        std::map<std::string, std::uint64_t> runs;
+        std::istringstream lines(metrics);
+        for (std::string line; std::getline(lines, line);)
+            if (line.starts_with("keltask_task_runs_total{scheduler=\"root\","))
+                runs[line.substr(line.find("task=\""), line.rfind('}') - line.find("task=\""))] +=
+                    std::stoull(line.substr(line.rfind(' ')));
+        return runs;
+    }
+
+    std::vector<Ptr<Task>> staying;
+    std::array<Ptr<Task>, 600> crowd;
+};
+
+} // namespace
+
+TEST_F(SlicedTextsTest, AreOfOneMomentOrHaveAllThatIsThereThroughout) {
+    for (std::size_t round = 0; round < TestSupport::operations(30); ++round) {
+        root->deadTaskStatsDelAll(); // or names would become more and more
+        auto const all = kinds(*root);
+        for (std::size_t const ofOneMoment : {0u, 1u}) {
+            std::string expected;
+            auto const text = all[ofOneMoment].sliced();
+            std::string const got = made(*text, [&] { expected = all[ofOneMoment].whole(); });
+            EXPECT_EQ(expected, got);
+        }
+        auto const before = runs(all[2].whole());
+        auto const during = runs(made(*all[2].sliced()));
+        auto const after = runs(all[2].whole());
+        EXPECT_GE(during.size(), before.size());
+        for (auto const& [name, count] : during) {
+            EXPECT_GE(count, before.contains(name) ? before.at(name) : 0) << name;
+            EXPECT_LE(count, after.at(name)) << name;
+        }
+        std::string const stats = made(*all[4].sliced()), list = made(*all[5].sliced());
+        for (auto const& one : staying) {
+            EXPECT_NE(stats.find("\n" + one->taskName() + " "), stats.npos);
+            EXPECT_NE(list.find("\ntask " + one->taskName() + " " + one->taskKey().toStrep()), list.npos);
+        }
+        EXPECT_NE(list.find("\nattribute schedulerName = 'root'"), list.npos);
+    }
+    std::vector<std::unique_ptr<Kel::SlicedText>> texts, abandoned;
+    std::string part;
+    for (auto const& [whole, sliced] : kinds(*root)) {
+        abandoned.push_back(sliced());
+        texts.push_back(sliced());
+        for (std::size_t slices = random.below(5); slices > 0; --slices)
+            texts.back()->next(part), abandoned.back()->next(part);
+    }
+    workers = {}, schedulers = {}, crowd = {};
+    staying.clear();
+    root = nullptr;
+    abandoned.clear();
+    for (auto const& text : texts)
+        EXPECT_FALSE(wholeText(*text).empty());
 }

@@ -34,6 +34,9 @@ EXCEPTIONS = [
     ("platform/mox/detail/StrepCursor.h", "*.cpp", "value types of all floors read their text with it"),
     ("platform/mox/detail/FieldText.h", "*.cpp", "the text forms of our value types, which are no public interface"),
     ("platform/mox/detail/FieldLog.h", "*.cpp", "their log forms"),
+    ("platform/kel/detail/Slices.h", "*/detail/*.h", "and the classes that make them, of one source each"),
+    ("platform/kel/detail/Slices.h", "*.cpp", "the coroutines that make the sliced texts of all floors"),
+    ("task/detail/TaskTrace.h", "group/*.cpp", "a group's own trace stands beside those of its scheduler"),
     ("platform/mox/detail/FunctionReactor.h", "*.cpp", "the reactor within classes that take functions"),
 ]
 

@@ -3,6 +3,7 @@
 #include <adapt/Callbacks.h>
 #include <support/HandRoot.h>
 #include <support/TaskReactors.h>
+#include <support/TraceLog.h>
 
 #include <gmock/gmock.h>
 
@@ -68,7 +69,9 @@ TEST_F(TaskGroupTest, IsBoundedByItsQuantumAndTheRestWaits) {
         {0.001, 0.006, "i+ r+ i+ r+"},
         {0.001, 0.0061, "i+ i+ r+ i+ i+ r+"},
         {0.02, 0.01, "i+ i+ i+ i+ r+ i+ i+ i+ i+ r+"},
+        {1e-9, 1e-9, "i+ r+ i+ r+"},
     };
+    steady.perReadingIs(1us); // the shortest quantum is over when the first pass is reached
     for (auto const& [outerQuantum, innerQuantum, expected] : cases) {
         workers.clear();
         root->runUntilIdle();
@@ -79,6 +82,10 @@ TEST_F(TaskGroupTest, IsBoundedByItsQuantumAndTheRestWaits) {
         work(root, "r+");
         EXPECT_EQ(expected, run(4));
     }
+    root->suspendedIs(true);
+    TraceLog trace({5});
+    parent->taskRunFromTest();
+    EXPECT_THAT(trace.take(), HasSubstr("runPasses: TaskGroup;g: Suspended, none of its runnable tasks ran"));
 }
 
 TEST_F(TaskGroupTest, DetachedInItsLoopRunsDryWhateverTheQuantum) {

@@ -363,8 +363,19 @@ TEST_F(LiveAttributesTest, MessagesNameTypeMemberAndProblem) {
     auto const call = [&](char const* name) { return refusal([&] { callOperation(task, name, {}); }); };
     EXPECT_THAT(call("explode"), HasSubstr("has no operation 'explode'"));
     EXPECT_THAT(call("taskRunInc"), HasSubstr("takes 1 arguments, not 0"));
+    EXPECT_THAT(refusal([&] { callOperation(task, "taskRunInc", {"1", "1"}); }), HasSubstr("not 2"));
+    for (Seconds const written : {15e-9, 3e-8, 0.123456789}) {
+        attributeTextIs(task, "taskTotalRunTime", Mox::valueToStrep(written));
+        EXPECT_EQ(task.taskTotalRunTime(), written);
+    }
     EXPECT_THAT(call("taskShouldYield"), HasSubstr("the clock is behind the last run"));
     std::thread([&] { EXPECT_THAT(call("taskStatus"), HasSubstr("this thread is not the tree's")); }).join();
+    std::thread([&] {
+        for (Mox::PtrInterface* const entity : std::initializer_list<Mox::PtrInterface*>{
+                 named.root.ptr(), named.group.ptr(), named.timer.ptr()})
+            EXPECT_THAT(refusal([&] { attributeText(*entity, "hasNotificationActive"); }),
+                        HasSubstr("this thread is not"));
+    }).join();
 }
 
 TEST_F(LiveAttributesTest, ParentTasksInEachOthersGroupsAreScheduledAsTheyAreInCode) {

@@ -73,6 +73,13 @@ TEST_F(SchedulerTreeTest, ListsGroupsThenTasksByNameAndSomeOfMany) {
         EXPECT_EQ(std::ranges::count(got("root/many/taskRun"), '@'), 8);
         EXPECT_EQ(std::get<1>(tree.get("root/tasksRegistered")).size(), SchedulerTree::childrenMax);
     }
+    auto victim = task("victim");
+    auto const answer = tree.getting("root/victim/taskRun");
+    std::string text;
+    EXPECT_TRUE(answer->next(text)) << "a thousand names are no short step";
+    victim = nullptr;
+    EXPECT_EQ(refusal([&] { text = wholeText(*answer); }), "no task or group 'victim' under 'root'");
+    EXPECT_FALSE(answer->next(text));
     for (std::size_t const some : {9u, 8u})
         EXPECT_EQ((many.resize(some), got("root/many/taskRun").ends_with(" ...")), some > 8);
 }

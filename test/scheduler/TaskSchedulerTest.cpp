@@ -31,6 +31,7 @@ TEST_F(TaskSchedulerTest, SuspendedTreeRunsNothingAndIsAskedOnceWhenItGoesOn) {
     auto const t = task();
     t->scheduleTask();
     root->takeHistory(), root->takeRequests();
+    auto const before = root->schedulerLastRunTimeStamp();
     for (bool const suspended : {false, true, true}) // not suspended at first
         root->suspendedIs(suspended);
     root->handleSchedulerRun();
@@ -38,6 +39,7 @@ TEST_F(TaskSchedulerTest, SuspendedTreeRunsNothingAndIsAskedOnceWhenItGoesOn) {
     EXPECT_THAT(root->takeHistory(), ElementsAre("schedulerSuspended", "schedulerRunIgnoredWhileSuspended",
                                                  "schedulerRunIgnoredWhileSuspended"));
     EXPECT_EQ(0u, root->takeRequests());
+    EXPECT_EQ(before, root->schedulerLastRunTimeStamp());
     root->suspendedIs(false);
     EXPECT_EQ(1u, root->takeRequests());
 }
@@ -154,6 +156,8 @@ TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLoseAndNotifyOfWhatChanges)
         {[&] { return deadPerPriority = r->deadTasksPerPriority().begin(), 0; }, 0, ""},
         {[&] { return r->deadTasksPerPriorityDel(deadPerPriority); }, 1, "dead high"}, // and goes on
         {[&] { return r->deadTasksPerPriorityDel(deadPerPriority); }, 6, "dead low"},
+        {[&] { return r->deadTasksPerPriorityIs(low, 0), r->deadTasksPerPriorityDel(low); }, 0,
+         "dead low, dead low"},
         {[&] { return r->deadTaskStatsIs("n", statOf(3)), r->deadTaskStatsIs("n", statOf(3)), 0; }, 0, "n3"},
         {[&] { return r->deadTaskStatsInc("n", statOf(4)).taskRun(); }, 7, ""},
         {[&] { return dead = r->deadTaskStats().begin(), r->deadTaskStatsDel(dead).taskRun(); }, 7, "no n"},
