@@ -25,8 +25,9 @@ class MOX_EXPORT HandlerQueue : public Mox::PtrInterface {
     ~HandlerQueue() override;
 
     boost::asio::io_context& ioContext() const { return ioContext_; }
-    /// Whether a handler is being called, so that another one may be called at once.
-    bool isRunning() const { return depth_ > 0; }
+    /// Whether a handler is being called, so that another one may be called at once. It may have had the
+    /// queue closed, behind which none is called any more.
+    bool isRunning() const { return depth_ > 0 && task_; }
 
     /// Has the function called, once, in a run of the task; destroys it when the queue is closed.
     template <class F> void append(F&& function) {

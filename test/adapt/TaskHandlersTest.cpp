@@ -73,9 +73,16 @@ TEST_F(TaskHandlersTest, OperationsOnTheLoopWhichItHoldsCompleteInARunOfTheTaskA
     EXPECT_EQ(1, owned.use_count());
     auto const never = asio::execution::blocking.never;
     EXPECT_TRUE(asio::query(asio::require(executor, never), asio::execution::blocking) == never);
+    EXPECT_FALSE(executor == asio::require(executor, never));
     Ptr<Kel::HandlerQueue> queue = new Kel::HandlerQueue(t.ptr(), running.ioContext());
     queue->append([&] { EXPECT_EQ(2u, std::exchange(queue, nullptr)->references()) << "its run holds it"; });
     queue->run();
+    auto other = TaskHandlers::TaskHandlersIs(t, Kel::EventLoop::EventLoopIs());
+    auto const closed = other->executor();
+    asio::post(closed, [post = std::shared_ptr<void>(nullptr, [=](void*) { asio::post(closed, [] {}); })] {});
+    t->unscheduleTask();
+    other = nullptr;
+    EXPECT_FALSE(t->taskScheduled()) << "what is brought while it closes asks for no run";
 }
 
 /// A random program of handlers that bring and run each other, take their time, throw and end it all, beside
@@ -107,7 +114,7 @@ class HandlersProgram : TestSupport::HandTree {
     void bring() {
         int const id = ++last_;
         std::size_t const how = random_.below(4);
-        atOnce_ = how > 1 && !running_.empty() ? id : 0;
+        atOnce_ = how > 1 && handlers_ && !running_.empty() ? id : 0;
         if (handlers_ && atOnce_ == 0) {
             waiting_.push_back(id);
             running_.empty() ? schedule() : void();

@@ -46,6 +46,12 @@ class TaskProgram : HandTree {
         EXPECT_FALSE(record_->isAlive());
         EXPECT_EQ(0u, root->tasksRegistered().size() + root->timerWheel()->armed() + root->runUntilIdle());
     }
+    /// The events that the operations make; the others are those of the first run.
+    std::string eventsOf(std::string const& operations, std::string const& inRun) {
+        inRun_ = inRun;
+        perform(operations);
+        return takeEvents();
+    }
 
   private:
     std::string takeEvents() {
@@ -180,6 +186,7 @@ class TaskProgram : HandTree {
             task_ = nullptr, timer_ = nullptr, second_ = nullptr, first_ = nullptr;
         if (callback != "onTaskRun")
             return;
+        perform(std::exchange(inRun_, {}));
         for (std::size_t changes = random_ ? random_->below(4) : 0; changes > 0 && task_; --changes)
             change();
     }
@@ -203,7 +210,7 @@ class TaskProgram : HandTree {
     /// A number that goes with a time: 0, 1 or the greatest.
     static U32 n(Seconds d) { return d > 1.0 ? ~U32{0} : d > 0.0; }
     using S = Seconds;
-    static constexpr std::size_t ofTimers = 7; // the last
+    static constexpr std::size_t ofTimers = 6; // the last
     std::vector<std::pair<std::string, std::function<void(S)>>> const operations_ = {
         {"schedule", [this](S) { schedule(), task_->scheduleTask(); }},
         {"unschedule", [this](S) { unschedule(), task_->unscheduleTask(); }},
@@ -225,10 +232,20 @@ class TaskProgram : HandTree {
         {"delay", [this](S d) { delay(d), timer_->scheduleTaskDelay(d); }},
         {"up", [this](S d) { delay(d), timer_->scheduleTaskJitterUp(d, d < 0 || d == most ? 255 : 0); }},
         {"down", [this](S d) { delay(d = std::abs(d)), timer_->scheduleTaskJitterDown(d, 0); }},
-        {"private", [this](S d) { delay(std::min(d, most)), timer_->scheduleTaskDelayedPrivate(d, true); }},
         {"lowest", [this](S d) { delay(d = std::min(d, most), false), timer_->scheduleTaskLowestDelay(d); }},
         {"clock", [this](S d) { timerMayExpire(d); }},
     };
+    /// Each is a name, and a number where one goes with it.
+    void perform(std::string const& operations) {
+        std::istringstream stream(operations);
+        for (std::string name; stream >> name;) {
+            Seconds with = 0.0;
+            if (!(stream >> with))
+                stream.clear();
+            std::ranges::find(operations_, name, [](auto const& each) { return each.first; })->second(with);
+            expectAlike();
+        }
+    }
     void change() {
         constexpr std::array delays{0.0,  -5., -endOfTime, .004, .00999, .01,
                                     .011, 1.,  2.,         5.,   most,   endOfTime};
@@ -249,6 +266,7 @@ class TaskProgram : HandTree {
     }
 
     Random* const random_;
+    std::string inRun_;
     Ptr<Task> task_;
     Ptr<TimerTask> timer_; // the same
     Ptr<TaskRecord> record_;
@@ -273,6 +291,30 @@ TEST(TaskModel, HoldsStateTimesEventsAndStatisticsAndMayBeLetGoInAnyCallback) {
             program.emplace(random.oneIn(2), &random);
         program->step();
     }
+}
+
+TEST(TaskModel, PromisesTheseEvents) {
+    struct {
+        bool needsTimer;
+        char const *operations, *inRun, *events;
+    } const rows[] = {
+        {false, "schedule schedule", "", "schedule; busy; "},
+        {false, "schedule pass", "", "schedule; busy; run start; run end; idle; "},
+        {false, "schedule pass", "schedule schedule", "schedule; busy; run start; schedule; run end; "},
+        {false, "schedule pass", "unschedule", "schedule; busy; run start; idle; run end; "},
+        {false, "suspend schedule suspend", "", "suspendOn; scheduleSus; suspendOff; schedule; busy; "},
+        {false, "schedule suspend pass", "", "schedule; busy; suspendOn; unschedule; idle; "},
+        {false, "runFromTest", "running 0 runFromTest", "run start; run start; run end; run end; "},
+        {true, "delay 2 clock 2 pass", "", "timerStart; busy; schedule; run start; run end; idle; "},
+        {true, "delay 2 stop stop", "", "timerStart; busy; timerStop; idle; "},
+        {true, "delay 2 suspend clock 2", "", "timerStart; busy; suspendOn; scheduleSus; idle; "},
+        {true, "schedule delay 5 delay 0", "", "schedule; busy; unschedule; timerStart; schedule; "},
+        {true, "delay 2 lowest 5 lowest 1 clock 1", "", "timerStart; busy; timerStart; schedule; "},
+        {true, "schedule pass", "delay 2", "schedule; busy; run start; timerStart; run end; "},
+    };
+    for (auto const& [needsTimer, operations, inRun, events] : rows)
+        for (bool const hasTimer : {needsTimer, true})
+            EXPECT_EQ(events, TaskProgram(hasTimer).eventsOf(operations, inRun)) << operations;
 }
 
 } // namespace

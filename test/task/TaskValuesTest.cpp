@@ -121,7 +121,7 @@ TEST(ValueForms, AttributesStandInAnyOrderAreLeftOutAndSpacedAndAStatussValueCou
                           "'taskPriority' : 'TaskPriority::PriorityEnum(7)', 'taskName' : \"n\" } )"));
     std::string const timer = "'taskTimer': True, ";
     EXPECT_EQ(0x11u, fromText<TaskStatus>(statusText(timer + "'taskSuspendedForTest': True")).value());
-    EXPECT_EQ(6u, fromText<TaskStatus>(statusText(timer + "'value': 6, 'taskOnRunQueue': True")).value());
+    EXPECT_EQ(6u, fromText<TaskStatus>(statusText(timer + "'value': 006, 'taskOnRunQueue': True")).value());
 }
 
 template <class T> std::string refusalOf(std::string const& text) {
