@@ -1,17 +1,30 @@
 #pragma once
 
+#include <mox/SteadyClock.h>
 #include <task/Task.h>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 
+#include <chrono>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <utility>
 
 namespace KelKv {
 
-/// One client of any port: a socket, whose handlers take what comes in, and a task that answers it, so that
-/// the work is measured and takes turns as all work does.
+/// One client of any port: a socket, whose handlers only tell that something came or can be sent, and a task
+/// that does all the work, so that the work is measured and takes turns as all work does.
+///
+/// What is not done within one quantum goes on in a second task, of a lower priority, whose name ends with
+/// ";more" (so that an operator finds one of the two by name), and so does what comes within a moment from
+/// then. So a client that asks little is answered ahead of hundreds that ask much, and
+/// those take turns among themselves.
+///
+/// An operator's connection is there for when the scheduler does not run: what its task has not begun a
+/// moment after it was scheduled, because the scheduler is suspended or switched off or never gets to it, a
+/// timer's handler does in its place, in slices as long as the task's.
 ///
 /// Lifetime: its listener holds it from `start()` until it has closed; so does each handler under way.
 class Connection : public Kel::Task::Notifiee {
@@ -19,38 +32,100 @@ class Connection : public Kel::Task::Notifiee {
     using Socket = boost::asio::ip::tcp::socket;
     using Error = boost::system::error_code;
 
+    /// How it gets its turn.
+    struct Role {
+        char const* name; // of the task
+        Kel::TaskPriority priority;
+        Kel::TaskPriority priorityOfMore; // of what takes longer
+        bool isOperator;
+    };
+
+    static constexpr Mox::Seconds quantum = 0.0002;
+
     /// Begins to read. Calls `closed` once, when it has closed.
     void start(std::function<void()> closed);
     void close();
+    /// Since when nothing is under way, of those that may be closed to make room for another.
+    virtual std::optional<Mox::SteadyClock::TimePoint> idleSince() const { return std::nullopt; }
 
+    void onTaskRun() override;
     /// Traced; the connection closes. So end exceptions of a task's run and of a handler, for which nobody
     /// else would catch them.
     void onException(std::exception_ptr thrown) noexcept override;
 
   protected:
-    Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Kel::TaskPriority priority, char const* name);
+    Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Role const& role,
+               boost::asio::any_io_executor const& executor);
 
-    /// Null once it is closed.
-    Mox::Ptr<Kel::Task> const& task() const { return task_; }
+    bool isOpen() const { return task_ != nullptr; }
+    /// So many requests were answered.
+    void worked(Mox::U64 count) { turn().taskWorkCountInc(count); }
     virtual void onStart() = 0;
     virtual void onClose() = 0;
+    /// Does what there is to do until it is done, or `mayGoOn()` says no; then it asks for another turn.
+    virtual void onWork() = 0;
+
+    /// Asks for a call of `onWork()`: something came. When it comes is up to what is still to be done.
+    void needsWork();
+    /// At the end of a turn: there is more to do.
+    void needsMoreWork();
+    /// Closes when the time is over, unless that is asked for again by then.
+    void closeAfter(std::chrono::milliseconds time);
+    /// Whether the turn under way may last any longer. Asked between two steps, so that each has one.
+    bool mayGoOn() const;
 
     /// A handler that keeps the connection, and is called if it is not closed by then.
     template <class Handler> auto whileOpen(Handler handler) {
         return [self = Mox::Ptr<Connection>(this), handler](Error error, std::size_t = 0) {
-            if (!self->task_)
-                return;
-            try {
-                handler(error);
-            } catch (...) {
-                self->onException(std::current_exception());
-            }
+            if (self->isOpen())
+                self->guarded([&] { handler(error); });
         };
     }
 
   private:
-    Mox::Ptr<Kel::Task> task_;
+    template <class F> void guarded(F work) {
+        try {
+            work();
+        } catch (...) {
+            onException(std::current_exception());
+        }
+    }
+    /// Has `onTaskRun()` called by a second task.
+    class More : public Kel::Task::Notifiee {
+      public:
+        More(Mox::Ptr<Kel::Task> const& task, Connection& connection) : connection_(connection) {
+            notifierIs(task);
+        }
+        void onTaskRun() override { connection_.workIn(*notifier()); }
+        void onException(std::exception_ptr thrown) noexcept override {
+            connection_.onException(std::move(thrown));
+        }
+
+      private:
+        Connection& connection_;
+    };
+
+    Kel::Task& turn() const { return turn_ ? *turn_ : *task_; }
+    void schedule(Kel::Task& task);
+    void workIn(Kel::Task& task);
+    void work();
+    void workInItsPlace();
+
+    Role const role_;
+    Mox::Ptr<Kel::TaskScheduler> const scheduler_;
+    Mox::Ptr<Kel::Task> task_;  // null once it is closed
+    Mox::Ptr<Kel::Task> later_; // null until there is more to do than a turn's
+    Mox::Ptr<More> more_;
+    Mox::SteadyClock::TimePoint lastMore_{}; // when there was
+    Kel::Task* turn_ = nullptr;              // whose run is under way
     std::function<void()> closed_;
+    bool isWorking_ = false;
+
+    // Of an operator's: in the task's place
+    boost::asio::steady_timer patience_;
+    boost::asio::steady_timer deadline_; // of any
+    bool isHeld_ = false;                // the task did not run when it was asked for last
+    Mox::SteadyClock::TimePoint turnEnd_{};
 };
 
 } // namespace KelKv

@@ -16,9 +16,24 @@ namespace KelKv {
 /// clients'.
 class Daemon {
   public:
-    /// Port 0 takes a free one. Throws boost::system::system_error when a port cannot be had.
-    Daemon(Mox::Ptr<Kel::EventLoop> const& loop, unsigned short port, unsigned short operatorPort,
-           std::optional<boost::asio::ip::tcp::endpoint> const& http = std::nullopt);
+    struct Options {
+        // Port 0 takes a free one.
+        unsigned short port = 7379;
+        unsigned short operatorPort = 7380;
+        std::optional<boost::asio::ip::tcp::endpoint> http = std::nullopt; // none: no such port
+
+        // Connections at a time.
+        std::size_t clientsMax = 10000;
+        std::size_t operatorsMax = 16;
+        std::size_t httpMax = 16;
+        std::chrono::seconds operatorPatience{600}; // until an idle operator is closed
+
+        /// The descriptors that these connections, and what the process has besides, may need.
+        std::size_t descriptors() const;
+    };
+
+    /// Throws std::system_error, which names the port, when one cannot be had.
+    Daemon(Mox::Ptr<Kel::EventLoop> const& loop, Options const& options);
     Daemon(Daemon const&) = delete;
     Daemon& operator=(Daemon const&) = delete;
 

@@ -1,17 +1,27 @@
 #pragma once
 
+#include "ByteLimit.h"
+#include "Log.h"
+#include "Session.h"
 #include "Store.h"
+#include "TextSequence.h"
 
 #include <group/TaskGroup.h>
 #include <kel/EventLoop.h>
 #include <scheduler/TaskSchedulerEventLoop.h>
 
+#include <boost/intrusive/list.hpp>
+
+#include <chrono>
+#include <cstddef>
 #include <functional>
+#include <random>
 #include <string>
 
 namespace KelKv {
 
-/// What the daemon's connections work on: the scheduler, the store, and what is measured of them.
+/// What the daemon's connections work on: the scheduler, the store, what is measured of them, and what all
+/// clients share.
 ///
 /// Walks over all keys run in the group "background", so that a hundred of them take no more from the other
 /// clients than one does: the group is one `low` task to them, bounded by one quantum.
@@ -21,27 +31,54 @@ struct Engine {
     /// As a connection's: all walks together are no worse a neighbour to a client than one more client.
     static constexpr Mox::Seconds backgroundQuantum = 0.0002;
 
-    /// Where it is served, and to how many connections.
+    /// A port, and who came by it.
+    struct Port {
+        unsigned short number = 0;
+        std::size_t connections = 0;
+        std::size_t connectionsMax = 0;
+        Mox::U64 accepted = 0;
+        Mox::U64 refused = 0; // over the limit, or without a descriptor
+    };
     struct Ports {
-        unsigned short clients;
-        unsigned short operators;
-        std::size_t clientConnections;
-        std::size_t operatorConnections;
+        Port clients, operators, http;
     };
 
     explicit Engine(Mox::Ptr<Kel::EventLoop> const& loop);
 
-    /// What the scheduler measured, and what the background group did within its runs, as text.
-    std::string statistics() const;
-    std::string history() const;
-    /// The history as a Chrome trace, and the statistics for Prometheus.
-    std::string trace() const;
-    std::string metrics() const;
+    // Texts that are made in slices.
+
+    /// What the scheduler measured, and what the background group did within its runs.
+    SlicedTextPtr statistics() const;
+    SlicedTextPtr history() const;
+    /// The history as a Chrome trace.
+    SlicedTextPtr trace() const;
+    /// The statistics for Prometheus, and figures of the ports and the store.
+    SlicedTextPtr metrics() const;
 
     Mox::Ptr<Kel::TaskSchedulerEventLoop> const root;
     Mox::Ptr<Kel::TaskGroup> const background;
+    Mox::Ptr<Scavenger> const scavenger;
     Store store;
-    Mox::Seconds const started = Mox::now();
+    Log log;
+
+    boost::intrusive::list<Session, boost::intrusive::constant_time_size<false>> sessions;
+    Mox::U64 lastSession = 0;
+    /// What has come in of requests that are not answered, of all clients together: one of the largest, and
+    /// as much again.
+    ByteLimit requestBytes{std::size_t{1} << 30};
+    /// What walks have gathered and nobody has read.
+    ByteLimit walkBytes{std::size_t{1} << 28};
+    /// An operator who asks nothing for so long is closed.
+    std::chrono::seconds operatorPatience{600};
+
+    Mox::U64 commandsAnswered = 0;
+    /// Seconds since 1970, for times that clients give by the calendar.
+    std::function<Mox::Seconds()> calendarTime = [] {
+        return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    };
+    std::mt19937 random{std::random_device{}()};
+
+    Mox::SteadyClock::TimePoint const started = Mox::SteadyClock::now();
     std::function<Ports()> ports = [] { return Ports{}; };
 };
 

@@ -10,7 +10,7 @@ Expiry::Expiry(Store& store, Mox::Ptr<Kel::TaskScheduler> const& scheduler, std:
     notifierIs(task_);
 }
 
-void Expiry::delayIs(Mox::Seconds delay) { task_->scheduleTaskJitterDown(delay, jitterPercentage); }
+void Expiry::delayIs(Mox::Seconds delay) { task_->scheduleTaskJitterUp(delay, jitterPercentage); }
 
 void Expiry::onTaskRun() { store_.expire(key_, *this); }
 

@@ -11,8 +11,8 @@ class Store;
 
 /// The end of a key's life: a timer task of its own, which erases the key.
 ///
-/// It falls up to 5 % early, at random, so that keys that were written together do not all fall in one tick.
-/// The key is gone when its time has come, even while the task still waits to run.
+/// It falls up to 5 % late, at random, so that keys that were written together do not all fall in one tick;
+/// never early. The key is gone when its time has come all the same: who looks for it is told so.
 ///
 /// Lifetime: the key's value holds it. A value that was flushed may still hold one; it finds itself replaced
 /// then.
@@ -22,8 +22,6 @@ class Expiry : public Kel::TimerTask::Notifiee {
     Expiry(Store& store, Mox::Ptr<Kel::TaskScheduler> const& scheduler, std::string_view key);
 
     void delayIs(Mox::Seconds delay);
-    /// Now, when the task waits to run already.
-    Mox::Seconds time() const { return task_->currentExpirationTime(); }
 
     void onTaskRun() override;
 

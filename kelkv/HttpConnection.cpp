@@ -1,131 +1,343 @@
 #include "HttpConnection.h"
 
-#include <boost/beast/http/read.hpp>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/address.hpp>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/write.hpp>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <sstream>
 #include <utility>
 
 namespace KelKv {
 
 namespace http = boost::beast::http;
 
-HttpConnection::HttpConnection(Mox::Ptr<Kel::TaskSchedulerEventLoop> const& root, std::span<Page const> pages,
-                               Socket socket)
-    : Connection(root, Kel::TaskPriority::normal, "http"), root_(root), pages_(pages),
-      stream_(std::move(socket)) {
-    request_.header_limit(headerLimit);
+namespace {
+
+constexpr std::size_t sendSize = 1 << 16; // bytes that are sent together
+
+bool wouldBlock(boost::system::error_code error) {
+    return error == boost::asio::error::would_block || error == boost::asio::error::try_again;
+}
+
+struct Target {
+    std::string_view authority; // a host, and a port
+    std::string_view path;
+};
+
+/// What a request asks for, and of whom: a client that takes us for a proxy says both in one.
+Target targetOf(http::request_header<> const& request) {
+    constexpr std::string_view scheme = "http://";
+    std::string_view text = request.target();
+    Target target{request[http::field::host], text};
+    if (boost::beast::iequals(text.substr(0, scheme.size()), scheme)) {
+        text.remove_prefix(scheme.size());
+        std::size_t const end = std::min(text.find_first_of("/?"), text.size());
+        target = {text.substr(0, end), text.substr(end)};
+        if (!target.path.starts_with('/'))
+            target.path = "/";
+    }
+    target.path = target.path.substr(0, target.path.find('?'));
+    return target;
+}
+
+/// None when it is no host, or what stands behind it is no port.
+std::optional<std::string_view> hostOf(std::string_view authority) {
+    bool const hasBrackets = authority.starts_with('[');
+    std::size_t const end = std::min(authority.find(hasBrackets ? ']' : ':'), authority.size());
+    std::string_view const behind = authority.substr(std::min(end + hasBrackets, authority.size()));
+    if (hasBrackets && end == authority.size())
+        return std::nullopt;
+    if (!behind.empty() && (behind[0] != ':' || behind.find_first_not_of("0123456789", 1) != behind.npos))
+        return std::nullopt;
+    return authority.substr(hasBrackets, end - hasBrackets);
+}
+
+} // namespace
+
+HttpConnection::HttpConnection(Engine& engine, std::span<Page const> pages, Socket socket)
+    : Connection(engine.root, {"http", Kel::TaskPriority::normal, Kel::TaskPriority::low, true},
+                 socket.get_executor()),
+      engine_(engine), pages_(pages), socket_(std::move(socket)) {
+    Error ignored;
+    socket_.non_blocking(true, ignored);
+    socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
 }
 
 void HttpConnection::onStart() {
-    stream_.expires_after(patience);
-    http::async_read_header(stream_, input_, request_, whileOpen([this](Error error) { onRequest(error); }));
+    requestIsNext();
+    waitReadable();
 }
 
-void HttpConnection::onRequest(Error error) {
-    static auto const& ofTheProtocol = make_error_code(http::error::end_of_stream).category();
-    if (error && (error.category() != ofTheProtocol || error == http::error::end_of_stream))
-        return close();
-    isMalformed_ = static_cast<bool>(error);
-    isWaiting_ = true;
-    if (root_->suspended())
-        onTaskRun();
-    else
-        task()->scheduleTask();
+void HttpConnection::onClose() {
+    bodyIs(nullptr);
+    Error ignored;
+    socket_.close(ignored);
 }
 
-void HttpConnection::onTaskRun() {
-    if (!std::exchange(isWaiting_, false)) // an operator may run any task
+void HttpConnection::onWork() {
+    bool isStep = true;
+    do
+        isStep = step();
+    while (isStep && mayGoOn());
+    if (!isOpen())
         return;
-    Mox::Ptr<HttpConnection> const self = this; // closing lets it go
-    answer();
-    send();
+    isStep ? needsMoreWork() : rest();
 }
+
+/// One thing of those that can be done now; false when there is none.
+bool HttpConnection::step() {
+    std::size_t const unsent = output_.size() - sent_;
+    bool const isEnough = unsent >= sendSize || (unsent > 0 && !body_);
+    bool const mayRead = isShut_ || (!isAnswering() && needsInput_);
+    if (isEnough && !waitsWritable_)
+        sendSome();
+    else if (body_ && !isEnough)
+        makeSome();
+    else if (!isAnswering() && !isShut_ && !needsInput_)
+        parse();
+    else if (mayRead && isReadable_)
+        receive();
+    else
+        return false;
+    return isOpen();
+}
+
+void HttpConnection::rest() {
+    if (isAnswering())
+        return;
+    if (atEnd_)
+        return close();
+    waitReadable();
+}
+
+// The request
+
+/// From its first byte on the exchange has its time, which nothing renews.
+void HttpConnection::requestIsNext() {
+    parser_.emplace();
+    parser_->eager(true);
+    parser_->header_limit(headerLimit);
+    parser_->body_limit(bodyLimit);
+    requestSize_ = 0;
+    needsInput_ = input_.empty();
+    isBegun_ = false;
+    idleSince_ = needsInput_ ? std::optional(Mox::SteadyClock::now()) : std::nullopt;
+    closeAfter(needsInput_ ? idlePatience : patience);
+}
+
+/// A read that fills the place may have left something, and so may be followed by another.
+void HttpConnection::receive() {
+    static std::array<char, 1 << 14> scratch;
+    Error error;
+    std::size_t const size = socket_.read_some(boost::asio::buffer(scratch), error);
+    isReadable_ = size == scratch.size();
+    if (error == boost::asio::error::eof)
+        atEnd_ = true;
+    else if (error && !wouldBlock(error))
+        return close();
+    if (isShut_)
+        return drained(size);
+    if (size > 0 && std::exchange(idleSince_, std::nullopt))
+        closeAfter(patience);
+    input_.append(scratch.data(), size);
+    needsInput_ = size == 0;
+}
+
+void HttpConnection::drained(std::size_t size) {
+    drained_ += size;
+    if (drained_ > drainLimit)
+        close();
+}
+
+/// A body is of no use to any page, and is thrown away.
+void HttpConnection::parse() {
+    Error error;
+    std::size_t const taken = parser_->put(boost::asio::buffer(input_), error);
+    input_.erase(0, taken);
+    requestSize_ += taken;
+    needsInput_ = error == http::error::need_more || input_.empty();
+    parser_->get().body().clear();
+    if (error && error != http::error::need_more)
+        return answerFailedParse(error);
+    if (parser_->is_done())
+        return answer();
+    keeps_ = false;
+    if (requestSize_ + input_.size() > requestLimit)
+        answerError(Status::payload_too_large, "the request is too large");
+    else if (parser_->is_header_done() && parser_->get().count(http::field::expect) > 0)
+        answerError(Status::expectation_failed, "send the request in one go");
+}
+
+void HttpConnection::answerFailedParse(Error error) {
+    keeps_ = false;
+    if (error == http::error::header_limit)
+        answerError(Status::request_header_fields_too_large, "the header is too long");
+    else if (error == http::error::body_limit)
+        answerError(Status::payload_too_large, "the body is too long");
+    else
+        answerError(Status::bad_request, "malformed request");
+}
+
+// The answer
 
 void HttpConnection::answer() {
-    auto const& request = request_.get();
-    auto const path = request.target().substr(0, request.target().find('?'));
-    if (isMalformed_)
-        answerIs(Status::bad_request, "text/plain", "malformed request\n");
-    else if (request.method() != http::verb::get)
-        answerIs(Status::method_not_allowed, "text/plain", "GET only\n");
+    auto const& request = parser_->get();
+    keeps_ = request.version() >= 11 && request.keep_alive();
+    Target const target = targetOf(request);
+    auto const host = hostOf(target.authority);
+    worked(1);
+    if (request.method() != http::verb::get && request.method() != http::verb::head)
+        answerError(Status::method_not_allowed, "GET and HEAD only");
     else if (request.version() >= 11 && request.count(http::field::host) != 1)
-        answerIs(Status::bad_request, "text/plain", "one host has to be named\n");
-    else if (!namesThisHost())
-        answerIs(Status::misdirected_request, "text/plain", "not this host\n");
+        answerError(Status::bad_request, "one host has to be named");
+    else if (!host)
+        answerError(Status::bad_request, "the host is malformed");
+    else if (!namesThisHost(*host))
+        answerError(Status::misdirected_request, "not this host");
     else
-        answerPage(path);
+        answerPage(target.path);
 }
 
+/// A client from before HTTP/1.1 knows the end of a page, whose length nobody knows beforehand, by the close.
 void HttpConnection::answerPage(std::string_view path) {
     auto const page = std::ranges::find(pages_, path, &Page::path);
     if (page == pages_.end())
-        answerIs(Status::not_found, "text/plain", "there is /, /metrics and /trace.json\n");
-    else
-        answerIs(Status::ok, page->contentType, page->body());
+        return answerError(Status::not_found, "there is /, /metrics and /trace.json");
+    isChunked_ = parser_->get().version() >= 11;
+    headIs(Status::ok, page->contentType, std::nullopt);
+    if (parser_->get().method() == http::verb::get)
+        bodyIs(page->body());
 }
 
-/// The handler of a request calls it, too, when no task runs.
+void HttpConnection::answerError(Status status, std::string_view text) {
+    headIs(status, "text/plain", text.size() + 1);
+    if (parser_->get().method() != http::verb::head)
+        output_.append(text).append("\n");
+}
+
+void HttpConnection::headIs(Status status, std::string_view contentType, std::optional<std::size_t> length) {
+    http::response<http::empty_body> head(status, 11);
+    head.set(http::field::content_type, contentType);
+    head.set(http::field::cache_control, "no-store");
+    head.set("X-Content-Type-Options", "nosniff");
+    head.set("Content-Security-Policy", "default-src 'none'; script-src 'unsafe-inline'; "
+                                        "style-src 'unsafe-inline'; connect-src 'self'");
+    if (status == Status::method_not_allowed)
+        head.set(http::field::allow, "GET, HEAD");
+    if (length)
+        head.content_length(*length);
+    else
+        head.chunked(isChunked_);
+    head.keep_alive(keeps_);
+    std::ostringstream text;
+    text << head.base();
+    output_ = std::move(text).str();
+    sent_ = 0;
+}
+
+/// A page from elsewhere whose name resolves to this host (DNS rebinding) has another name.
+bool HttpConnection::namesThisHost(std::string_view host) const {
+    Error error;
+    auto here = socket_.local_endpoint(error).address();
+    if (here.is_v6() && here.to_v6().is_v4_mapped())
+        here = boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, here.to_v6());
+    if (error || !here.is_loopback() || host.empty())
+        return true;
+    boost::asio::ip::make_address(host, error);
+    return !error || boost::beast::iequals(host, "localhost");
+}
+
+void HttpConnection::makeSome() {
+    part_.clear();
+    bool const isMore = body_->next(part_);
+    char digits[16];
+    if (!part_.empty() && isChunked_)
+        output_.append(digits, std::to_chars(digits, std::end(digits), part_.size(), 16).ptr).append("\r\n");
+    output_ += part_;
+    if (!part_.empty() && isChunked_)
+        output_ += "\r\n";
+    if (isMore)
+        return;
+    body_ = nullptr;
+    if (isChunked_)
+        output_ += "0\r\n\r\n";
+}
+
+/// One that was not made to its end has gathered what takes a while to free.
+void HttpConnection::bodyIs(SlicedTextPtr body) {
+    if (SlicedTextPtr rest = std::exchange(body_, std::move(body)))
+        engine_.scavenger->add(std::make_unique<RemainsOfText>(std::move(rest)));
+}
+
+/// The error takes the place of an answer of which nothing is sent yet.
 void HttpConnection::onException(std::exception_ptr thrown) noexcept {
     Kel::Task::Notifiee::onException(std::move(thrown));
-    if (isSending_)
+    if (!isOpen() || !parser_->is_done() || isBegun_ || std::exchange(isFailed_, true))
         return close();
     try {
-        answerIs(Status::internal_server_error, "text/plain", "the answer could not be made\n");
-        send();
+        bodyIs(nullptr);
+        keeps_ = false;
+        answerError(Status::internal_server_error, "the answer could not be made");
+        needsWork();
     } catch (...) {
         close();
     }
 }
 
-/// A page from elsewhere whose name resolves to this host (DNS rebinding) has another name.
-bool HttpConnection::namesThisHost() const {
+// Sending
+
+void HttpConnection::sendSome() {
     Error error;
-    auto here = stream_.socket().local_endpoint(error).address();
-    if (here.is_v6() && here.to_v6().is_v4_mapped())
-        here = boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, here.to_v6());
-    std::string_view host = request_.get()[http::field::host];
-    if (error || !here.is_loopback() || host.empty())
-        return true;
-    bool const hasBrackets = host.front() == '[';
-    host = host.substr(0, hasBrackets ? host.find(']') : host.find(':'));
-    if (hasBrackets)
-        host.remove_prefix(1);
-    boost::asio::ip::make_address(host, error);
-    return !error || boost::beast::iequals(host, "localhost");
+    std::size_t const size =
+        socket_.write_some(boost::asio::buffer(std::string_view(output_).substr(sent_, 4 * sendSize)), error);
+    if (wouldBlock(error))
+        return waitWritable();
+    if (error)
+        return close();
+    isBegun_ = true;
+    sent_ += size;
+    if (sent_ == output_.size() || sent_ >= sendSize) {
+        output_.erase(0, sent_);
+        sent_ = 0;
+    }
+    if (!isAnswering())
+        answered();
 }
 
-void HttpConnection::answerIs(Status status, char const* contentType, std::string body) {
-    response_.result(status);
-    response_.set(http::field::content_type, contentType);
-    response_.set(http::field::cache_control, "no-store");
-    response_.set("X-Content-Type-Options", "nosniff");
-    response_.set("Content-Security-Policy", "default-src 'none'; script-src 'unsafe-inline'; "
-                                             "style-src 'unsafe-inline'; connect-src 'self'");
-    if (status == Status::method_not_allowed)
-        response_.set(http::field::allow, "GET");
-    response_.body() = std::move(body);
-    response_.keep_alive(false);
-    response_.prepare_payload();
-    if (request_.get().method() == http::verb::head)
-        response_.body().clear(); // its length stays in the header
-}
-
-void HttpConnection::send() {
-    isSending_ = true;
-    http::async_write(stream_, response_, whileOpen([this](Error error) {
-                          Error ignored;
-                          stream_.socket().shutdown(boost::asio::socket_base::shutdown_send, ignored);
-                          error ? close() : drain();
-                      }));
-}
-
-/// Takes what the client still sends, until it closes or its time is over: a socket that is closed with
-/// input unread resets the connection, and the answer may be lost.
-void HttpConnection::drain() {
+void HttpConnection::answered() {
+    if (keeps_)
+        return requestIsNext();
+    isShut_ = true;
     input_.clear();
-    stream_.async_read_some(input_.prepare(headerLimit),
-                            whileOpen([this](Error error) { error ? close() : drain(); }));
+    Error ignored;
+    socket_.shutdown(Socket::shutdown_send, ignored);
+}
+
+void HttpConnection::waitWritable() {
+    waitsWritable_ = true;
+    socket_.async_wait(Socket::wait_write, whileOpen([this](Error error) {
+                           waitsWritable_ = false;
+                           if (!error)
+                               needsWork();
+                       }));
+}
+
+void HttpConnection::waitReadable() {
+    if (waitsReadable_ || isReadable_)
+        return;
+    waitsReadable_ = true;
+    socket_.async_wait(Socket::wait_read, whileOpen([this](Error error) {
+                           waitsReadable_ = false;
+                           if (error)
+                               return;
+                           isReadable_ = true;
+                           needsWork();
+                       }));
 }
 
 } // namespace KelKv

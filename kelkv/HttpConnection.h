@@ -1,73 +1,111 @@
 #pragma once
 
 #include "Connection.h"
+#include "Engine.h"
 
-#include <scheduler/TaskSchedulerEventLoop.h>
-
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
-#include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
 namespace KelKv {
 
-/// One request of a browser or a metrics collector, and its answer: nothing but GET of a few paths. Whoever
-/// reaches it may look at everything that the scheduler measured; on a loopback address that is nobody's page
-/// from elsewhere, so there a request has to name this host as its own.
+/// A browser or a metrics collector: GET and HEAD of a few pages, one request after another. Whoever reaches
+/// it may look at everything that the scheduler measured; on a loopback address that is nobody's page from
+/// elsewhere, so there a request has to name this host as its own.
 ///
-/// To a request that comes while the scheduler is suspended the handler makes the answer: that is when an
-/// operator looks.
+/// A page is made in slices, as fast as the client takes it, and sent as it is made. The time for an
+/// exchange, from a request's first byte on, is bounded whatever the client does, and so are the bytes of a
+/// request and of what is thrown away at the end.
 ///
-/// Lifetime: the pages outlive it.
+/// While the scheduler is suspended it answers as an operator's connection does: that is when one looks.
+///
+/// Lifetime: engine and pages outlive it.
 class HttpConnection : public Connection {
   public:
     struct Page {
         std::string_view path;
         char const* contentType;
-        std::function<std::string()> body;
+        std::function<SlicedTextPtr()> body;
     };
 
     static constexpr std::uint32_t headerLimit = 8192;
+    static constexpr std::uint32_t bodyLimit = 1 << 16;
+    static constexpr std::size_t requestLimit = 1 << 17; // with what frames the body
+    static constexpr std::size_t drainLimit = 1 << 20;   // thrown away behind the last answer
     /// For the whole exchange.
     static constexpr std::chrono::seconds patience{30};
+    /// For the next request.
+    static constexpr std::chrono::seconds idlePatience{10};
 
-    HttpConnection(Mox::Ptr<Kel::TaskSchedulerEventLoop> const& root, std::span<Page const> pages,
-                   Socket socket);
+    HttpConnection(Engine& engine, std::span<Page const> pages, Socket socket);
 
-    void onTaskRun() override;
-    /// The client is told, if nothing was sent yet.
+    std::optional<Mox::SteadyClock::TimePoint> idleSince() const override { return idleSince_; }
+    /// The client is told, if nothing of the answer was sent yet.
     void onException(std::exception_ptr thrown) noexcept override;
 
   private:
     using Status = boost::beast::http::status;
+    using Parser = boost::beast::http::request_parser<boost::beast::http::string_body>;
 
     void onStart() override;
-    void onClose() override { stream_.close(); }
+    void onWork() override;
+    void onClose() override;
 
-    void onRequest(Error error);
+    bool step();
+    void rest();
+
+    void requestIsNext();
+    void receive();
+    void drained(std::size_t size);
+    void parse();
+
     void answer();
     void answerPage(std::string_view path);
-    bool namesThisHost() const;
-    void answerIs(Status status, char const* contentType, std::string body);
-    void send();
-    void drain();
+    void answerError(Status status, std::string_view text);
+    void answerFailedParse(Error error);
+    void headIs(Status status, std::string_view contentType, std::optional<std::size_t> length);
+    bool namesThisHost(std::string_view host) const;
+    void makeSome();
+    void bodyIs(SlicedTextPtr body);
 
-    Mox::Ptr<Kel::TaskSchedulerEventLoop> const root_;
+    bool isAnswering() const { return body_ || sent_ < output_.size(); }
+    void sendSome();
+    void answered();
+    void waitReadable();
+    void waitWritable();
+
+    Engine& engine_;
     std::span<Page const> const pages_;
-    boost::beast::tcp_stream stream_;
-    boost::beast::flat_buffer input_{headerLimit};
-    boost::beast::http::request_parser<boost::beast::http::empty_body> request_;
-    boost::beast::http::response<boost::beast::http::string_body> response_;
-    bool isMalformed_ = false;
-    bool isWaiting_ = false; // for its answer
-    bool isSending_ = false;
+    Socket socket_;
+
+    // What comes in
+    std::string input_;
+    std::optional<Parser> parser_;
+    std::size_t requestSize_ = 0; // bytes
+    std::optional<Mox::SteadyClock::TimePoint> idleSince_;
+    bool needsInput_ = true;
+    bool isReadable_ = false;
+    bool waitsReadable_ = false;
+    bool atEnd_ = false; // the client sends no more
+
+    // The answer
+    SlicedTextPtr body_; // what is left to be made of it
+    std::string part_;
+    bool isChunked_ = false;
+    std::string output_;
+    std::size_t sent_ = 0; // bytes of the output
+    bool isBegun_ = false; // some of the answer is sent
+    bool keeps_ = false;   // the connection
+    bool isFailed_ = false;
+    bool waitsWritable_ = false;
+    bool isShut_ = false; // nothing more is sent; what comes is thrown away
+    std::size_t drained_ = 0;
 };
 
 } // namespace KelKv

@@ -1,9 +1,13 @@
-#include "Commands.h"
+#include "KeySearch.h"
+#include "Lifetime.h"
 #include "Number.h"
+#include "Steps.h"
 
-#include <cmath>
-#include <limits>
+#include <algorithm>
 #include <optional>
+#include <utility>
+
+// Commands on keys, one, several and all of them.
 
 namespace KelKv {
 
@@ -11,174 +15,235 @@ namespace {
 
 using Mox::S64;
 
-constexpr std::size_t any = Limits::arguments;
-constexpr std::size_t replyMax = 4 << 20; // bytes of values in one reply
+constexpr std::size_t any = Limits::words;
 
-std::optional<S64> number(std::string_view text) {
-    S64 value = 0;
-    return readNumber(text, value) ? std::optional(value) : std::nullopt;
-}
+Store& store(CommandContext& context) { return context.engine.store; }
 
-/// The greatest number for all that is greater: a key may live for so many seconds, and for more
-/// milliseconds.
-S64 rounded(double number) {
-    return number < 0x1p63 ? std::llround(number) : std::numeric_limits<S64>::max();
-}
-
-/// Seconds to live from a number of such units; nothing, and an error reply, when it is none.
-std::optional<Mox::Seconds> delay(CommandContext& context, std::string_view text, double unit) {
-    std::optional<S64> const units = number(text);
-    if (!units)
-        context.reply.error("the time to live is no integer");
-    return units ? std::optional(static_cast<double>(*units) * unit) : std::nullopt;
-}
-
-// Values
-
-void get(CommandContext& context, Arguments words) {
-    if (Store::Value const* const value = context.engine.store.find(words[1]))
-        context.reply.bulk(value->text);
-    else
-        context.reply.null();
-}
-
-void set(CommandContext& context, Arguments words) {
-    if (words.size() == 3) {
-        context.engine.store.set(words[1], words[2]);
-        return context.reply.status("OK");
-    }
-    bool const inSeconds = isWord(words[3], "EX");
-    if (words.size() != 5 || (!inSeconds && !isWord(words[3], "PX")))
-        return context.reply.error("syntax error");
-    std::optional<Mox::Seconds> const seconds = delay(context, words[4], inSeconds ? 1.0 : 0.001);
-    if (!seconds)
-        return;
-    if (*seconds <= 0.0)
-        return context.reply.error("the time to live is not positive");
-    context.engine.store.expiryIs(words[1], context.engine.store.set(words[1], words[2]), *seconds);
-    context.reply.status("OK");
-}
-
-void mget(CommandContext& context, Arguments words) {
-    std::size_t bytes = 0;
-    for (std::string_view const key : words.subspan(1))
-        if (Store::Value const* const value = context.engine.store.find(key))
-            bytes += value->text.size();
-    if (bytes > replyMax)
-        return context.reply.error("the reply would be too large");
-    context.reply.array(words.size() - 1);
-    for (std::string_view const key : words.subspan(1))
-        get(context, std::array{std::string_view(), key});
-}
-
-void mset(CommandContext& context, Arguments words) {
-    if (words.size() % 2 == 0)
-        return context.reply.error("a key without a value");
-    for (std::size_t i = 1; i < words.size(); i += 2)
-        context.engine.store.set(words[i], words[i + 1]);
-    context.reply.status("OK");
-}
-
-void incr(CommandContext& context, Arguments words) {
-    Store::Value* const value = context.engine.store.find(words[1]);
-    std::optional<S64> const old = value ? number(value->text) : 0;
-    if (!old)
-        return context.reply.error("the value is no integer");
-    if (*old == std::numeric_limits<S64>::max())
-        return context.reply.error("the value is at its maximum");
-    if (value)
-        value->text = std::to_string(*old + 1); // it keeps its expiry
-    else
-        context.engine.store.set(words[1], "1");
-    context.reply.integer(*old + 1);
-}
+// One or several
 
 /// Replies with the number of keys for which it is true.
-template <class F> void countKeys(CommandContext& context, Arguments words, F isCounted) {
+template <bool (*isCounted)(Store& store, std::string_view key)> struct Counting {
+    std::size_t take(CommandContext& context, Arguments key) {
+        count += !key[0].text && isCounted(store(context), key[0]) ? 1 : 0;
+        return 0;
+    }
+    void end(CommandContext& context) { context.reply.integer(count); }
+
     S64 count = 0;
-    for (std::string_view const key : words.subspan(1))
-        count += isCounted(key) ? 1 : 0;
-    context.reply.integer(count);
+};
+
+template <bool (*isCounted)(Store& store, std::string_view key)>
+void countKeys(CommandContext& context, Arguments words) {
+    forEachWord(context, words.subspan(1), 1, Counting<isCounted>());
 }
 
-void del(CommandContext& context, Arguments words) {
-    countKeys(context, words, [&](std::string_view key) { return context.engine.store.erase(key); });
+bool erase(Store& store, std::string_view key) { return store.erase(key); }
+bool isThere(Store& store, std::string_view key) { return store.find(key) != nullptr; }
+
+void type(CommandContext& context, Arguments words) {
+    context.reply.status(store(context).find(words[1]) ? "string" : "none");
 }
 
-void exists(CommandContext& context, Arguments words) {
-    countKeys(context, words,
-              [&](std::string_view key) { return context.engine.store.find(key) != nullptr; });
+/// Its time to live goes with a value.
+void put(CommandContext& context, std::string_view key, Text&& text, Mox::Seconds due) {
+    Store::Value& value = store(context).set(key, std::move(text));
+    if (due != Mox::endOfTime)
+        store(context).dueIs(key, value, due);
 }
 
-// Times to live
-
-void expireIn(CommandContext& context, Arguments words, double unit) {
-    std::optional<Mox::Seconds> const seconds = delay(context, words[2], unit);
-    if (!seconds)
-        return;
-    Store::Value* const value = context.engine.store.find(words[1]);
-    if (value && *seconds > 0.0)
-        context.engine.store.expiryIs(words[1], *value, *seconds);
-    else if (value)
-        context.engine.store.erase(words[1]);
-    context.reply.integer(value ? 1 : 0);
+/// Whether it is done: not, when the new name is taken and may not be, nor without a reply when there is no
+/// such key.
+std::optional<bool> moveTo(CommandContext& context, Arguments words, bool mayReplace) {
+    bool const isTaken = !mayReplace && isThere(store(context), words[2]);
+    Store::Value* const value = store(context).find(words[1]);
+    if (!value) {
+        context.reply.error("no such key");
+        return std::nullopt;
+    }
+    if (isTaken || words[1].view == words[2].view)
+        return !isTaken;
+    Text text = std::move(value->text);
+    Mox::Seconds const due = value->due;
+    store(context).erase(words[1]);
+    put(context, words[2], std::move(text), due);
+    return true;
 }
 
-void timeToLive(CommandContext& context, Arguments words, double unitsPerSecond) {
-    Store::Value const* const value = context.engine.store.find(words[1]);
-    if (!value)
-        context.reply.integer(-2);
-    else if (!value->expiry)
-        context.reply.integer(-1);
-    else
-        context.reply.integer(rounded((value->expiry->time() - Mox::now()) * unitsPerSecond));
+void rename(CommandContext& context, Arguments words) {
+    if (moveTo(context, words, true))
+        context.reply.status("OK");
 }
 
-void persist(CommandContext& context, Arguments words) {
-    Store::Value* const value = context.engine.store.find(words[1]);
-    bool const had = value && value->expiry;
-    if (had)
-        context.engine.store.expiryDel(*value);
-    context.reply.integer(had ? 1 : 0);
+void renameNew(CommandContext& context, Arguments words) {
+    if (std::optional<bool> const isMoved = moveTo(context, words, false))
+        context.reply.integer(*isMoved ? 1 : 0);
+}
+
+void copy(CommandContext& context, Arguments words) {
+    bool mayReplace = false;
+    for (Arguments left = words.subspan(3); !left.empty();) {
+        bool const isDatabase = left.size() > 1 && isWord(left[0], "DB");
+        int database = 0;
+        if (!isDatabase && !isWord(left[0], "REPLACE"))
+            return context.reply.error("syntax error");
+        if (isDatabase && (!readNumber(left[1], database) || database != 0))
+            return context.reply.error("value is not an integer or out of range");
+        mayReplace = mayReplace || !isDatabase;
+        left = left.subspan(isDatabase ? 2 : 1);
+    }
+    if (words[1].view == words[2].view)
+        return context.reply.error("source and destination objects are the same");
+    bool const isTaken = !mayReplace && isThere(store(context), words[2]);
+    Store::Value const* const value = store(context).find(words[1]);
+    bool const isCopied = value && !isTaken;
+    if (isCopied)
+        put(context, words[2], value->text.clone(store(context).scavenger()), value->due);
+    context.reply.integer(isCopied ? 1 : 0);
 }
 
 // All keys
 
 void keys(CommandContext& context, Arguments words) {
     context.next = CommandContext::Next::walk;
-    context.pattern = words[1];
+    context.pattern = words[1].view;
 }
 
 void dbsize(CommandContext& context, Arguments words) {
     if (words.size() == 1)
-        context.reply.integer(static_cast<S64>(context.engine.store.size()));
+        context.reply.integer(static_cast<S64>(store(context).size()));
     else if (isWord(words[1], "EXACT"))
         context.next = CommandContext::Next::walk;
     else
         context.reply.error("syntax error");
 }
 
-void flushall(CommandContext& context, Arguments) {
-    context.engine.store.clear();
+/// Memory is freed by and by, whatever is asked for.
+void flush(CommandContext& context, Arguments words) {
+    if (words.size() > 1 && !isWord(words[1], "ASYNC") && !isWord(words[1], "SYNC"))
+        return context.reply.error("syntax error");
+    store(context).clear();
     context.reply.status("OK");
 }
 
+/// One try: false when the key's time is over.
+bool replyRandomKey(CommandContext& context) {
+    Store& keys = store(context);
+    if (keys.size() == 0) {
+        context.reply.null();
+        return true;
+    }
+    std::uniform_int_distribution<std::size_t> number(0, keys.size() - 1);
+    std::string const key = keys.key(number(context.engine.random)).text;
+    if (!keys.find(key)) // which erases it
+        return false;
+    context.reply.bulk(key);
+    return true;
+}
+
+void randomKey(CommandContext& context, Arguments) {
+    if (!replyRandomKey(context))
+        context.rest = [](CommandContext& step) { return !replyRandomKey(step); };
+}
+
+/// A part of all keys, and the cursor with which the next one begins.
+class Scan {
+  public:
+    Scan(Store const& of, std::string pattern, Mox::U64 cursor, std::size_t keys, bool isOfStrings)
+        : search_(of, std::move(pattern), cursor), keysLeft_(keys), isOfStrings_(isOfStrings) {}
+
+    /// One step; true while there is more. It ends early when the reply becomes large: the number of keys is
+    /// no more than a hint.
+    bool operator()(CommandContext& context) {
+        std::size_t const before = search_.visited();
+        search_.step([this](std::string_view key) { add(key); }, keysLeft_);
+        keysLeft_ -= std::min(keysLeft_, search_.visited() - before);
+        bool const isMore =
+            search_.hasLongKey() || (!search_.isDone() && keysLeft_ > 0 && found_.size() < stepBytes);
+        if (!isMore)
+            reply(context);
+        return isMore;
+    }
+
+  private:
+    void add(std::string_view key) {
+        if (!isOfStrings_)
+            return;
+        ++count_;
+        appendBulk(found_, key);
+    }
+    void reply(CommandContext& context) {
+        context.reply.array(2);
+        context.reply.bulk(search_.isDone() ? "0" : std::to_string(search_.position()));
+        context.reply.array(count_);
+        context.reply.written(std::move(found_));
+    }
+
+    KeySearch search_;
+    std::size_t keysLeft_;
+    bool isOfStrings_; // which all values are
+    std::size_t count_ = 0;
+    std::string found_;
+};
+
+struct ScanOptions {
+    std::string pattern = "*";
+    std::size_t keys = 10;
+    bool isOfStrings = true;
+};
+
+/// Nothing, and an error reply, when they are none.
+std::optional<ScanOptions> readScanOptions(CommandContext& context, Arguments words) {
+    ScanOptions options;
+    for (; words.size() >= 2; words = words.subspan(2)) {
+        std::optional<S64> const count = readInteger(words[1]);
+        bool const isCount = isWord(words[0], "COUNT");
+        if (isCount && !count) {
+            replyNoInteger(context);
+            return std::nullopt;
+        }
+        if (isCount && *count > 0)
+            options.keys = static_cast<std::size_t>(std::min<S64>(*count, S64{1} << 30));
+        else if (!isCount && isWord(words[0], "MATCH"))
+            options.pattern = words[1].view;
+        else if (!isCount && isWord(words[0], "TYPE"))
+            options.isOfStrings = isWord(words[1], "string");
+        else
+            break;
+    }
+    if (words.empty())
+        return options;
+    context.reply.error("syntax error");
+    return std::nullopt;
+}
+
+void scan(CommandContext& context, Arguments words) {
+    Mox::U64 cursor = 0;
+    if (!readNumber(words[1], cursor))
+        return context.reply.error("invalid cursor");
+    std::optional<ScanOptions> const options = readScanOptions(context, words.subspan(2));
+    if (!options)
+        return;
+    auto const steps =
+        std::make_shared<Scan>(store(context), options->pattern, cursor, options->keys, options->isOfStrings);
+    if ((*steps)(context))
+        context.rest = [steps](CommandContext& step) { return (*steps)(step); };
+}
+
 constexpr Command commands[] = {
-    {"GET", 2, 2, get},
-    {"SET", 3, 5, set},
-    {"MGET", 2, any, mget},
-    {"MSET", 3, any, mset},
-    {"INCR", 2, 2, incr},
-    {"DEL", 2, any, del},
-    {"EXISTS", 2, any, exists},
-    {"EXPIRE", 3, 3, [](CommandContext& c, Arguments words) { expireIn(c, words, 1.0); }},
-    {"PEXPIRE", 3, 3, [](CommandContext& c, Arguments words) { expireIn(c, words, 0.001); }},
-    {"TTL", 2, 2, [](CommandContext& c, Arguments words) { timeToLive(c, words, 1.0); }},
-    {"PTTL", 2, 2, [](CommandContext& c, Arguments words) { timeToLive(c, words, 1000.0); }},
-    {"PERSIST", 2, 2, persist},
+    {"DEL", 2, any, countKeys<erase>, Command::allKeys, 1},
+    {"UNLINK", 2, any, countKeys<erase>, Command::allKeys, 1},
+    {"EXISTS", 2, any, countKeys<isThere>, Command::allKeys, 1},
+    {"TOUCH", 2, any, countKeys<isThere>, Command::allKeys, 1},
+    {"TYPE", 2, 2, type, Command::oneKey},
+    {"RENAME", 3, 3, rename, Command::twoKeys},
+    {"RENAMENX", 3, 3, renameNew, Command::twoKeys},
+    {"COPY", 3, 6, copy, Command::twoKeys},
     {"KEYS", 2, 2, keys},
+    {"SCAN", 2, 8, scan},
+    {"RANDOMKEY", 1, 1, randomKey},
     {"DBSIZE", 1, 2, dbsize},
-    {"FLUSHALL", 1, 2, flushall},
+    {"FLUSHALL", 1, 2, flush},
+    {"FLUSHDB", 1, 2, flush},
 };
 
 } // namespace

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "GlobMatch.h"
-#include "Store.h"
+#include "ByteLimit.h"
+#include "KeySearch.h"
 
 #include <task/Task.h>
 
@@ -18,8 +18,8 @@ namespace KelKv {
 /// that is known only at the end of the walk: matches are gathered in pieces of some 64 KiB, which are then
 /// handed over one by one, as fast as the client takes them.
 ///
-/// A key is in the reply, once, if it is there from the walk's beginning to its end (see Store); one that
-/// comes or goes meanwhile may be in it.
+/// A key is in the reply, once, if it is there from the walk's beginning to its end; one that comes or goes
+/// meanwhile may be in it.
 ///
 /// Lifetime: its client holds it, until `walkDone` or until it cancels the walk. The store outlives it.
 class KeyWalk : public Kel::Task::Notifiee {
@@ -40,11 +40,11 @@ class KeyWalk : public Kel::Task::Notifiee {
     };
 
     static constexpr Mox::Seconds quantum = 0.00005;
-    /// What one step may cost, in bytes of key times bytes of pattern: less than the quantum as a rule.
-    static constexpr Mox::U64 stepCost = 1 << 16;
 
-    KeyWalk(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Store const& store, Client& client,
-            std::optional<std::string> pattern);
+    /// When what all walks have gathered is over the limit, the reply is an error.
+    KeyWalk(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Store const& store, ByteLimit& gathered,
+            Client& client, std::optional<std::string> pattern);
+    ~KeyWalk() override;
     /// The client takes the next piece.
     void handOver() { task_->scheduleTask(); }
     /// The client is told nothing more.
@@ -57,41 +57,25 @@ class KeyWalk : public Kel::Task::Notifiee {
     Mox::Ptr<Kel::Task> const& task() const { return task_; }
 
   private:
-    /// The keys of a shard whose hashes are from `nextHash_` to the last one.
-    struct Part {
-        std::size_t last;
-        std::size_t keys = 0;
-        Mox::U64 cost = 0;
-    };
-    /// A copy of a key that takes more than one step, which the store may lose meanwhile.
-    struct LongKey {
-        LongKey(std::string_view pattern, std::string_view key) : text(key), match(pattern, text) {}
-        std::string const text;
-        GlobMatch match;
-    };
-
     void gather();
-    Part part(Store::Shard const& shard, std::size_t last) const;
-    Part nextPart(Store::Shard const& shard) const;
-    Mox::U64 cost(std::string_view key) const;
-    void visitPart();
-    void visit(std::string_view key);
-    void matchLongKey();
     void add(std::string_view key);
     void addCount();
+    void giveUp();
+    void dropPieces();
+    void measure() { gathered_.sizeIs(piecesSize_ + search_.kept()); }
     void handOverPieces();
 
     Store const& store_;
     Client* client_; // null: cancelled
-    std::optional<std::string> const pattern_;
+    bool const isCount_;
+    KeySearch search_;
     Mox::Ptr<Kel::Task> const task_;
 
     bool isGathering_ = true;
-    std::size_t nextShard_ = 0;
-    std::size_t nextHash_ = 0; // in that shard
-    std::deque<LongKey> longKeys_;
     std::size_t matches_ = 0;
     std::deque<std::string> pieces_; // the first one begins with the count
+    std::size_t piecesSize_ = 0;     // bytes
+    ByteShare gathered_;
 };
 
 } // namespace KelKv

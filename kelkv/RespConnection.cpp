@@ -1,221 +1,263 @@
 #include "RespConnection.h"
 
-#include "Commands.h"
-
 #include <boost/asio/buffer.hpp>
+#include <boost/lexical_cast.hpp>
 
 #include <array>
+#include <chrono>
 #include <utility>
 
 namespace KelKv {
 
 namespace {
 
-constexpr std::size_t bufferKept = 1 << 18; // bytes of an empty buffer that are not given back
+constexpr std::size_t requestAlways = 1 << 16; // bytes for which there is always room
 
 bool wouldBlock(boost::system::error_code error) {
     return error == boost::asio::error::would_block || error == boost::asio::error::try_again;
 }
 
-void clear(std::string& buffer) {
-    buffer.clear();
-    if (buffer.capacity() > bufferKept)
-        buffer.shrink_to_fit();
+template <class Endpoint> std::string textOf(Endpoint const& endpoint, boost::system::error_code error) {
+    return error ? std::string() : boost::lexical_cast<std::string>(endpoint);
 }
 
 } // namespace
 
 RespConnection::RespConnection(Engine& engine, Role const& role, Socket socket)
-    : Connection(engine.root, role.priority, role.name), engine_(engine), isOperator_(role.isOperator),
-      socket_(std::move(socket)) {
-    task()->taskQuantumIs(quantum);
-    Error ignored;
-    socket_.non_blocking(true, ignored);
-    socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    : Connection(engine.root, role, socket.get_executor()), engine_(engine), socket_(std::move(socket)),
+      parser_(engine.scavenger), requestBytes_(engine.requestBytes) {
+    Error error;
+    socket_.non_blocking(true, error);
+    socket_.set_option(boost::asio::ip::tcp::no_delay(true), error);
+    session_.isOperator = role.isOperator;
+    session_.peer = textOf(socket_.remote_endpoint(error), error);
+    session_.here = textOf(socket_.local_endpoint(error), error);
+    session_.since = session_.lastUsed = Mox::SteadyClock::latest();
+    session_.id = ++engine_.lastSession;
+    engine_.sessions.push_back(session_);
 }
 
 void RespConnection::onClose() {
     if (Mox::Ptr<KeyWalk> const walk = std::exchange(walk_, nullptr))
         walk->cancel();
+    session_.unlink();
+    requestBytes_.sizeIs(0);
     Error ignored;
     socket_.close(ignored);
 }
 
-// Reading
-
-void RespConnection::waitReadable() {
-    if (isReading_ || atEnd_ || unanswered().size() >= inputLimit)
+/// Steps until none can be made or the turn is over; what they replied goes out together.
+void RespConnection::onWork() {
+    if (walk_ && output_.unsent() > 0 && sendSome() && output_.unsent() == 0)
+        walk_->handOver();
+    if (!isOpen())
         return;
-    isReading_ = true;
-    socket_.async_wait(Socket::wait_read, whileOpen([this](Error error) {
-                           isReading_ = false;
-                           if (!error)
-                               onReadable();
-                       }));
-}
-
-void RespConnection::onReadable() {
-    if (!receive())
-        return close();
-    waitReadable();
-    serve();
-}
-
-/// Has what came in answered, as far as it may be by now.
-void RespConnection::serve() {
-    if (isOperator_)
-        answerAtOnce();
-    if (task() && mayAnswer() && !unanswered().empty())
-        task()->scheduleTask();
+    bool isStep = true;
+    do
+        isStep = step();
+    while (isStep && mayGoOn());
+    if (!isOpen() || !sendSome())
+        return;
+    if (isStep || (output_.unsent() > 0 && !waitsWritable_))
+        needsMoreWork();
     else
-        readOnOrClose();
+        rest();
 }
 
-/// False when the connection is broken. All connections read to one place: what is in it is taken at once.
+/// One thing of those that can be done now; false when there is none. What is answered first makes room for
+/// what comes.
+bool RespConnection::step() {
+    if (output_.unsent() >= LongText::blockSize && !waitsWritable_)
+        sendSome();
+    else if (left_ && mayAnswer())
+        goOn();
+    else if (!left_ && mayAnswer() && parser_.state() != RequestParser::State::incomplete)
+        answerRequest();
+    else if (parser_.state() == RequestParser::State::incomplete && !closing_ && !unparsed().empty())
+        parse();
+    else if (isReadable_ && unparsed().empty())
+        return receive();
+    else
+        return false;
+    return isOpen();
+}
+
+/// With nothing to do until something comes, can be sent, or a walk is through.
+void RespConnection::rest() {
+    bool const isDone = closing_ || (atEnd_ && !left_);
+    if (isDone && !walk_ && output_.unsent() == 0)
+        return finish();
+    if (session_.isOperator)
+        closeAfter(engine_.operatorPatience);
+    waitReadable();
+}
+
+// What comes in
+
+/// All connections read to one place, and keep what came; a walk for the client goes on meanwhile. A read
+/// that fills the place may have left something, and so may be followed by another.
 bool RespConnection::receive() {
     static std::array<char, 1 << 16> scratch;
     Error error;
     std::size_t const size = socket_.read_some(boost::asio::buffer(scratch), error);
-    input_.append(scratch.data(), size);
-    atEnd_ = error == boost::asio::error::eof;
-    return !error || atEnd_ || wouldBlock(error);
+    isReadable_ = size == scratch.size();
+    if (error == boost::asio::error::eof)
+        atEnd_ = true;
+    else if (error && !wouldBlock(error)) {
+        close();
+        return false;
+    }
+    if (isShut_)
+        return isReadable_;
+    input_.assign(scratch.data(), size);
+    parsed_ = 0;
+    return !input_.empty();
 }
 
-void RespConnection::compactInput() {
-    if (answered_ == input_.size())
-        clear(input_);
-    else if (answered_ >= input_.size() / 2) // so that each byte is moved once or twice at most
-        input_.erase(0, answered_);
-    else
+void RespConnection::dropInput() {
+    input_.clear();
+    parsed_ = 0;
+}
+
+void RespConnection::parse() {
+    parsed_ += parser_.take(unparsed());
+    if (unparsed().empty())
+        dropInput();
+    boundRequest();
+}
+
+/// What all clients have under way together is bounded; who is over it loses the request, not the connection.
+void RespConnection::boundRequest() {
+    requestBytes_.sizeIs(parser_.kept());
+    if (!requestBytes_.isOver() || parser_.kept() <= requestAlways ||
+        parser_.state() != RequestParser::State::incomplete)
         return;
-    answered_ = 0;
+    parser_.discard();
+    requestBytes_.sizeIs(0);
 }
 
 // Answering
 
-/// True when there is a whole request, or one that cannot become one.
-bool RespConnection::parseNext() { return parser_.parse(unanswered()) != RequestParser::State::incomplete; }
+bool RespConnection::isHttp() const {
+    return isFirst_ && parser_.isLine() && parser_.arguments().size() == 3 &&
+           parser_.arguments()[2].view.starts_with("HTTP/");
+}
 
-void RespConnection::answerNext() {
-    if (parser_.parse(unanswered()) == RequestParser::State::malformed) {
-        ReplyWriter(output_).error(std::string("Protocol error: ").append(parser_.error()));
-        closing_ = true;
-        return;
+/// A browser's page may make any browser send it here: what stands in the lines behind the first is not to be
+/// taken for commands.
+void RespConnection::answerRequest() {
+    ReplyWriter reply(output_, session_.isResp3);
+    if (parser_.state() == RequestParser::State::malformed)
+        reply.error(std::string("Protocol error: ").append(parser_.error()));
+    else if (isHttp()) {
+        reply.error("this port does not speak HTTP");
+        engine_.log.line("HTTP request closed", session_.peer);
+    } else {
+        if (parser_.isDiscarded())
+            reply.error("the request is too large beside those under way", "OOM");
+        else if (!parser_.arguments().empty())
+            return answerCommand();
+        return requestDone();
     }
-    if (!parser_.arguments().empty())
-        answerCommand();
-    answered_ += parser_.size();
-    parser_.reset();
+    closing_ = isBroken_ = true;
+    dropInput();
 }
 
 void RespConnection::answerCommand() {
-    CommandContext context{engine_, ReplyWriter(output_), isOperator_};
-    isAnswering_ = true;
+    worked(1);
+    session_.lastUsed = Mox::SteadyClock::latest();
+    CommandContext context{engine_, session_, ReplyWriter(output_, session_.isResp3)};
     answer(context, parser_.arguments());
-    isAnswering_ = false;
-    if (context.next == CommandContext::Next::walk)
-        walk_ = new KeyWalk(engine_.background, engine_.store, *this, std::move(context.pattern));
-    closing_ = context.next == CommandContext::Next::close;
+    left_ = std::move(context.rest);
+    took(context);
 }
 
-void RespConnection::onTaskRun() {
-    if (isAnswering_) // an operator's command had the connection's own task run
+void RespConnection::goOn() {
+    CommandContext context{engine_, session_, ReplyWriter(output_, session_.isResp3)};
+    if (!left_(context))
+        left_ = nullptr;
+    took(context);
+}
+
+/// What the command, or a step of it, has left to do.
+void RespConnection::took(CommandContext const& context) {
+    if (!isOpen() || left_) // it may have had the connection closed
         return;
-    Mox::Ptr<RespConnection> const self = this; // closing lets it go
-    bool const isDone = answerAll();
-    compactInput();
-    flush();
-    if (task() && !isDone && mayAnswer()) // else the end of the walk, or of the sending, goes on
-        task()->scheduleTask();
-    readOnOrClose();
+    if (context.next == CommandContext::Next::walk)
+        walk_ = new KeyWalk(engine_.background, engine_.store, engine_.walkBytes, *this, context.pattern);
+    closing_ = context.next == CommandContext::Next::close;
+    requestDone();
 }
 
-/// False when it stopped before all requests that have come in were answered.
-bool RespConnection::answerAll() {
-    while (mayAnswer()) {
-        if (!parseNext())
-            return true;
-        answerNext();
-        task()->taskWorkCountInc(1);
-        if (task()->taskShouldYield())
-            return false;
-    }
-    return false;
-}
-
-/// The scheduler's own commands, and what a client program says to begin and end, do not wait for the
-/// scheduler, which may be suspended.
-void RespConnection::answerAtOnce() {
-    while (task() && mayAnswer() && parser_.parse(unanswered()) == RequestParser::State::complete &&
-           isAnsweredAtOnce(parser_.arguments())) {
-        answerNext();
-        compactInput();
-        flush();
-    }
+void RespConnection::requestDone() {
+    isFirst_ = false;
+    parser_.reset();
+    requestBytes_.sizeIs(0);
 }
 
 bool RespConnection::pieceIs(std::string&& piece) {
     Mox::Ptr<RespConnection> const self = this; // closing lets it go
-    if (output_.empty())
-        output_ = std::move(piece);
-    else
-        output_ += piece;
-    flush();
-    return !isWriting_;
+    output_.append(std::move(piece));
+    while (output_.unsent() > 0 && !waitsWritable_ && sendSome()) {
+    }
+    return !waitsWritable_;
 }
 
 void RespConnection::walkDone() {
     walk_ = nullptr;
-    task()->scheduleTask();
+    needsWork();
 }
 
 // Sending
 
-void RespConnection::flush() {
+/// One block at most; false when the connection is closed.
+bool RespConnection::sendSome() {
+    if (output_.unsent() == 0 || waitsWritable_)
+        return true;
     Error error;
-    while (task() && unsent() > 0 && !isWriting_) {
-        sent_ += socket_.write_some(boost::asio::buffer(output_) + sent_, error);
-        if (wouldBlock(error))
-            waitWritable();
-        else if (error)
-            close();
-    }
-    if (unsent() == 0) {
-        clear(output_);
-        sent_ = 0;
-    }
+    output_.sent(socket_.write_some(boost::asio::buffer(output_.next()), error));
+    if (wouldBlock(error))
+        waitWritable();
+    else if (error)
+        close();
+    return isOpen();
 }
 
 void RespConnection::waitWritable() {
-    isWriting_ = true;
+    waitsWritable_ = true;
     socket_.async_wait(Socket::wait_write, whileOpen([this](Error error) {
-                           isWriting_ = false;
-                           if (!error)
-                               onWritable();
+                           waitsWritable_ = false;
+                           if (error)
+                               return;
+                           needsWork();
                        }));
 }
 
-void RespConnection::onWritable() {
-    flush();
-    if (!task() || isWriting_)
+void RespConnection::waitReadable() {
+    if (waitsReadable_ || isReadable_ || atEnd_)
         return;
-    if (walk_)
-        walk_->handOver();
-    else if (closing_)
-        close();
-    else
-        serve();
+    waitsReadable_ = true;
+    socket_.async_wait(Socket::wait_read, whileOpen([this](Error error) {
+                           waitsReadable_ = false;
+                           if (error)
+                               return;
+                           isReadable_ = true;
+                           needsWork();
+                       }));
 }
 
-/// With nothing more to answer for now.
-void RespConnection::readOnOrClose() {
-    if (!task())
-        return;
-    bool const isDone = closing_ || (atEnd_ && !task()->taskScheduled());
-    if (isDone && !walk_ && unsent() == 0)
-        close();
-    else
-        waitReadable();
+/// Everything is sent. A client that may still be sending is waited for, until it has read why.
+void RespConnection::finish() {
+    if (atEnd_ || (!isReadable_ && !isBroken_))
+        return close();
+    if (isShut_)
+        return waitReadable();
+    isShut_ = true;
+    dropInput();
+    Error ignored;
+    socket_.shutdown(Socket::shutdown_send, ignored);
+    closeAfter(std::chrono::seconds(1));
+    waitReadable();
 }
 
 } // namespace KelKv

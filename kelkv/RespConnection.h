@@ -1,83 +1,85 @@
 #pragma once
 
+#include "Commands.h"
 #include "Connection.h"
-#include "Engine.h"
 #include "KeyWalk.h"
-#include "Resp.h"
 
 #include <string>
 
 namespace KelKv {
 
-/// A client that speaks RESP2.
+/// A client that speaks RESP, 2 or 3.
 ///
-/// A readable socket is read by its handler, which schedules the task. The task answers requests until none
-/// is left, its quantum is used (it schedules itself again then), or the client has to wait for something;
-/// then it sends what it has in one go. While a walk works for the client, its other requests wait, so that
-/// replies come in order.
+/// A handler that finds the socket readable schedules the task. The task takes what came in, answers it and
+/// sends the replies, step by step, until nothing is left, its quantum is used (it schedules itself again
+/// then), or the client has to wait for something: for a walk over all keys that works for it, or for its own
+/// reading of replies. Replies come in the order of requests.
 ///
-/// A client that does not read its replies is not answered while `outputLimit` bytes are unsent, and once
-/// `inputLimit` bytes are unanswered it is not read from.
+/// Nothing that a client does takes more memory than it has room for: it is not read from while a piece of
+/// input waits, not answered while `outputLimit` bytes are unsent, and a request that is too large for what
+/// all clients together may have under way is answered with an error.
+///
+/// When it ends, an error in words reaches the client: what is still sent is taken, for a moment, and thrown
+/// away, for a socket that is closed with input unread resets the connection, and what it had sent may be
+/// lost.
 class RespConnection : public Connection, private KeyWalk::Client {
   public:
-    struct Role {
-        char const* name; // of the task
-        Kel::TaskPriority priority;
-        bool isOperator;
-    };
-
-    static constexpr std::size_t inputLimit = Limits::request + (1 << 16);
     static constexpr std::size_t outputLimit = 1 << 20;
-    static constexpr Mox::Seconds quantum = 0.0002;
 
     RespConnection(Engine& engine, Role const& role, Socket socket);
 
-    void onTaskRun() override;
-
   private:
-    void onStart() override { waitReadable(); }
+    void onStart() override { rest(); }
     void onClose() override;
+    void onWork() override;
     bool pieceIs(std::string&& piece) override;
     void walkDone() override;
     void walkFailed() noexcept override { close(); }
 
+    bool step();
+    void rest();
+
+    bool receive();
+    void parse();
+    void dropInput();
+    void boundRequest();
+
+    bool isHttp() const;
+    void answerRequest();
+    void answerCommand();
+    void goOn();
+    void took(CommandContext const& context);
+    void requestDone();
+
+    std::string_view unparsed() const { return std::string_view(input_).substr(parsed_); }
+    bool mayAnswer() const { return !walk_ && !closing_ && output_.unsent() < outputLimit; }
+    bool sendSome();
     void waitReadable();
     void waitWritable();
-    void onReadable();
-    void onWritable();
-    bool receive();
-
-    bool mayAnswer() const { return !walk_ && !closing_ && unsent() < outputLimit; }
-    std::string_view unanswered() const { return std::string_view(input_).substr(answered_); }
-    std::size_t unsent() const { return output_.size() - sent_; }
-    bool parseNext();
-    void answerNext();
-    void answerCommand();
-    bool answerAll();
-    void answerAtOnce();
-    void serve();
-    void readOnOrClose();
-    void compactInput();
-    void flush();
+    void finish();
 
     Engine& engine_;
-    bool const isOperator_;
     Socket socket_;
+    Session session_;
 
     // What came in
     std::string input_;
-    std::size_t answered_ = 0; // bytes at the input's beginning
+    std::size_t parsed_ = 0; // bytes at the input's beginning
     RequestParser parser_;
-    bool isAnswering_ = false;
-    bool isReading_ = false;
+    ByteShare requestBytes_;
+    bool isFirst_ = true; // the request under way
+    bool isReadable_ = false;
+    bool waitsReadable_ = false;
     bool atEnd_ = false; // the client sends no more
 
     // What goes out
-    std::string output_;
-    std::size_t sent_ = 0; // bytes at the output's beginning
-    bool isWriting_ = false;
-    bool closing_ = false;
+    CommandContext::Step left_; // of the command under way
     Mox::Ptr<KeyWalk> walk_;
+    Output output_;
+    bool waitsWritable_ = false;
+    bool closing_ = false;
+    bool isBroken_ = false; // what it sends cannot be answered
+    bool isShut_ = false;   // nothing more is sent; what comes is thrown away
 };
 
 } // namespace KelKv

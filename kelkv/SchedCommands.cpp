@@ -1,6 +1,4 @@
-#include "Commands.h"
-
-#include <registry/SchedulerTree.h>
+#include "SlicedReply.h"
 
 #include <algorithm>
 
@@ -10,21 +8,19 @@ namespace KelKv {
 
 namespace {
 
-constexpr std::size_t any = Limits::arguments;
+constexpr std::size_t any = Limits::words;
 
 Kel::SchedulerTree tree(CommandContext& context) { return Kel::SchedulerTree(context.engine.root); }
 
-void bulks(CommandContext& context, std::vector<std::string> const& texts) {
-    context.reply.array(texts.size());
-    for (std::string const& text : texts)
-        context.reply.bulk(text);
-}
-
 // Each takes the words behind its own name.
 
-void history(CommandContext& context, Arguments) { context.reply.bulk(context.engine.history()); }
+void history(CommandContext& context, Arguments) {
+    GatheredBulk::reply(context, partsOf(context.engine, context.engine.history()));
+}
 
-void trace(CommandContext& context, Arguments) { context.reply.bulk(context.engine.trace()); }
+void trace(CommandContext& context, Arguments) {
+    GatheredBulk::reply(context, partsOf(context.engine, context.engine.trace()));
+}
 
 void reset(CommandContext& context, Arguments) {
     context.engine.root->resetStats();
@@ -32,29 +28,23 @@ void reset(CommandContext& context, Arguments) {
 }
 
 void list(CommandContext& context, Arguments words) {
-    bulks(context, tree(context).list(words.empty() ? "" : words[0]));
+    std::string_view const path = words.empty() ? std::string_view() : words[0].view;
+    answerInSlices(context, tree(context).listing(path));
 }
 
 void get(CommandContext& context, Arguments words) {
-    auto const answer = tree(context).get(words[0]);
-    if (auto const* const text = std::get_if<std::string>(&answer))
-        context.reply.bulk(*text);
-    else
-        bulks(context, std::get<std::vector<std::string>>(answer));
+    answerInSlices(context, tree(context).getting(words[0]));
 }
 
 void set(CommandContext& context, Arguments words) {
-    tree(context).set(words[0], words[1]);
-    context.reply.status("OK");
+    answerInSlices(context, tree(context).setting(words[0], words[1]));
 }
 
 void call(CommandContext& context, Arguments words) {
-    std::vector<Mox::String> const arguments(words.begin() + 2, words.end());
-    std::string const result = tree(context).call(words[0], words[1], arguments);
-    if (result.empty())
-        context.reply.status("OK");
-    else
-        context.reply.bulk(result);
+    std::vector<Mox::String> arguments;
+    for (Word const& word : words.subspan(2))
+        arguments.emplace_back(word.view);
+    answerInSlices(context, tree(context).calling(words[0], words[1], arguments));
 }
 
 constexpr Command subcommands[] = {
@@ -63,7 +53,7 @@ constexpr Command subcommands[] = {
 };
 
 void sched(CommandContext& context, Arguments words) {
-    if (!context.isOperator)
+    if (!context.session.isOperator)
         return context.reply.error("SCHED is for the operator's port");
     auto const at =
         std::ranges::find_if(subcommands, [&](Command const& c) { return isWord(words[1], c.name); });
@@ -72,14 +62,10 @@ void sched(CommandContext& context, Arguments words) {
     Arguments const behind = words.subspan(2);
     if (behind.size() < at->wordsMin || behind.size() > at->wordsMax)
         return context.reply.error("wrong number of arguments for 'SCHED " + std::string(at->name) + "'");
-    try {
-        at->run(context, behind);
-    } catch (Mox::Exception const& e) {
-        context.reply.error(e.what());
-    }
+    at->run(context, behind);
 }
 
-constexpr Command commands[] = {{"SCHED", 2, any, sched, true}};
+constexpr Command commands[] = {{"SCHED", 2, any, sched}};
 
 } // namespace
 

@@ -1,18 +1,45 @@
 #include "Store.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace KelKv {
 
 namespace {
+
 bool isDue(Store::Value const& value) { return value.expiry && value.due <= Mox::now(); }
+
+/// The keys of a table, one by one.
+class Remnants : public Remains {
+  public:
+    explicit Remnants(std::vector<Store::Shard>&& table)
+        : table_(std::move(table)), at_(table_.back().begin()) {}
+    bool dropOne() override {
+        if (at_ != table_.back().end()) {
+            table_.back().erase(at_++);
+            return true;
+        }
+        table_.pop_back();
+        if (!table_.empty())
+            at_ = table_.back().begin();
+        return !table_.empty();
+    }
+
+  private:
+    std::vector<Store::Shard> table_; // not empty before the end
+    Store::Shard::iterator at_;
+};
+
 } // namespace
 
-Store::Store(Mox::Ptr<Kel::TaskScheduler> const& scheduler)
+Store::Store(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Mox::Ptr<Scavenger> scavenger)
     : expiries_(Kel::TaskGroup::TaskGroupIs("expiry", Kel::TaskPriority::low, false, scheduler)),
-      table_(shards), scavenger_(new Scavenger<Shard>(scheduler)) {
+      scavenger_(std::move(scavenger)), table_(shards) {
     expiries_->taskGroupQuantumIs(0.0002);
 }
+
+Store::~Store() { scavenger_->clear(); }
 
 Store::Value* Store::find(std::string_view key) {
     KeyView const view = hashed(key);
@@ -27,7 +54,7 @@ Store::Value* Store::find(std::string_view key) {
     return &at->second;
 }
 
-Store::Value& Store::set(std::string_view key, std::string_view text) {
+Store::Value& Store::set(std::string_view key, Text&& text) {
     KeyView const view = hashed(key);
     Shard& shard = shardOf(view);
     auto at = shard.find(view);
@@ -35,7 +62,7 @@ Store::Value& Store::set(std::string_view key, std::string_view text) {
         at = shard.try_emplace(Key{std::string(key), view.hash}).first;
         ++size_;
     }
-    at->second.text = text;
+    at->second.text = std::move(text);
     expiryDel(at->second);
     return at->second;
 }
@@ -46,29 +73,41 @@ bool Store::erase(std::string_view key) {
     auto const at = shard.find(view);
     if (at == shard.end())
         return false;
+    return erase(shard, at);
+}
+
+bool Store::erase(Shard& shard, Shard::iterator at) {
     bool const wasDue = isDue(at->second);
-    erase(shard, at);
+    expired_ += wasDue ? 1 : 0;
+    expiring_ -= at->second.expiry ? 1U : 0U;
+    shard.erase(at);
+    --size_;
     return !wasDue;
 }
 
-void Store::erase(Shard& shard, Shard::iterator at) {
-    shard.erase(at);
-    --size_;
-}
-
 void Store::clear() {
-    scavenger_->add(std::exchange(table_, std::vector<Shard>(shards)));
-    size_ = 0;
+    scavenger_->add(std::make_unique<Remnants>(std::exchange(table_, std::vector<Shard>(shards))));
+    size_ = expiring_ = 0;
 }
 
-void Store::expiryIs(std::string_view key, Value& value, Mox::Seconds delay) {
-    if (!value.expiry)
+Store::Key const& Store::key(std::size_t number) const {
+    auto shard = table_.begin();
+    for (; number >= shard->size(); ++shard)
+        number -= shard->size();
+    return std::next(shard->begin(), static_cast<std::ptrdiff_t>(number))->first;
+}
+
+void Store::dueIs(std::string_view key, Value& value, Mox::Seconds due) {
+    if (!value.expiry) {
         value.expiry = new Expiry(*this, expiries_, key);
-    value.expiry->delayIs(delay);
-    value.due = value.expiry->time();
+        ++expiring_;
+    }
+    value.expiry->delayIs(std::max(due - Mox::now(), 0.0));
+    value.due = due;
 }
 
 void Store::expiryDel(Value& value) {
+    expiring_ -= value.expiry ? 1U : 0U;
     value.expiry = nullptr;
     value.due = Mox::endOfTime;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Expiry.h"
-#include "Scavenger.h"
+#include "Text.h"
 
 #include <group/TaskGroup.h>
 
@@ -27,9 +27,9 @@ class Store {
     static constexpr std::size_t shards = 4096;
 
     struct Value {
-        std::string text;
+        Text text;
         Mox::Ptr<Expiry> expiry;           // null: for ever
-        Mox::Seconds due = Mox::endOfTime; // the expiry's time, for those who walk a million keys
+        Mox::Seconds due = Mox::endOfTime; // the end of its life, by Mox::now(); the expiry may fall later
     };
 
     /// A key with its hash, which chooses the shard and the place in it, and is kept: neither a shard that
@@ -49,21 +49,31 @@ class Store {
     };
     using Shard = boost::unordered_flat_map<Key, Value, Hash, Equal>;
 
-    explicit Store(Mox::Ptr<Kel::TaskScheduler> const& scheduler);
+    Store(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Mox::Ptr<Scavenger> scavenger);
+    /// What the scavenger has is freed, too.
+    ~Store();
 
     /// Null when the key is not there or its time is over. Good until the next change of the store.
     Value* find(std::string_view key);
     /// Writes the key; it has no expiry then. Good until the next change of the store.
-    Value& set(std::string_view key, std::string_view text);
+    Value& set(std::string_view key, Word const& word) { return set(key, Text(word, scavenger_)); }
+    Value& set(std::string_view key, Text&& text);
     /// False when there was no such key.
     bool erase(std::string_view key);
     /// Takes everything out at once; the memory is freed by and by.
     void clear();
     /// All keys, also those that are due and not erased yet.
     std::size_t size() const { return size_; }
+    /// Those of them that have an expiry.
+    std::size_t expiring() const { return expiring_; }
+    /// Keys whose time was over, since the store was made.
+    Mox::U64 expired() const { return expired_; }
+    /// The key of that number, in the order of walks; reads the sizes of all shards. Requires: less than
+    /// `size()`.
+    Key const& key(std::size_t number) const;
 
-    /// The key's value lives so much longer. Requires: more than 0 seconds.
-    void expiryIs(std::string_view key, Value& value, Mox::Seconds delay);
+    /// The key's value lives until then.
+    void dueIs(std::string_view key, Value& value, Mox::Seconds due);
     void expiryDel(Value& value);
     /// Erases the key if that is its expiry.
     void expire(std::string_view key, Expiry const& expiry);
@@ -71,19 +81,24 @@ class Store {
     /// For walks. Requires: less than `shards`.
     Shard const& shard(std::size_t number) const { return table_[number]; }
 
+    /// Where the store leaves what is large.
+    Mox::Ptr<Scavenger> const& scavenger() const { return scavenger_; }
+
   private:
     using KeyView = Hashed<std::string_view>;
 
     static KeyView hashed(std::string_view key) { return {key, std::hash<std::string_view>{}(key)}; }
     Shard& shardOf(KeyView const& key) { return table_[key.hash % shards]; }
-    void erase(Shard& shard, Shard::iterator at);
+    bool erase(Shard& shard, Shard::iterator at);
 
     // The expiries have a scheduler of their own, which is one task to the others, and one line in the
     // report: they may be a million, and they may fall all at once.
     Mox::Ptr<Kel::TaskGroup> const expiries_;
+    Mox::Ptr<Scavenger> const scavenger_;
     std::vector<Shard> table_;
     std::size_t size_ = 0;
-    Mox::Ptr<Scavenger<Shard>> const scavenger_;
+    std::size_t expiring_ = 0;
+    Mox::U64 expired_ = 0;
 };
 
 } // namespace KelKv

@@ -1,47 +1,19 @@
 // kelkv, a key-value daemon: see README.md.
 
-#include "Daemon.h"
-#include "Number.h"
+#include "HeapTrim.h"
+#include "Options.h"
 
+#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
-#include <optional>
 
 namespace {
 
-struct Options {
-    unsigned short port = 7379;
-    unsigned short operatorPort = 7380;
-    std::optional<unsigned short> httpPort;              // none: no such port
-    std::optional<boost::asio::ip::address> httpAddress; // none: loopback
-};
-
-bool readOption(Options& options, std::string_view name, char const* text) {
-    if (name == "--port")
-        return KelKv::readNumber(text, options.port);
-    if (name == "--operator-port")
-        return KelKv::readNumber(text, options.operatorPort);
-    if (name == "--http-port")
-        return KelKv::readNumber(text, options.httpPort.emplace());
-    if (name != "--http-address")
-        return false;
-    boost::system::error_code error;
-    options.httpAddress = boost::asio::ip::make_address(text, error);
-    return !error;
-}
-
-std::optional<Options> readOptions(std::span<char*> words) {
-    Options options;
-    for (; words.size() >= 2; words = words.subspan(2))
-        if (!readOption(options, words[0], words[1]))
-            return std::nullopt;
-    bool const isWhole = words.empty() && (options.httpPort || !options.httpAddress);
-    return isWhole ? std::optional(options) : std::nullopt;
-}
-
-/// SIGUSR1 prints what the scheduler measured, SIGINT and SIGTERM end the daemon.
+/// SIGUSR1 prints what the scheduler measured, in slices, also while that is suspended; SIGINT and SIGTERM
+/// end the daemon.
 class Signals {
   public:
     Signals(Kel::EventLoop& loop, KelKv::Engine const& engine)
@@ -56,45 +28,78 @@ class Signals {
                 return;
             if (signal != SIGUSR1)
                 return loop_.stop();
-            std::cerr << engine_.statistics() << engine_.history() << std::flush;
+            if (!report_)
+                printReport();
             wait();
         });
+    }
+
+    void printReport() {
+        auto report = std::make_unique<KelKv::TextSequence>();
+        report->add(engine_.statistics());
+        report->add(engine_.history());
+        report_ = std::move(report);
+        printSome();
+    }
+
+    /// A report that fails ends, and the daemon does not.
+    void printSome() {
+        std::string part;
+        bool isMore = false;
+        try {
+            isMore = report_->next(part);
+        } catch (std::exception const& e) {
+            part = e.what();
+        }
+        std::cerr << part << std::flush;
+        if (isMore)
+            boost::asio::post(loop_.ioContext(), [this] { printSome(); });
+        else
+            report_ = nullptr;
     }
 
     Kel::EventLoop& loop_;
     KelKv::Engine const& engine_;
     boost::asio::signal_set signals_;
+    KelKv::SlicedTextPtr report_; // being printed
 };
 
-void serve(Options const& options) {
+/// The end is the process's: to free a million keys one by one would take seconds, and the system closes the
+/// ports.
+[[noreturn]] void serve(KelKv::Daemon::Options const& options) {
     auto const loop = Kel::EventLoop::EventLoopIs();
-    {
-        std::optional<boost::asio::ip::tcp::endpoint> http;
-        if (options.httpPort)
-            http.emplace(options.httpAddress.value_or(boost::asio::ip::address_v4::loopback()),
-                         *options.httpPort);
-        KelKv::Daemon daemon(loop, options.port, options.operatorPort, http);
-        Signals const signals(*loop, daemon.engine());
-        std::cout << "kelkv: port " << daemon.clients().number() << ", operator's port "
-                  << daemon.operators().number() << std::endl;
-        if (daemon.http())
-            std::cout << "kelkv: http://" << daemon.http()->endpoint() << "/" << std::endl;
-        loop->run();
+    KelKv::Daemon daemon(loop, options);
+    Signals const signals(*loop, daemon.engine());
+    KelKv::HeapTrim const heapTrim(daemon.engine());
+    std::cout << "kelkv: port " << daemon.clients().number() << ", operator's port "
+              << daemon.operators().number() << std::endl;
+    if (daemon.http())
+        std::cout << "kelkv: http://" << daemon.http()->endpoint() << "/" << std::endl;
+    loop->run();
+    std::quick_exit(EXIT_SUCCESS);
+}
+
+void run(std::span<char const* const> words) {
+    auto asked = KelKv::readOptions(words);
+    if (auto const* const text = std::get_if<std::string>(&asked)) {
+        std::cout << *text << std::flush;
+        return;
     }
-    loop->runOnce(); // what the closed sockets still had under way
+    auto& options = std::get<KelKv::Daemon::Options>(asked);
+    if (std::string const warning = KelKv::fitDescriptors(options); !warning.empty())
+        std::cerr << "kelkv: " << warning << std::endl;
+    std::signal(SIGPIPE, SIG_IGN); // whoever read our lines may have gone
+    serve(options);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    auto const options = readOptions({argv + 1, argv + argc});
-    if (!options) {
-        std::cerr << "usage: kelkv [--port N] [--operator-port N] [--http-port N [--http-address ADDRESS]]\n"
-                     "       (port 0: a free one; HTTP listens on loopback unless an address is given)\n";
-        return 2;
-    }
     try {
-        serve(*options);
+        run({argv + 1, argv + argc});
+    } catch (KelKv::OptionError const& e) {
+        std::cerr << "kelkv: " << e.what() << "\n(kelkv --help tells the options)\n";
+        return 2;
     } catch (std::exception const& e) {
         std::cerr << "kelkv: " << e.what() << "\n";
         return 1;

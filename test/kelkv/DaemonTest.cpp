@@ -1,8 +1,10 @@
 #include "EngineTest.h"
 
-#include <kelkv/Daemon.h>
+#include <kelkv/Options.h>
 
 #include <support/TraceLog.h>
+
+#include <boost/lexical_cast.hpp>
 
 #include <algorithm>
 #include <deque>
@@ -50,7 +52,8 @@ struct Client {
     }
     void expect(std::string_view request, std::string_view reply) {
         send(request);
-        EXPECT_EQ(receive(reply.size()), reply) << request.substr(0, 60);
+        std::string const got = receive(reply.size());
+        EXPECT_TRUE(got == reply) << request.substr(0, 60) << ": " << got.substr(0, 200);
     }
 
     Kel::EventLoop& loop;
@@ -64,13 +67,17 @@ struct DaemonTest : Test {
         daemon.reset();
         loop->runOnce();
     }
+    static Daemon::Options anyPorts() {
+        return {
+            .port = 0, .operatorPort = 0, .http = tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0)};
+    }
     Engine& engine() { return daemon->engine(); }
     Client operatorClient() { return Client(*loop, daemon->operators()); }
 
     TestSupport::VirtualTime time;
     Mox::Ptr<Kel::EventLoop> const loop = Kel::EventLoop::EventLoopIs();
     tcp::endpoint const anyPort{boost::asio::ip::address_v4::loopback(), 0};
-    std::unique_ptr<Daemon> daemon = std::make_unique<Daemon>(loop, 0, 0, anyPort);
+    std::unique_ptr<Daemon> daemon = std::make_unique<Daemon>(loop, anyPorts());
     Client client{*loop, daemon->clients()};
 };
 
@@ -84,13 +91,12 @@ TEST_F(DaemonTest, PipelinedRequestsAreAnsweredInOrderAroundWalksThoughTheClient
         pings += "PING\r\n", pongs += "+PONG\r\n";
     client.send(pings + "KEYS key1999?\r\nDBSIZE EXACT\r\nECHO end\r\nhalf a reque");
     client.socket.shutdown(tcp::socket::shutdown_send);
-    other.expect("INFO clients\r\n",
-                 "$55\r\n# Clients\r\nconnected_clients:2\r\nconnected_operators:0\r\n\r\n");
     EXPECT_THAT(client.askAll(),
                 AllOf(StartsWith(pongs + "*10\r\n$8\r\nkey1999"), EndsWith("\r\n:20000\r\n$3\r\nend\r\n")));
     ASSERT_NE(engine().background->deadTaskStats("dbsize"), nullptr) << "walks are the group's tasks";
     EXPECT_EQ(engine().background->deadTaskStats("dbsize")->taskWorkCount(), 20000u);
-    EXPECT_THAT(engine().statistics(), ContainsRegex("\nTaskGroup;background\n(.*\n)*keys "));
+    EXPECT_THAT(Kel::wholeText(*engine().statistics()),
+                ContainsRegex("\nTaskGroup;background\n(.*\n)*keys "));
     EXPECT_EQ(other.askAll("QUIT\r\nPING\r\n"), "+OK\r\n");
     EXPECT_EQ(daemon->clients().connections(), 0u);
 }
@@ -121,15 +127,17 @@ TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRunAndWalksMayBeUnderWayAtTheEnd) {
 TEST_F(DaemonTest, WhatIsWrongOrFailsEndsItsConnectionOnly) {
     Client half(*loop, daemon->clients()), failing(*loop, daemon->clients());
     half.send("*2\r\n$3\r\nGET\r\n$5\r\nab");
-    EXPECT_EQ(client.askAll("PING\r\n*1\r\n$2000000\r\nPING\r\n"),
-              "+PONG\r\n-ERR Protocol error: the request is too large\r\n");
+    EXPECT_EQ(client.askAll("PING\r\n*1\r\n$536870913\r\nPING\r\n"),
+              "+PONG\r\n-ERR Protocol error: invalid bulk length\r\n");
+    EXPECT_EQ(Client(*loop, daemon->clients()).askAll("POST / HTTP/1.1\r\nFLUSHALL\r\n"),
+              "-ERR this port does not speak HTTP\r\n");
     TestSupport::TraceLog trace({0}, "Mox");
     engine().ports = []() -> Engine::Ports { throw std::runtime_error("no ports"); };
     EXPECT_EQ(failing.askAll("INFO\r\n"), "");
     EXPECT_THAT(trace.take(), HasSubstr("no ports"));
-    HttpConnection::Page const page{"/", "", []() -> std::string { throw std::runtime_error("no page"); }};
-    Listener http(loop->ioContext(), anyPort, 1, [&](tcp::socket socket) {
-        return new HttpConnection(engine().root, {&page, 1}, std::move(socket));
+    HttpConnection::Page const page{"/", "", []() -> SlicedTextPtr { throw std::runtime_error("no page"); }};
+    Listener http(loop->ioContext(), anyPort, {2, ""}, engine().log, [&](tcp::socket socket) {
+        return new HttpConnection(engine(), {&page, 1}, std::move(socket));
     });
     for (bool const suspended : {true, false}) {
         engine().root->suspendedIs(suspended);
@@ -137,7 +145,10 @@ TEST_F(DaemonTest, WhatIsWrongOrFailsEndsItsConnectionOnly) {
         EXPECT_THAT(trace.take(), HasSubstr("no page"));
     }
     half.expect("cde\r\n", "$-1\r\n");
-    EXPECT_THROW(Daemon(loop, daemon->clients().number(), 0), boost::system::system_error);
+    std::string const number = std::to_string(daemon->clients().number());
+    EXPECT_THAT([&] { Daemon(loop, {.port = daemon->clients().number(), .operatorPort = 0}); },
+                ThrowsMessage<std::system_error>("cannot listen on 127.0.0.1:" + number +
+                                                 ": Address already in use"));
 }
 
 TEST_F(DaemonTest, ClientThatDoesNotReadIsNotReadFrom) {
@@ -162,52 +173,109 @@ TEST_F(DaemonTest, OperatorIsAnsweredWhileTheSchedulerIsSuspended) {
     EXPECT_THAT(other.askAll("SCHED HISTORY\r\nSCHED TRACE\r\nPING\r\nQUIT\r\nPING\r\n"),
                 AllOf(HasSubstr("schedulerSuspended"), HasSubstr("run end    N client"),
                       HasSubstr("\"traceEvents\""), EndsWith("+PONG\r\n+OK\r\n")));
-    op.expect("*2\r\n$7\r\nCOMMAND\r\n$4\r\nDOCS\r\nCLIENT SETINFO LIB-NAME x\r\n\r\nHELLO 3\r\n",
-              "*0\r\n+OK\r\n-ERR unknown command 'HELLO'\r\n");
     silent.socket.shutdown(tcp::socket::shutdown_send);
     EXPECT_EQ(silent.askAll(), "");
     EXPECT_EQ(daemon->operators().connections(), 1u);
-    op.send("ECHO waits\r\nPING\r\n");
     client.send("PING\r\n");
-    EXPECT_EQ(op.receive(1, 50) + client.receive(1, 50), "");
-    engine().root->suspendedIs(false);
-    op.expect("", "$5\r\nwaits\r\n+PONG\r\n");
+    op.expect("ECHO too\r\nSCHED SET kelkv/hasNotificationActive False\r\n", "$3\r\ntoo\r\n+OK\r\n");
+    op.expect("SCHED SET kelkv/suspended False\r\nSCHED SET kelkv/operator/hasNotificationActive False\r\n",
+              "+OK\r\n+OK\r\n");
+    EXPECT_EQ(client.receive(1, 50), "") << "the scheduler is switched off";
+    op.expect("SCHED SET kelkv/hasNotificationActive True\r\n", "+OK\r\n");
     client.expect("", "+PONG\r\n");
     // A command may have the connection's own task run.
     op.expect("SCHED CALL kelkv/operator taskRunFromTest\r\nSCHED SET kelkv/operator/taskRun 77\r\nPING\r\n",
               "+OK\r\n+OK\r\n+PONG\r\n");
 }
 
-TEST_F(DaemonTest, OneConnectionMoreThanAPortHasWaitsForItsPlace) {
+TEST_F(DaemonTest, OneConnectionMoreThanAPortHasIsToldAndLeavesTheOthersAlone) {
     std::deque<Client> ops;
     for (int i = 0; i < 16; ++i)
         ops.emplace_back(*loop, daemon->operators()).expect("PING\r\n", "+PONG\r\n");
-    Client next = operatorClient();
-    next.send("PING\r\n");
-    EXPECT_EQ(next.receive(1, 50), "");
-    ops[3].socket.close();
-    next.expect("", "+PONG\r\n");
-    EXPECT_EQ(daemon->operators().connections(), 16u);
+    EXPECT_EQ(operatorClient().askAll("PING\r\n"), "-ERR max number of clients reached\r\n");
+    ops.pop_back();
+    ops.front().expect("PING\r\n", "+PONG\r\n");
+    operatorClient().expect("PING\r\n", "+PONG\r\n");
+    Engine::Port const port = engine().ports().operators;
+    EXPECT_EQ(std::tuple(port.accepted, port.refused), std::tuple(17u, 1u));
 }
 
-TEST_F(DaemonTest, HttpIsGetAloneOfAFewPagesAndOnLoopbackForWhoNamesThisHost) {
-    std::string const host = "GET / HTTP/1.1\r\nHost: ", junk(100000, 'x');
+// Its task is scheduled once a turn, so that one that has much to do takes many.
+TEST_F(DaemonTest, WhatAConnectionReadsAndAnswersIsItsTasksWorkInTurns) {
+    std::string const value(4 << 20, 'v');
+    Client other(*loop, daemon->clients());
+    client.send("*3\r\n$3\r\nSET\r\n$1\r\nk\r\n$" + std::to_string(value.size()) + "\r\n" + value + "\r\n");
+    client.expect("", "+OK\r\n");
+    client.expect("GET k\r\n", "$" + std::to_string(value.size()) + "\r\n" + value + "\r\n");
+    std::string mset = "*20001\r\n$4\r\nMSET\r\n";
+    for (int i = 0; i < 20000; ++i)
+        mset += "$5\r\n" + std::to_string(10000 + i) + "\r\n";
+    client.expect(mset, "+OK\r\n");
+    EXPECT_EQ(engine().store.size(), 10001u);
+    client.send("GET k\r\nGET k\r\n");
+    other.expect("DEL k\r\n", ":1\r\n");
+    std::string const reply = "$4194304\r\n" + value + "\r\n";
+    client.expect("", reply + "$-1\r\n"); // the second one waited for the first to be read
+}
+
+// Somebody who has not sent it all takes the room of all; who sends little always has some.
+TEST_F(DaemonTest, RequestsThatComeInTogetherTakeNoMoreThanThereIsRoomFor) {
+    engine().requestBytes.used = engine().requestBytes.most - 100000;
+    Client large(*loop, daemon->clients());
+    std::string const value(300000, 'v'), set = "*3\r\n$3\r\nSET\r\n$1\r\nk\r\n$300000\r\n";
+    large.expect(set + value + "\r\nPING\r\n",
+                 "-OOM the request is too large beside those under way\r\n+PONG\r\n");
+    client.expect("SET a 1\r\n", "+OK\r\n");
+    EXPECT_EQ(engine().store.find("k"), nullptr);
+    engine().requestBytes.used -= engine().requestBytes.most - 100000;
+    large.expect(set + value + "\r\n", "+OK\r\n");
+    EXPECT_EQ(engine().requestBytes.used, 0u);
+}
+
+TEST_F(DaemonTest, HttpIsGetAndHeadOfAFewPagesAndOnLoopbackForWhoNamesThisHost) {
+    std::string const junk(300000, 'x'), named = " HTTP/1.1\r\nConnection: close\r\nHost: ";
+    std::string const get = "GET /" + named, post = "POST /" + named + "localhost\r\n";
     for (auto const& [request, answer] : std::initializer_list<std::pair<std::string, std::string>>{
-             {host + "LOCALHOST:80\r\n\r\n", "200 .*\r\n\r\n<!doctype html>.*"},
-             {host + "[::1]:80\r\n\r\n", "200 .*"},
-             {host + "elsewhere.example\r\n\r\n", "421 .*"},
-             {host + "localhost\r\nHost: localhost\r\n\r\n", "400 .*"},
-             {"GET / HTTP/1.1\r\n\r\n", "400 .*"},
-             {"GET /metrics HTTP/1.0\r\n\r\n", "200 .*keltask_.*"},
+             {get + "LOCALHOST:80\r\n\r\n",
+              "200 .*chunked\r\n.*\r\n\r\n[0-9a-f]*\r\n<!doctype html>.*\r\n0\r\n\r\n"},
+             {get + "[::1]:80\r\n\r\n", "200 .*"},
+             {get + "elsewhere.example\r\n\r\n", "421 .*"},
+             {get + "localhost:x@elsewhere.example\r\n\r\n", "400 .*"},
+             {get + "localhost\r\nHost: localhost\r\n\r\n", "400 .*"},
+             {"GET HTTP://localhost:81/metrics" + named + "elsewhere.example\r\n\r\n",
+              "200 .*kelkv_keys 0\n.*"},
+             {"GET http://elsewhere.example/" + named + "localhost\r\n\r\n", "421 .*"},
+             {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", "400 .*"},
+             {"GET /metrics HTTP/1.0\r\n\r\n", "200 .*keltask_.*port=\"http\"} 1\n.*kelkv_keys 0\n"},
              {"GET /trace.json?x HTTP/1.0\r\n\r\n", "200 .*\"traceEvents\".*"},
              {"GET /etc/passwd HTTP/1.0\r\n\r\n", "404 .*"},
-             {"POST /metrics HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc", "405 .*Allow: GET\r\n.*GET only\n"},
-             {"HEAD /metrics HTTP/1.0\r\n\r\n", "405 .*\r\n\r\n"},
+             {"HEAD /metrics" + named + "localhost\r\n\r\n", "200 .*chunked\r\n.*\r\n\r\n"},
+             {"OPTIONS *" + named + "localhost\r\n\r\n", "405 .*Allow: GET, HEAD\r\n.*HEAD only\n"},
+             {post + "Content-Length: 3\r\n\r\nabc", "405 .*"},
+             {post + "Content-Length: 70000\r\n\r\n" + junk, "413 .*"},
+             {post + "Transfer-Encoding: chunked\r\n\r\n1;" + junk, "413 .*"},
+             {post + "Transfer-Encoding: chunked\r\n\r\nz\r\n" + junk, "400 .*"},
+             {post + "Expect: 100-continue\r\nContent-Length: 3\r\n\r\n", "417 .*"},
              {"junk\r\n\r\n" + junk, "400 .*"},
-             {"GET / HTTP/1.1\r\nX: " + junk, "400 .*"}})
+             {"GET / HTTP/1.1\r\nX: " + junk, "431 .*"}})
         EXPECT_THAT(Client(*loop, *daemon->http()).askAll(request), MatchesRegex("HTTP/1.1 " + answer))
             << request.substr(0, 60);
     EXPECT_TRUE(daemon->http()->endpoint().address().is_loopback());
+}
+
+// Those that are idle make room at the limit, and one that has begun a request does not.
+TEST_F(DaemonTest, HttpConnectionsAreKeptForRequestsOneAfterAnotherAndUntilOthersNeedThem) {
+    std::string const get = "GET /none HTTP/1.1\r\nHost: localhost\r\n";
+    std::string const once = Client(*loop, *daemon->http()).askAll(get + "Connection: close\r\n\r\n");
+    std::string const kept = boost::erase_first_copy(once, "Connection: close\r\n");
+    Client busy(*loop, *daemon->http());
+    busy.expect(get + "\r\n" + get + "\r\n" + get, kept + kept);
+    std::deque<Client> idle;
+    for (int i = 0; i < 20; ++i)
+        idle.emplace_back(*loop, *daemon->http()).expect(get + "\r\n", kept);
+    busy.expect("\r\n", kept);
+    EXPECT_EQ(idle.front().askAll(), "");
+    EXPECT_EQ(daemon->http()->connections(), 16u);
 }
 
 TEST_F(DaemonTest, HttpAnswersOnceWhoeverRunsItsTaskAndWhileSuspendedAndLeavesNothing) {
@@ -224,6 +292,40 @@ TEST_F(DaemonTest, HttpAnswersOnceWhoeverRunsItsTaskAndWhileSuspendedAndLeavesNo
     half.send("GET / HT");
     daemon.reset();
     EXPECT_EQ(half.askAll(), "");
+}
+
+TEST(OptionsTest, WhatIsWrongWithACommandLineIsSaid) {
+    for (auto const& [line, outcome] : std::initializer_list<std::pair<std::string, std::string>>{
+             {"--port=1 --port 2 --http-port=3 --http-address ::1 --clients=5", "2 5 [::1]:3"},
+             {"--operator-timeout 0", "7379 10000 -"},
+             {"--version --http-address ::1", "kelkv "},
+             {"--help", "usage: kelkv "},
+             {"--prot 1", "unknown option '--prot'"},
+             {"1", "unexpected word '1'"},
+             {"--port", "--port needs a number from 0 to 65535"},
+             {"--port=", "--port: '' is not a number from 0 to 65535"},
+             {"--port 65536", "--port: '65536' is not a number from 0 to 65535"},
+             {"--clients 0", "--clients: '0' is not a number from 1 to 1000000"},
+             {"--help=1", "--help takes no value"},
+             {"--http-port 1 --http-address x", "--http-address: 'x' is not an address"},
+             {"--http-address ::1", "--http-address is of no use without --http-port"}}) {
+        std::vector<std::string> words;
+        std::vector<char const*> pointers;
+        boost::split(words, line, boost::is_any_of(" "));
+        std::ranges::transform(words, std::back_inserter(pointers), [](auto& word) { return word.c_str(); });
+        std::ostringstream said;
+        try {
+            auto const asked = readOptions(pointers);
+            if (auto const* const options = std::get_if<Daemon::Options>(&asked))
+                (said << options->port << " " << options->clientsMax << " ")
+                    << (options->http ? boost::lexical_cast<std::string>(*options->http) : "-");
+            else
+                said << std::get<std::string>(asked);
+        } catch (OptionError const& e) {
+            said << e.what();
+        }
+        EXPECT_THAT(said.str(), StartsWith(outcome)) << line;
+    }
 }
 
 } // namespace KelKv

@@ -21,7 +21,7 @@ char const* const rows = R"(
     ~ ~ !a   * ~ a ab   a* a abc !~ !ba   a*c ac abcc acbc !abcd !c   a**b ab aab !a !abc   *? a ab !~
     *ab*ab* abab aabab xabxabx !aab !aba  ? a ? !~ !ab   h?llo hello !hllo !heello   [abc] a b c !d !~ !ab
     [a-c]x ax bx cx !`x !dx !-x !a   [c-a] a b c !d !-   [^a-c] d ^ !a !b !c !~   [a^] ^ a !b   [a-] a - !b
-    [\]-_] ] ^ _ !\ !-   [a-\]] a ] _ !\ !b !-   [ab a b ![ !c   [ ![ !~   []x !] !x !]x   [a][b] ab !ac !bb  [^]x ax !x !^
+    [\]-_] ] ^ _ !\ !-   [a-\]] a ] _ !\ !b !-   [ab a b ![ !c   [ ![ !~   []x !] !x !]x   [a][b] ab !ac !bb   [^a][b] cb !cc !ab  [^]x ax !x !^
     *[0-9]z 9z a1z 11z !z !az !1   \*\?\[ *?[ !a?[ !\*?[   a\ a\ !a   [a-)"
                          "\xff] b \x80 \xff !A !`";
 
