@@ -76,16 +76,36 @@ struct Client : CommandClient {
     bool mayBeResp3 = false;
 };
 
-/// A request's words, which outlive the parser's.
-std::vector<Word> wordsOf(Arguments arguments, std::deque<std::string>& texts, Engine& engine) {
+using Requests = std::deque<std::deque<std::string>>;
+
+/// What a connection does: each piece is taken by one request after the other, up to a malformed one.
+Requests requestsIn(std::string_view input, std::size_t pieceSize, Engine& engine) {
+    Requests requests;
+    RequestParser parser(engine.scavenger);
+    while (!input.empty() && parser.state() != RequestParser::State::malformed) {
+        std::string_view const piece = input.substr(0, pieceSize);
+        std::size_t const size = parser.take(piece);
+        MOX_ASSERT(size == piece.size() || parser.state() != RequestParser::State::incomplete);
+        input.remove_prefix(size);
+        if (parser.state() != RequestParser::State::complete)
+            continue;
+        auto& request = requests.emplace_back();
+        for (Word const& word : parser.arguments())
+            request.emplace_back(word.view);
+        parser.reset();
+    }
+    return requests;
+}
+
+std::vector<Word> wordsOf(std::deque<std::string> const& request, Engine& engine) {
     std::vector<Word> words;
-    for (Word const& word : arguments)
-        if (word.view == longWord) {
+    for (std::string const& word : request)
+        if (word == longWord) {
             LongTextPtr const text(new LongText(engine.scavenger));
             text->append(std::string(LongText::blockSize + 9, 'x'));
             words.emplace_back(text);
         } else
-            words.emplace_back(texts.emplace_back(word.view));
+            words.emplace_back(word);
     return words;
 }
 
@@ -95,18 +115,13 @@ std::vector<Word> wordsOf(Arguments arguments, std::deque<std::string>& texts, E
 extern "C" int LLVMFuzzerTestOneInput(char const* data, std::size_t size) {
     auto const loop = Kel::EventLoop::EventLoopIs();
     Engine engine(loop);
-    std::deque<std::string> texts;
+    Requests const requests = requestsIn({data, size}, size, engine);
+    MOX_ASSERT(requests == requestsIn({data, size}, 1, engine));
     std::array<Client, 3> clients{Client(engine), Client(engine), Client(engine, true)};
-    RequestParser parser(engine.scavenger);
-    std::string_view input(data, size);
-    for (std::size_t i = 0; !input.empty() && parser.state() != RequestParser::State::malformed;) {
-        input.remove_prefix(parser.take(input));
-        if (parser.state() != RequestParser::State::complete)
-            continue;
-        if (!parser.arguments().empty())
-            clients[i++ % clients.size()].waiting.push_back(wordsOf(parser.arguments(), texts, engine));
-        parser.reset();
-    }
+    std::size_t next = 0;
+    for (auto const& request : requests)
+        if (!request.empty())
+            clients[next++ % clients.size()].waiting.push_back(wordsOf(request, engine));
     auto const isDone = [](Client const& client) { return client.isDone() && client.waiting.empty(); };
     while (!std::ranges::all_of(clients, isDone))
         for (Client& client : clients)
