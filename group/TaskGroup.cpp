@@ -144,30 +144,31 @@ Mox::Problem TaskGroup::problemOfRequestHere() const {
     return problem;
 }
 
-void TaskGroup::mox_handleParentTask_taskRun() { runLoop(1); }
-
-void TaskGroup::runLoop(Mox::U32 leastPasses) {
+void TaskGroup::mox_handleParentTask_taskRun() {
     if (!schedulerHasRunnableTasks())
         return;
     Mox::Ptr<TaskGroup> const self = this; // its last task may die in a pass
     ++loops_;
-    runPasses(leastPasses);
+    runPasses();
     --loops_;
     // Work that is left waits for the parent task's next run, which nobody may have asked for yet.
     if (Mox::Ptr<TaskGroupParentTask> const task = attachedTask(); task && schedulerHasRunnableTasks())
         task->scheduleTask();
 }
 
-/// One pass a turn of this loop, so that the quantum is looked at between tasks; and in a run of the parent
-/// task at least one, for with a quantum that is over when the first is reached none would ever run, and the
-/// parent task would ask for ever. While the root is suspended a pass is ignored and leaves the tasks where
-/// they are: the loop would not end.
-void TaskGroup::runPasses(Mox::U32 leastPasses) {
-    for (Mox::U32 passes = 0; schedulerHasRunnableTasks() && (passes < leastPasses || !quantumIsUsed());
-         ++passes) {
+/// One pass a turn of this loop, so that the quantum is looked at between tasks. While the root is suspended
+/// a pass is ignored and leaves the tasks where they are: the loop would not end. A group that runs nothing
+/// asks again and again; who wonders why finds it in the trace.
+void TaskGroup::runPasses() {
+    for (bool isFirst = true; schedulerHasRunnableTasks(); isFirst = false) {
         bool const ignored = root()->suspended();
-        if (ignored && passes == 0)
-            MOX_TRACE_AT(taskSchedulerTrace, 5, this << " Suspended, none of its runnable tasks ran");
+        bool const isUsed = quantumIsUsed();
+        if (isFirst && (isUsed || ignored))
+            MOX_TRACE_AT(taskSchedulerTrace, 5,
+                         this << (isUsed ? " Quantum used before the first pass" : " Suspended")
+                              << ", none of its runnable tasks ran");
+        if (isUsed)
+            return;
         handleSchedulerRun();
         if (ignored)
             return;
@@ -186,7 +187,7 @@ void TaskGroup::MoxParentTask::onTaskRun() {
 
 void TaskGroup::MoxParentTask::handleNotifier() {
     if (owner() && notifier())
-        owner()->runLoop(0);
+        owner()->mox_handleParentTask_taskRun();
 }
 
 void TaskGroup::printHistory(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent) const {

@@ -13,9 +13,10 @@ namespace Kel {
 ///
 /// When the parent task runs, the group runs passes until nothing is runnable or its quantum is used; what is
 /// left waits for the parent task's next run. Each burst of work ends with one run of the parent task that
-/// finds nothing to do. The quantum is looked at behind each pass: however short it is, a run of the parent
-/// task runs one task. Only while the root is suspended it runs none; then the group ends its loop after one
-/// ignored pass, and a trace of level 5 tells it.
+/// finds nothing to do. While the root is suspended the group ends its loop after one ignored pass. The
+/// quantum is looked at before each pass, the first one included: one that is shorter than it takes to get
+/// there (well below a microsecond) never lets a pass run. A run that runs nothing of what is runnable, for
+/// either reason, is told by a trace of level 5.
 ///
 /// Thread rule: that of the tree. Lifetime: counted; its tasks hold it and it holds its parent scheduler. It
 /// may be released at any moment, from inside one of its own tasks too; parent tasks that name it are told.
@@ -70,8 +71,7 @@ class MOX_EXPORT TaskGroup : public TaskScheduler {
     void mox_handleParentTask_taskRun();
     void mox_handleTaskGroupQuantum();
     void mox_handleThis();
-    void runLoop(Mox::U32 leastPasses);
-    void runPasses(Mox::U32 leastPasses);
+    void runPasses();
     bool quantumIsUsed() const;
     bool canBeRequested() const;
     static Mox::Problem problemOfRequestOf(TaskScheduler const& scheduler);

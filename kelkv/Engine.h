@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ByteLimit.h"
+#include "LeastPass.h"
 #include "Log.h"
 #include "Session.h"
 #include "Store.h"
@@ -57,6 +58,7 @@ struct Engine {
 
     Mox::Ptr<Kel::TaskSchedulerEventLoop> const root;
     Mox::Ptr<Kel::TaskGroup> const background;
+    Mox::Ptr<LeastPass> const backgroundGetsOn{new LeastPass(*background)};
     Mox::Ptr<Scavenger> const scavenger;
     Store store;
     Log log;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Expiry.h"
+#include "LeastPass.h"
 #include "Text.h"
 
 #include <group/TaskGroup.h>
@@ -94,6 +95,7 @@ class Store {
     // The expiries have a scheduler of their own, which is one task to the others, and one line in the
     // report: they may be a million, and they may fall all at once.
     Mox::Ptr<Kel::TaskGroup> const expiries_;
+    Mox::Ptr<LeastPass> const expiriesGetOn_{new LeastPass(*expiries_)};
     Mox::Ptr<Scavenger> const scavenger_;
     std::vector<Shard> table_;
     std::size_t size_ = 0;

@@ -69,9 +69,7 @@ TEST_F(TaskGroupTest, IsBoundedByItsQuantumAndTheRestWaits) {
         {0.001, 0.006, "i+ r+ i+ r+"},
         {0.001, 0.0061, "i+ i+ r+ i+ i+ r+"},
         {0.02, 0.01, "i+ i+ i+ i+ r+ i+ i+ i+ i+ r+"},
-        {1e-9, 1e-9, "i+ r+ i+ r+"},
     };
-    steady.perReadingIs(1us); // the shortest quantum is over when the first pass is reached
     for (auto const& [outerQuantum, innerQuantum, expected] : cases) {
         workers.clear();
         root->runUntilIdle();
@@ -82,10 +80,18 @@ TEST_F(TaskGroupTest, IsBoundedByItsQuantumAndTheRestWaits) {
         work(root, "r+");
         EXPECT_EQ(expected, run(4));
     }
-    root->suspendedIs(true);
     TraceLog trace({5});
+    root->suspendedIs(true);
     parent->taskRunFromTest();
-    EXPECT_THAT(trace.take(), HasSubstr("runPasses: TaskGroup;g: Suspended, none of its runnable tasks ran"));
+    EXPECT_THAT(trace.take(), HasSubstr("Suspended, none of its runnable tasks ran"));
+    root->suspendedIs(false);
+    steady.perReadingIs(1us); // the shortest quantum is over when the first pass is reached
+    g->taskGroupQuantumIs(1e-9);
+    order.clear();
+    parent->taskRunFromTest();
+    EXPECT_THAT(trace.take(),
+                HasSubstr("Quantum used before the first pass, none of its runnable tasks ran"));
+    EXPECT_EQ("", order);
 }
 
 TEST_F(TaskGroupTest, DetachedInItsLoopRunsDryWhateverTheQuantum) {
