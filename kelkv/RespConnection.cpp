@@ -46,18 +46,18 @@ void RespConnection::onClose() {
     socket_.close(ignored);
 }
 
-/// Steps until none can be made or the turn is over; what they replied goes out together.
+/// Steps until none can be made or the turn is over; what they replied goes out together. A walk that waits
+/// for its piece to be sent goes on when that is, in whichever step it was.
 void RespConnection::onWork() {
-    if (walk_ && output_.unsent() > 0 && sendSome() && output_.unsent() == 0)
-        walk_->handOver();
-    if (!isOpen())
-        return;
+    bool const walkWaits = walk_ && output_.unsent() > 0;
     bool isStep = true;
     do
         isStep = step();
     while (isStep && mayGoOn());
     if (!isOpen() || !sendSome())
         return;
+    if (walkWaits && walk_ && output_.unsent() == 0)
+        walk_->handOver();
     if (isStep || (output_.unsent() > 0 && !waitsWritable_))
         needsMoreWork();
     else

@@ -215,6 +215,13 @@ TEST_F(DaemonTest, WhatAConnectionReadsAndAnswersIsItsTasksWorkInTurns) {
     client.expect("GET k\r\nGET k\r\n", "$4194304\r\n");
     other.expect("DEL k\r\n", ":1\r\n");
     client.expect("", value + "\r\n$-1\r\n"); // the second one waited for the first to be read
+    for (char c = 'a'; c <= 'p'; ++c)         // whose pieces are more than one step sends
+        engine().store.set(std::string(1 << 20, c), "v");
+    other.send("KEYS *\r\n");
+    for (int i = 0; i < 1000; ++i)
+        loop->runOnce();
+    std::size_t const size = 5 + 16 * (10 + (1 << 20) + 2);
+    EXPECT_EQ(other.receive(size).size(), size);
 }
 
 // Somebody who has not sent it all takes the room of all; who sends little always has some.
