@@ -15,7 +15,7 @@ struct ByteLimit {
 
 /// What one of them takes of it.
 ///
-/// Lifetime: the limit outlives it.
+/// Lifetime: the limit outlives what it takes; a share of nothing may be there longer.
 class ByteShare {
   public:
     explicit ByteShare(ByteLimit& of) : of_(of) {}
@@ -24,7 +24,10 @@ class ByteShare {
     ByteShare& operator=(ByteShare const&) = delete;
 
     std::size_t size() const { return size_; }
-    void sizeIs(std::size_t size) { of_.used += size - std::exchange(size_, size); }
+    void sizeIs(std::size_t size) {
+        if (size != size_)
+            of_.used += size - std::exchange(size_, size);
+    }
     bool isOver() const { return of_.isOver(); }
 
   private:

@@ -46,6 +46,7 @@ void KeyWalk::onException(std::exception_ptr thrown) noexcept {
 void KeyWalk::cancel() {
     client_ = nullptr;
     task_->unscheduleTask();
+    dropPieces(); // who holds the walk may do so longer than the store is there
 }
 
 /// Until the quantum ends, or all is gathered.

@@ -41,6 +41,7 @@ void RespConnection::onClose() {
     if (Mox::Ptr<KeyWalk> const walk = std::exchange(walk_, nullptr))
         walk->cancel();
     session_.unlink();
+    left_ = nullptr;
     requestBytes_.sizeIs(0);
     Error ignored;
     socket_.close(ignored);
@@ -174,8 +175,9 @@ void RespConnection::answerCommand() {
 
 void RespConnection::goOn() {
     CommandContext context{engine_, session_, ReplyWriter(output_, session_.isResp3)};
-    if (!left_(context))
-        left_ = nullptr;
+    CommandContext::Step step = std::exchange(left_, nullptr); // closing lets go of what is left
+    if (step(context) && isOpen())
+        left_ = std::move(step);
     took(context);
 }
 
