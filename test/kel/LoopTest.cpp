@@ -332,7 +332,10 @@ TEST_P(LoopTest, ServesTimersAndCallsThoughDescriptorsNeverFallSilent) {
         if (loop.form == Form::application)
             continue; // it is the application that turns its io_context
         int handlers = 0, before = 0, calls = 0, fired = 0;
+        bool goesOn = true;
         std::function<void()> const flood = [&] {
+            if (!goesOn)
+                return;
             if (++handlers == 3000)
                 steady.advance(20ms);
             steady.advance(c.perHandler);
@@ -353,6 +356,9 @@ TEST_P(LoopTest, ServesTimersAndCallsThoughDescriptorsNeverFallSilent) {
         loop.turns.run(true);
         EXPECT_TRUE(fired > 0 && fired <= 3000 + 2 * c.most) << fired;
         EXPECT_LE(loop.turns.runOnce(), static_cast<Mox::U64>(c.most) + 1);
+        goesOn = false;
+        call.in(Mox::endOfTime);
+        loop.turns.runOnce(); // the thread's loop stays
     }
 }
 
