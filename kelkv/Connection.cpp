@@ -3,8 +3,10 @@
 #include <mox/SteadyClock.h>
 #include <scheduler/TaskScheduler.h>
 
+#include <boost/asio/buffer.hpp>
 #include <boost/scope_exit.hpp>
 
+#include <array>
 #include <string>
 
 namespace KelKv {
@@ -12,14 +14,18 @@ namespace KelKv {
 namespace {
 /// Longer than a high task waits in a process that is merely busy.
 constexpr std::chrono::milliseconds patience{20};
-/// How long who had more to do than a turn's is taken for one who has.
-constexpr Mox::Nanoseconds calm = boost::chrono::milliseconds(100);
+
+bool wouldBlock(Connection::Error error) {
+    return error == boost::asio::error::would_block || error == boost::asio::error::try_again;
+}
 } // namespace
 
-Connection::Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Role const& role,
-                       boost::asio::any_io_executor const& executor)
+Connection::Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Role const& role, Socket socket)
     : role_(role), scheduler_(scheduler), task_(Kel::Task::TaskIs(scheduler, role.priority, role.name)),
-      patience_(executor), deadline_(executor) {
+      socket_(std::move(socket)), deadline_(socket_.get_executor()), patience_(socket_.get_executor()) {
+    Error ignored;
+    socket_.non_blocking(true, ignored);
+    socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
     task_->taskQuantumIs(quantum);
     notifierIs(task_);
 }
@@ -41,6 +47,8 @@ void Connection::close() {
     patience_.cancel();
     deadline_.cancel();
     onClose();
+    Error ignored;
+    socket_.close(ignored);
     closed_();
 }
 
@@ -71,32 +79,23 @@ void Connection::work() {
     onWork();
 }
 
-/// A client that never stops sending has one small piece after another, each of which would go ahead of those
-/// that ask little.
+/// What waits for a turn behind others keeps its place there, also when the allowance has grown meanwhile.
 void Connection::needsWork() {
-    bool const isBusy = later_ && Mox::SteadyClock::latest() - lastMore_ < calm;
-    schedule(isBusy || (later_ && later_->taskScheduled()) ? *later_ : *task_);
+    bool const isMuch = (later_ && later_->taskScheduled()) || allowance_.isSpent();
+    (isMuch ? more() : *task_).scheduleTask();
+    if (!role_.isOperator)
+        return;
+    patience_.expires_after(isHeld_ ? std::chrono::milliseconds(0) : patience);
+    patience_.async_wait(whileOpen([this] { workInItsPlace(); }));
 }
 
-void Connection::needsMoreWork() {
+Kel::Task& Connection::more() {
     if (!later_) {
         later_ = Kel::Task::TaskIs(scheduler_, role_.priorityOfMore, std::string(role_.name) + ";more");
         later_->taskQuantumIs(quantum);
         more_ = new More(later_, *this);
     }
-    lastMore_ = Mox::SteadyClock::latest();
-    schedule(*later_);
-}
-
-void Connection::schedule(Kel::Task& task) {
-    task.scheduleTask();
-    if (!role_.isOperator)
-        return;
-    patience_.expires_after(isHeld_ ? std::chrono::milliseconds(0) : patience);
-    patience_.async_wait(whileOpen([this](Error error) {
-        if (!error)
-            workInItsPlace();
-    }));
+    return *later_;
 }
 
 void Connection::workInItsPlace() {
@@ -110,14 +109,68 @@ void Connection::workInItsPlace() {
 
 void Connection::closeAfter(std::chrono::milliseconds time) {
     deadline_.expires_after(time);
-    deadline_.async_wait(whileOpen([this](Error error) {
-        if (!error)
-            close();
-    }));
+    deadline_.async_wait(whileOpen([this] { close(); }));
 }
 
-bool Connection::mayGoOn() const {
-    return isOpen() && (isHeld_ ? Mox::SteadyClock::now() < turnEnd_ : !turn().taskShouldYield());
+/// A turn of the task that goes ahead of others ends with the allowance.
+bool Connection::mayGoOn() {
+    if (!isOpen())
+        return false;
+    if (isHeld_)
+        return Mox::SteadyClock::now() < turnEnd_;
+    return !turn().taskShouldYield() && !(isAhead() && allowance_.isSpent());
+}
+
+// The socket
+
+/// All connections read to one place. A turn that goes ahead of others reads what the allowance may cover. A
+/// read that fills the place may have left something, and so may be followed by another.
+std::string_view Connection::receive() {
+    static std::array<char, 1 << 16> place;
+    std::size_t const most = isAhead() ? Allowance::burst : place.size();
+    Error error;
+    std::size_t const size = socket_.read_some(boost::asio::buffer(place, most), error);
+    isReadable_ = size == most;
+    atEnd_ = error == boost::asio::error::eof;
+    spend(size);
+    if (error && !atEnd_ && !wouldBlock(error))
+        close();
+    return {place.data(), size};
+}
+
+std::size_t Connection::send(std::string_view bytes) {
+    Error error;
+    std::size_t const size = socket_.write_some(boost::asio::buffer(bytes), error);
+    spend(size);
+    if (wouldBlock(error))
+        waitWritable();
+    else if (error)
+        close();
+    return size;
+}
+
+void Connection::shutDown() {
+    Error ignored;
+    socket_.shutdown(Socket::shutdown_send, ignored);
+}
+
+void Connection::waitReadable() {
+    if (waitsReadable_ || isReadable_ || atEnd_)
+        return;
+    waitsReadable_ = true;
+    socket_.async_wait(Socket::wait_read, whileOpen([this] {
+                           waitsReadable_ = false;
+                           isReadable_ = true;
+                           needsWork();
+                       }));
+}
+
+void Connection::waitWritable() {
+    isFull_ = true;
+    socket_.async_wait(Socket::wait_write, whileOpen([this] {
+                           isFull_ = false;
+                           needsWork();
+                       }));
 }
 
 } // namespace KelKv

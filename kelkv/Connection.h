@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Allowance.h"
+
 #include <mox/SteadyClock.h>
 #include <task/Task.h>
 
@@ -10,6 +12,7 @@
 #include <exception>
 #include <functional>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 namespace KelKv {
@@ -17,10 +20,9 @@ namespace KelKv {
 /// One client of any port: a socket, whose handlers only tell that something came or can be sent, and a task
 /// that does all the work, so that the work is measured and takes turns as all work does.
 ///
-/// What is not done within one quantum goes on in a second task, of a lower priority, whose name ends with
-/// ";more" (so that an operator finds one of the two by name), and so does what comes within a moment from
-/// then. So a client that asks little is answered ahead of hundreds that ask much, and
-/// those take turns among themselves.
+/// What goes beyond the client's allowance is the work of a second task, of a lower priority, whose name ends
+/// with ";more" (so that an operator finds one of the two by name). So a client that asks little is answered
+/// ahead of hundreds that ask much, and those take turns among themselves.
 ///
 /// An operator's connection is there for when the scheduler does not run: what its task has not begun a
 /// moment after it was scheduled, because the scheduler is suspended or switched off or never gets to it, a
@@ -54,8 +56,7 @@ class Connection : public Kel::Task::Notifiee {
     void onException(std::exception_ptr thrown) noexcept override;
 
   protected:
-    Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Role const& role,
-               boost::asio::any_io_executor const& executor);
+    Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Role const& role, Socket socket);
 
     bool isOpen() const { return task_ != nullptr; }
     /// So many requests were answered.
@@ -65,24 +66,38 @@ class Connection : public Kel::Task::Notifiee {
     /// Does what there is to do until it is done, or `mayGoOn()` says no; then it asks for another turn.
     virtual void onWork() = 0;
 
-    /// Asks for a call of `onWork()`: something came. When it comes is up to what is still to be done.
+    /// Asks for a call of `onWork()`: something came, or there is more to do than fits into a turn.
     void needsWork();
-    /// At the end of a turn: there is more to do.
-    void needsMoreWork();
+    /// Counts what is no reading or sending, but costs as much.
+    void spend(std::size_t bytes) { allowance_.spend(bytes); }
     /// Closes when the time is over, unless that is asked for again by then.
     void closeAfter(std::chrono::milliseconds time);
     /// Whether the turn under way may last any longer. Asked between two steps, so that each has one.
-    bool mayGoOn() const;
+    bool mayGoOn();
 
+    Socket const& socket() const { return socket_; }
+    /// Something may have come, or the end: `receive()` tells.
+    bool isReadable() const { return isReadable_; }
+    bool atEnd() const { return atEnd_; } // the client sends no more
+    bool isWritable() const { return !isFull_; }
+    /// Takes what came, until the next call; nothing when nothing came, or when the connection is broken, and
+    /// closed now.
+    std::string_view receive();
+    /// Sends what the system takes of it, in bytes; when that is nothing, there will be work once it does.
+    std::size_t send(std::string_view bytes);
+    /// Sends no more, which the client sees as the end.
+    void shutDown();
+    /// There will be work when something comes.
+    void waitReadable();
+
+  private:
     /// A handler that keeps the connection, and is called if it is not closed by then.
     template <class Handler> auto whileOpen(Handler handler) {
         return [self = Mox::Ptr<Connection>(this), handler](Error error, std::size_t = 0) {
-            if (self->isOpen())
-                self->guarded([&] { handler(error); });
+            if (self->isOpen() && !error)
+                self->guarded(handler);
         };
     }
-
-  private:
     template <class F> void guarded(F work) {
         try {
             work();
@@ -106,25 +121,33 @@ class Connection : public Kel::Task::Notifiee {
     };
 
     Kel::Task& turn() const { return turn_ ? *turn_ : *task_; }
-    void schedule(Kel::Task& task);
+    bool isAhead() const { return &turn() == task_.ptr(); } // of those that ask much
+    Kel::Task& more();
     void workIn(Kel::Task& task);
     void work();
     void workInItsPlace();
+    void waitWritable();
 
     Role const role_;
     Mox::Ptr<Kel::TaskScheduler> const scheduler_;
     Mox::Ptr<Kel::Task> task_;  // null once it is closed
-    Mox::Ptr<Kel::Task> later_; // null until there is more to do than a turn's
+    Mox::Ptr<Kel::Task> later_; // null until the client asks much
     Mox::Ptr<More> more_;
-    Mox::SteadyClock::TimePoint lastMore_{}; // when there was
-    Kel::Task* turn_ = nullptr;              // whose run is under way
+    Kel::Task* turn_ = nullptr; // whose run is under way
+    Allowance allowance_;
     std::function<void()> closed_;
     bool isWorking_ = false;
 
+    Socket socket_;
+    bool isReadable_ = false;
+    bool waitsReadable_ = false;
+    bool atEnd_ = false;
+    bool isFull_ = false; // the system takes no more; waited for
+    boost::asio::steady_timer deadline_;
+
     // Of an operator's: in the task's place
     boost::asio::steady_timer patience_;
-    boost::asio::steady_timer deadline_; // of any
-    bool isHeld_ = false;                // the task did not run when it was asked for last
+    bool isHeld_ = false; // the task did not run when it was asked for last
     Mox::SteadyClock::TimePoint turnEnd_{};
 };
 

@@ -7,7 +7,6 @@
 #include <boost/beast/http/write.hpp>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <sstream>
 #include <utility>
@@ -19,10 +18,6 @@ namespace http = boost::beast::http;
 namespace {
 
 constexpr std::size_t sendSize = 1 << 16; // bytes that are sent together
-
-bool wouldBlock(boost::system::error_code error) {
-    return error == boost::asio::error::would_block || error == boost::asio::error::try_again;
-}
 
 struct Target {
     std::string_view authority; // a host, and a port
@@ -59,25 +54,17 @@ std::optional<std::string_view> hostOf(std::string_view authority) {
 
 } // namespace
 
-HttpConnection::HttpConnection(Engine& engine, std::span<Page const> pages, Socket socket)
+HttpConnection::HttpConnection(Engine& engine, std::span<Page const> pages, Socket accepted)
     : Connection(engine.root, {"http", Kel::TaskPriority::normal, Kel::TaskPriority::low, true},
-                 socket.get_executor()),
-      engine_(engine), pages_(pages), socket_(std::move(socket)) {
-    Error ignored;
-    socket_.non_blocking(true, ignored);
-    socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
-}
+                 std::move(accepted)),
+      engine_(engine), pages_(pages) {}
 
 void HttpConnection::onStart() {
     requestIsNext();
     waitReadable();
 }
 
-void HttpConnection::onClose() {
-    bodyIs(nullptr);
-    Error ignored;
-    socket_.close(ignored);
-}
+void HttpConnection::onClose() { bodyIs(nullptr); }
 
 void HttpConnection::onWork() {
     bool isStep = true;
@@ -86,7 +73,7 @@ void HttpConnection::onWork() {
     while (isStep && mayGoOn());
     if (!isOpen())
         return;
-    isStep ? needsMoreWork() : rest();
+    isStep ? needsWork() : rest();
 }
 
 /// One thing of those that can be done now; false when there is none.
@@ -94,14 +81,14 @@ bool HttpConnection::step() {
     std::size_t const unsent = output_.size() - sent_;
     bool const isEnough = unsent >= sendSize || (unsent > 0 && !body_);
     bool const mayRead = isShut_ || (!isAnswering() && needsInput_);
-    if (isEnough && !waitsWritable_)
+    if (isEnough && isWritable())
         sendSome();
     else if (body_ && !isEnough)
         makeSome();
     else if (!isAnswering() && !isShut_ && !needsInput_)
         parse();
-    else if (mayRead && isReadable_)
-        receive();
+    else if (mayRead && isReadable())
+        takeInput();
     else
         return false;
     return isOpen();
@@ -110,7 +97,7 @@ bool HttpConnection::step() {
 void HttpConnection::rest() {
     if (isAnswering())
         return;
-    if (atEnd_)
+    if (atEnd())
         return close();
     waitReadable();
 }
@@ -130,22 +117,16 @@ void HttpConnection::requestIsNext() {
     closeAfter(needsInput_ ? idlePatience : patience);
 }
 
-/// A read that fills the place may have left something, and so may be followed by another.
-void HttpConnection::receive() {
-    static std::array<char, 1 << 14> scratch;
-    Error error;
-    std::size_t const size = socket_.read_some(boost::asio::buffer(scratch), error);
-    isReadable_ = size == scratch.size();
-    if (error == boost::asio::error::eof)
-        atEnd_ = true;
-    else if (error && !wouldBlock(error))
-        return close();
+void HttpConnection::takeInput() {
+    std::string_view const came = receive();
+    if (!isOpen())
+        return;
     if (isShut_)
-        return drained(size);
-    if (size > 0 && std::exchange(idleSince_, std::nullopt))
+        return drained(came.size());
+    if (!came.empty() && std::exchange(idleSince_, std::nullopt))
         closeAfter(patience);
-    input_.append(scratch.data(), size);
-    needsInput_ = size == 0;
+    input_ += came;
+    needsInput_ = came.empty();
 }
 
 void HttpConnection::drained(std::size_t size) {
@@ -243,7 +224,7 @@ void HttpConnection::headIs(Status status, std::string_view contentType, std::op
 /// A page from elsewhere whose name resolves to this host (DNS rebinding) has another name.
 bool HttpConnection::namesThisHost(std::string_view host) const {
     Error error;
-    auto here = socket_.local_endpoint(error).address();
+    auto here = socket().local_endpoint(error).address();
     if (here.is_v6() && here.to_v6().is_v4_mapped())
         here = boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, here.to_v6());
     if (error || !here.is_loopback() || host.empty())
@@ -292,13 +273,9 @@ void HttpConnection::onException(std::exception_ptr thrown) noexcept {
 // Sending
 
 void HttpConnection::sendSome() {
-    Error error;
-    std::size_t const size =
-        socket_.write_some(boost::asio::buffer(std::string_view(output_).substr(sent_, 4 * sendSize)), error);
-    if (wouldBlock(error))
-        return waitWritable();
-    if (error)
-        return close();
+    std::size_t const size = send(std::string_view(output_).substr(sent_, 4 * sendSize));
+    if (size == 0)
+        return;
     isBegun_ = true;
     sent_ += size;
     if (sent_ == output_.size() || sent_ >= sendSize) {
@@ -314,30 +291,7 @@ void HttpConnection::answered() {
         return requestIsNext();
     isShut_ = true;
     input_.clear();
-    Error ignored;
-    socket_.shutdown(Socket::shutdown_send, ignored);
-}
-
-void HttpConnection::waitWritable() {
-    waitsWritable_ = true;
-    socket_.async_wait(Socket::wait_write, whileOpen([this](Error error) {
-                           waitsWritable_ = false;
-                           if (!error)
-                               needsWork();
-                       }));
-}
-
-void HttpConnection::waitReadable() {
-    if (waitsReadable_ || isReadable_)
-        return;
-    waitsReadable_ = true;
-    socket_.async_wait(Socket::wait_read, whileOpen([this](Error error) {
-                           waitsReadable_ = false;
-                           if (error)
-                               return;
-                           isReadable_ = true;
-                           needsWork();
-                       }));
+    shutDown();
 }
 
 } // namespace KelKv

@@ -43,7 +43,7 @@ class HttpConnection : public Connection {
     /// For the next request.
     static constexpr std::chrono::seconds idlePatience{10};
 
-    HttpConnection(Engine& engine, std::span<Page const> pages, Socket socket);
+    HttpConnection(Engine& engine, std::span<Page const> pages, Socket accepted);
 
     std::optional<Mox::SteadyClock::TimePoint> idleSince() const override { return idleSince_; }
     /// The client is told, if nothing of the answer was sent yet.
@@ -61,7 +61,7 @@ class HttpConnection : public Connection {
     void rest();
 
     void requestIsNext();
-    void receive();
+    void takeInput();
     void drained(std::size_t size);
     void parse();
 
@@ -77,12 +77,9 @@ class HttpConnection : public Connection {
     bool isAnswering() const { return body_ || sent_ < output_.size(); }
     void sendSome();
     void answered();
-    void waitReadable();
-    void waitWritable();
 
     Engine& engine_;
     std::span<Page const> const pages_;
-    Socket socket_;
 
     // What comes in
     std::string input_;
@@ -90,9 +87,6 @@ class HttpConnection : public Connection {
     std::size_t requestSize_ = 0; // bytes
     std::optional<Mox::SteadyClock::TimePoint> idleSince_;
     bool needsInput_ = true;
-    bool isReadable_ = false;
-    bool waitsReadable_ = false;
-    bool atEnd_ = false; // the client sends no more
 
     // The answer
     SlicedTextPtr body_; // what is left to be made of it
@@ -103,7 +97,6 @@ class HttpConnection : public Connection {
     bool isBegun_ = false; // some of the answer is sent
     bool keeps_ = false;   // the connection
     bool isFailed_ = false;
-    bool waitsWritable_ = false;
     bool isShut_ = false; // nothing more is sent; what comes is thrown away
     std::size_t drained_ = 0;
 };

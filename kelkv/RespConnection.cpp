@@ -1,9 +1,9 @@
 #include "RespConnection.h"
 
-#include <boost/asio/buffer.hpp>
+#include "Steps.h"
+
 #include <boost/lexical_cast.hpp>
 
-#include <array>
 #include <chrono>
 #include <utility>
 
@@ -13,25 +13,19 @@ namespace {
 
 constexpr std::size_t requestAlways = 1 << 16; // bytes for which there is always room
 
-bool wouldBlock(boost::system::error_code error) {
-    return error == boost::asio::error::would_block || error == boost::asio::error::try_again;
-}
-
 template <class Endpoint> std::string textOf(Endpoint const& endpoint, boost::system::error_code error) {
     return error ? std::string() : boost::lexical_cast<std::string>(endpoint);
 }
 
 } // namespace
 
-RespConnection::RespConnection(Engine& engine, Role const& role, Socket socket)
-    : Connection(engine.root, role, socket.get_executor()), engine_(engine), socket_(std::move(socket)),
-      parser_(engine.scavenger), requestBytes_(engine.requestBytes) {
+RespConnection::RespConnection(Engine& engine, Role const& role, Socket accepted)
+    : Connection(engine.root, role, std::move(accepted)), engine_(engine), parser_(engine.scavenger),
+      requestBytes_(engine.requestBytes) {
     Error error;
-    socket_.non_blocking(true, error);
-    socket_.set_option(boost::asio::ip::tcp::no_delay(true), error);
     session_.isOperator = role.isOperator;
-    session_.peer = textOf(socket_.remote_endpoint(error), error);
-    session_.here = textOf(socket_.local_endpoint(error), error);
+    session_.peer = textOf(socket().remote_endpoint(error), error);
+    session_.here = textOf(socket().local_endpoint(error), error);
     session_.since = session_.lastUsed = Mox::SteadyClock::latest();
     session_.id = ++engine_.lastSession;
     engine_.sessions.push_back(session_);
@@ -43,8 +37,6 @@ void RespConnection::onClose() {
     session_.unlink();
     left_ = nullptr;
     requestBytes_.sizeIs(0);
-    Error ignored;
-    socket_.close(ignored);
 }
 
 /// Steps until none can be made or the turn is over; what they replied goes out together. A walk that waits
@@ -59,8 +51,8 @@ void RespConnection::onWork() {
         return;
     if (walkWaits && walk_ && output_.unsent() == 0)
         walk_->handOver();
-    if (isStep || (output_.unsent() > 0 && !waitsWritable_))
-        needsMoreWork();
+    if (isStep || (output_.unsent() > 0 && isWritable()))
+        needsWork();
     else
         rest();
 }
@@ -68,16 +60,16 @@ void RespConnection::onWork() {
 /// One thing of those that can be done now; false when there is none. What is answered first makes room for
 /// what comes.
 bool RespConnection::step() {
-    if (output_.unsent() >= LongText::blockSize && !waitsWritable_)
+    if (output_.unsent() >= LongText::blockSize && isWritable())
         sendSome();
     else if (left_ && mayAnswer())
         goOn();
-    else if (!left_ && mayAnswer() && parser_.state() != RequestParser::State::incomplete)
+    else if (hasRequest())
         answerRequest();
     else if (parser_.state() == RequestParser::State::incomplete && !closing_ && !unparsed().empty())
         parse();
-    else if (isReadable_ && unparsed().empty())
-        return receive();
+    else if (isReadable() && unparsed().empty())
+        return takeInput();
     else
         return false;
     return isOpen();
@@ -85,7 +77,7 @@ bool RespConnection::step() {
 
 /// With nothing to do until something comes, can be sent, or a walk is through.
 void RespConnection::rest() {
-    bool const isDone = closing_ || (atEnd_ && !left_);
+    bool const isDone = closing_ || (atEnd() && !left_);
     if (isDone && !walk_ && output_.unsent() == 0)
         return finish();
     if (session_.isOperator)
@@ -95,22 +87,12 @@ void RespConnection::rest() {
 
 // What comes in
 
-/// All connections read to one place, and keep what came; a walk for the client goes on meanwhile. A read
-/// that fills the place may have left something, and so may be followed by another.
-bool RespConnection::receive() {
-    static std::array<char, 1 << 16> scratch;
-    Error error;
-    std::size_t const size = socket_.read_some(boost::asio::buffer(scratch), error);
-    isReadable_ = size == scratch.size();
-    if (error == boost::asio::error::eof)
-        atEnd_ = true;
-    else if (error && !wouldBlock(error)) {
-        close();
-        return false;
-    }
+/// A walk for the client goes on meanwhile.
+bool RespConnection::takeInput() {
+    std::string_view const came = receive();
     if (isShut_)
-        return isReadable_;
-    input_.assign(scratch.data(), size);
+        return isReadable();
+    input_ = came;
     parsed_ = 0;
     return !input_.empty();
 }
@@ -120,11 +102,15 @@ void RespConnection::dropInput() {
     parsed_ = 0;
 }
 
+/// What is a whole request then is answered in the same step, as reading the clock between two costs as much
+/// as a short command.
 void RespConnection::parse() {
     parsed_ += parser_.take(unparsed());
     if (unparsed().empty())
         dropInput();
     boundRequest();
+    if (hasRequest())
+        answerRequest();
 }
 
 /// What all clients have under way together is bounded; who is over it loses the request, not the connection.
@@ -138,6 +124,10 @@ void RespConnection::boundRequest() {
 }
 
 // Answering
+
+bool RespConnection::hasRequest() const {
+    return !left_ && mayAnswer() && parser_.state() != RequestParser::State::incomplete;
+}
 
 bool RespConnection::isHttp() const {
     return isFirst_ && parser_.isLine() && parser_.arguments().size() == 3 &&
@@ -174,6 +164,7 @@ void RespConnection::answerCommand() {
 }
 
 void RespConnection::goOn() {
+    spend(stepBytes);
     CommandContext context{engine_, session_, ReplyWriter(output_, session_.isResp3)};
     CommandContext::Step step = std::exchange(left_, nullptr); // closing lets go of what is left
     if (step(context) && isOpen())
@@ -200,9 +191,9 @@ void RespConnection::requestDone() {
 bool RespConnection::pieceIs(std::string&& piece) {
     Mox::Ptr<RespConnection> const self = this; // closing lets it go
     output_.append(std::move(piece));
-    while (output_.unsent() > 0 && !waitsWritable_ && sendSome()) {
+    while (output_.unsent() > 0 && isWritable() && sendSome()) {
     }
-    return !waitsWritable_;
+    return isWritable();
 }
 
 void RespConnection::walkDone() {
@@ -214,52 +205,22 @@ void RespConnection::walkDone() {
 
 /// One block at most; false when the connection is closed.
 bool RespConnection::sendSome() {
-    if (output_.unsent() == 0 || waitsWritable_)
-        return true;
-    Error error;
-    output_.sent(socket_.write_some(boost::asio::buffer(output_.next()), error));
-    if (wouldBlock(error))
-        waitWritable();
-    else if (error)
-        close();
+    if (output_.unsent() > 0 && isWritable())
+        output_.sent(send(output_.next()));
     return isOpen();
-}
-
-void RespConnection::waitWritable() {
-    waitsWritable_ = true;
-    socket_.async_wait(Socket::wait_write, whileOpen([this](Error error) {
-                           waitsWritable_ = false;
-                           if (error)
-                               return;
-                           needsWork();
-                       }));
-}
-
-void RespConnection::waitReadable() {
-    if (waitsReadable_ || isReadable_ || atEnd_)
-        return;
-    waitsReadable_ = true;
-    socket_.async_wait(Socket::wait_read, whileOpen([this](Error error) {
-                           waitsReadable_ = false;
-                           if (error)
-                               return;
-                           isReadable_ = true;
-                           needsWork();
-                       }));
 }
 
 /// Everything is sent. A client that may still be sending is waited for, until it has read why.
 void RespConnection::finish() {
-    if (atEnd_ || (!isReadable_ && !isBroken_))
+    if (atEnd() || (!isReadable() && !isBroken_))
         return close();
-    if (isShut_)
-        return waitReadable();
-    isShut_ = true;
-    dropInput();
-    Error ignored;
-    socket_.shutdown(Socket::shutdown_send, ignored);
-    closeAfter(std::chrono::seconds(1));
-    waitReadable();
+    if (!isShut_) {
+        isShut_ = true;
+        dropInput();
+        shutDown();
+        closeAfter(std::chrono::seconds(1));
+    }
+    isReadable() ? needsWork() : waitReadable();
 }
 
 } // namespace KelKv

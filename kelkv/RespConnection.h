@@ -11,8 +11,8 @@ namespace KelKv {
 /// A client that speaks RESP, 2 or 3.
 ///
 /// A handler that finds the socket readable schedules the task. The task takes what came in, answers it and
-/// sends the replies, step by step, until nothing is left, its quantum is used (it schedules itself again
-/// then), or the client has to wait for something: for a walk over all keys that works for it, or for its own
+/// sends the replies, step by step, until nothing is left, its turn is over (it schedules itself again then),
+/// or the client has to wait for something: for a walk over all keys that works for it, or for its own
 /// reading of replies. Replies come in the order of requests.
 ///
 /// Nothing that a client does takes more memory than it has room for: it is not read from while a piece of
@@ -26,7 +26,7 @@ class RespConnection : public Connection, private KeyWalk::Client {
   public:
     static constexpr std::size_t outputLimit = 1 << 20;
 
-    RespConnection(Engine& engine, Role const& role, Socket socket);
+    RespConnection(Engine& engine, Role const& role, Socket accepted);
 
   private:
     void onStart() override { rest(); }
@@ -39,11 +39,12 @@ class RespConnection : public Connection, private KeyWalk::Client {
     bool step();
     void rest();
 
-    bool receive();
+    bool takeInput();
     void parse();
     void dropInput();
     void boundRequest();
 
+    bool hasRequest() const;
     bool isHttp() const;
     void answerRequest();
     void answerCommand();
@@ -54,12 +55,9 @@ class RespConnection : public Connection, private KeyWalk::Client {
     std::string_view unparsed() const { return std::string_view(input_).substr(parsed_); }
     bool mayAnswer() const { return !walk_ && !closing_ && output_.unsent() < outputLimit; }
     bool sendSome();
-    void waitReadable();
-    void waitWritable();
     void finish();
 
     Engine& engine_;
-    Socket socket_;
     Session session_;
 
     // What came in
@@ -68,15 +66,11 @@ class RespConnection : public Connection, private KeyWalk::Client {
     RequestParser parser_;
     ByteShare requestBytes_;
     bool isFirst_ = true; // the request under way
-    bool isReadable_ = false;
-    bool waitsReadable_ = false;
-    bool atEnd_ = false; // the client sends no more
 
     // What goes out
     CommandContext::Step left_; // of the command under way
     Mox::Ptr<KeyWalk> walk_;
     Output output_;
-    bool waitsWritable_ = false;
     bool closing_ = false;
     bool isBroken_ = false; // what it sends cannot be answered
     bool isShut_ = false;   // nothing more is sent; what comes is thrown away
