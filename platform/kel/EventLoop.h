@@ -46,8 +46,9 @@ class MOX_EXPORT EventLoop : public Mox::PtrInterface {
     /// Ends `run()` or `runUntil()` after the present callback.
     void stop();
     /// Seconds until something is due: 0 when something is, endOfTime when nothing is pending. Descriptors do
-    /// not count. An outside loop waits that long and calls `runOnce()`; for each socket on `ioContext()` it
-    /// waits itself, by its native handle. Where there are many, attach to an io_context that is run instead.
+    /// not count, but handlers that the latest turn left for the next one do. An outside loop waits that long
+    /// and calls `runOnce()`; for each socket on `ioContext()` it waits itself, by its native handle. Where
+    /// there are many, attach to an io_context that is run instead.
     Mox::Seconds nextDue() const;
 
     /// Whether `run()` waits, instead of returning, when nothing is pending: no keep-alive timer is needed.

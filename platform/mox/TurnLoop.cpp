@@ -190,8 +190,10 @@ U64 TurnLoop::runOnce() {
     serveTimers();
     U64 calls = pollDescriptors();
     ++budget_.calls;
+    auto const start = SteadyClock::latest();
     for (U64 const turn = ++turn_; hasCallsOf(turn) && !stopped_; ++calls)
         callFirst();
+    turnsTook_ = SteadyClock::latest() - start;
     return calls;
 }
 
@@ -219,10 +221,11 @@ void TurnLoop::runTurns() {
             if (hasVirtualTimers)
                 serveVirtualTimers();
             if (immediate_.empty() || budget_.isSpent(SteadyClock::latest()))
-                return;
+                break;
             ++turn_;
             ++budget_.calls;
         }
+    turnsTook_ = SteadyClock::latest() - budget_.start;
 }
 
 // Timers and descriptors
@@ -259,7 +262,7 @@ U64 TurnLoop::pollDescriptors() {
     if (io_->context.stopped())
         io_->context.restart();
     U64 const ownBefore = io_->ownHandlers;
-    Budget budget{{}, std::clamp(SteadyClock::latest() - budget_.start, budgetTime, descriptorTimeMax)};
+    Budget budget{{}, std::clamp(turnsTook_, budgetTime, descriptorTimeMax)};
     handlersLeft_ = false;
     for (bool const isTimed = threadClock().isReal(); !handlersLeft_ && io_->context.poll_one() > 0;) {
         auto const now = isTimed ? SteadyClock::now() : budget.start;

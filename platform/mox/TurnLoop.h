@@ -124,7 +124,8 @@ class MOX_EXPORT TurnLoop {
     bool const isAttached_;
     U32 driven_ = 0; // run functions under way
 
-    Budget budget_; // of the turns under way
+    Budget budget_;           // of the turns under way
+    Nanoseconds turnsTook_{}; // the latest ones
     bool handlersLeft_ = false;
 
     std::vector<std::unique_ptr<TimerQueue>> queues_; // the thread's clock first

@@ -344,7 +344,7 @@ TEST_P(LoopTest, ServesTimersAndCallsThoughDescriptorsNeverFallSilent) {
         flood();
         EventCall timer(loop.loop, [&] { fired = handlers; }), call(loop.loop, [&] {
             int const used = handlers - std::exchange(before, handlers);
-            EXPECT_TRUE(calls++ == 0 || used == 0 || used == c.most || handlers >= 3000)
+            EXPECT_TRUE(calls++ <= 1 || used == 0 || used == c.most || handlers >= 3000)
                 << used << " " << c.perHandler.count();
             EXPECT_EQ(loop.turns.nextDue(), 0.0);
             if (fired > 0)
@@ -353,9 +353,9 @@ TEST_P(LoopTest, ServesTimersAndCallsThoughDescriptorsNeverFallSilent) {
         });
         timer.in(0.01);
         call.in(0);
+        EXPECT_LE(loop.turns.runOnce(), static_cast<Mox::U64>(c.most) + 1);
         loop.turns.run(true);
         EXPECT_TRUE(fired > 0 && fired <= 3000 + 2 * c.most) << fired;
-        EXPECT_LE(loop.turns.runOnce(), static_cast<Mox::U64>(c.most) + 1);
         goesOn = false;
         call.in(Mox::endOfTime);
         loop.turns.runOnce(); // the thread's loop stays
