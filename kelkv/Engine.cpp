@@ -26,6 +26,24 @@ constexpr PortMetric portMetrics[] = {
      [](auto& of) { return of.accepted; }},
     {"connections_refused_total", "counter", "Connections that were too many.",
      [](auto& of) { return of.refused; }},
+    {"connections_displaced_total", "counter", "Idle connections that were closed to make room.",
+     [](auto& of) { return of.displaced; }},
+};
+
+/// A metric of memory that clients share.
+struct MemoryMetric {
+    char const* name;
+    char const* type;
+    char const* help;
+    Mox::U64 (*figure)(ByteLimit const& limit);
+};
+
+constexpr MemoryMetric memoryMetrics[] = {
+    {"shared_bytes", "gauge", "What clients together take of memory.",
+     [](auto& of) { return Mox::U64{of.used()}; }},
+    {"shared_bytes_max", "gauge", "What they may take.", [](auto& of) { return Mox::U64{of.most()}; }},
+    {"shared_bytes_refused_total", "counter", "Requests and replies that were given up for it.",
+     [](auto& of) { return of.refused(); }},
 };
 
 void printHead(std::ostream& out, char const* name, char const* type, char const* help) {
@@ -43,6 +61,12 @@ std::string metricsOfOurOwn(Engine const& engine) {
                 out << "kelkv_" << metric.name << "{port=\"" << label << "\"} " << metric.figure(port)
                     << "\n";
     }
+    for (MemoryMetric const& metric : memoryMetrics) {
+        printHead(out, metric.name, metric.type, metric.help);
+        for (Engine::Limit const& limit : engine.limits())
+            out << "kelkv_" << metric.name << "{of=\"" << limit.name << "\"} " << metric.figure(limit.of)
+                << "\n";
+    }
     printHead(out, "keys", "gauge", "Keys in the store.");
     out << "kelkv_keys " << engine.store.size() << "\n";
     return std::move(out).str();
@@ -55,6 +79,11 @@ Engine::Engine(Mox::Ptr<Kel::EventLoop> const& loop)
       background(Kel::TaskGroup::TaskGroupIs("background", Kel::TaskPriority::low, true, root)),
       scavenger(new Scavenger(root)), store(root, scavenger) {
     background->taskGroupQuantumIs(backgroundQuantum);
+}
+
+std::array<Engine::Limit, 4> Engine::limits() const {
+    return {
+        {{"request", requestBytes}, {"walk", walkBytes}, {"operator", operatorBytes}, {"reply", replyBytes}}};
 }
 
 SlicedTextPtr Engine::statistics() const {

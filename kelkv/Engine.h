@@ -13,6 +13,7 @@
 
 #include <boost/intrusive/list.hpp>
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -38,7 +39,8 @@ struct Engine {
         std::size_t connections = 0;
         std::size_t connectionsMax = 0;
         Mox::U64 accepted = 0;
-        Mox::U64 refused = 0; // over the limit, or without a descriptor
+        Mox::U64 refused = 0;   // over the limit, or without a descriptor
+        Mox::U64 displaced = 0; // closed while idle, to make room
     };
     struct Ports {
         Port clients, operators, http;
@@ -68,8 +70,17 @@ struct Engine {
     /// What has come in of requests that are not answered, of all clients together: one of the largest, and
     /// as much again.
     ByteLimit requestBytes{std::size_t{1} << 30};
-    /// What walks have gathered and nobody has read.
-    ByteLimit walkBytes{std::size_t{1} << 28};
+    /// What walks and long texts have gathered and nobody has read, and a room of their own for operators,
+    /// who have to find out who does not read.
+    ByteLimit walkBytes{std::size_t{1} << 28}, operatorBytes{std::size_t{1} << 28};
+    /// Replies that are not sent.
+    ByteLimit replyBytes{std::size_t{1} << 28};
+    struct Limit {
+        char const* name;
+        ByteLimit const& of;
+    };
+    std::array<Limit, 4> limits() const;
+    ByteLimit& gatheredBy(Session const& session) { return session.isOperator ? operatorBytes : walkBytes; }
     /// An operator who asks nothing for so long is closed.
     std::chrono::seconds operatorPatience{600};
 

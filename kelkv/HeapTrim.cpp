@@ -1,5 +1,7 @@
 #include "HeapTrim.h"
 
+#include "ResidentSize.h"
+
 #include <algorithm>
 #include <cstdlib>
 
@@ -12,9 +14,10 @@ namespace KelKv {
 namespace {
 
 constexpr Mox::Seconds period = 1.0;
-constexpr std::size_t piecesMin = 10000;        // a megabyte or more
-constexpr std::size_t piecesOfConnection = 500; // its buffers, as bytes of keys
-constexpr boost::chrono::seconds rest(4);       // from one trim to the next
+constexpr Mox::U64 freedMin = 1 << 20;    // bytes
+constexpr std::size_t freedPart = 16;     // or that part of what is in memory
+constexpr boost::chrono::seconds rest(4); // from one trim to the next
+constexpr boost::chrono::seconds restIfBusy(30);
 
 constexpr Kel::TaskPriority priorities[] = {Kel::TaskPriority::absolute, Kel::TaskPriority::high,
                                             Kel::TaskPriority::normal, Kel::TaskPriority::low,
@@ -44,9 +47,12 @@ HeapTrim::HeapTrim(Engine const& engine)
 
 HeapTrim::~HeapTrim() { task_->stop(); }
 
-/// What takes memory in pieces that are too small to go back by themselves.
-std::size_t HeapTrim::pieces() const {
-    return engine_.store.size() + piecesOfConnection * engine_.ports().clients.connections;
+/// What clients let go of, in bytes; others allocate little.
+Mox::U64 HeapTrim::released() const {
+    Mox::U64 sum = engine_.store.released();
+    for (Engine::Limit const& limit : engine_.limits())
+        sum += limit.of.released();
+    return sum;
 }
 
 /// Whether nobody waits for the thread, nor is anything being freed.
@@ -56,12 +62,15 @@ bool HeapTrim::isIdle() const {
 }
 
 void HeapTrim::look() {
-    most_ = std::max(most_, pieces());
-    if (most_ - pieces() < piecesMin || Mox::SteadyClock::now() < next_ || !isIdle())
+    Mox::U64 const freed = released() - releasedBefore_;
+    auto const since = Mox::SteadyClock::now() - last_;
+    if (freed < freedMin || since < rest || freed < residentSize() / freedPart)
+        return;
+    if (!isIdle() && since < restIfBusy)
         return;
     trim();
-    next_ = Mox::SteadyClock::now() + rest;
-    most_ = pieces();
+    last_ = Mox::SteadyClock::now();
+    releasedBefore_ += freed;
 }
 
 } // namespace KelKv

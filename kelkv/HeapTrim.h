@@ -10,8 +10,9 @@ namespace KelKv {
 /// pieces for the next one, and of a gigabyte that clients had under way most would stay for good.
 ///
 /// It looks once a second. A trim cannot be cut, and takes some tens of milliseconds for hundreds of
-/// megabytes: so there is one only when much was freed since the last, some seconds later at the earliest,
-/// and at a moment when nobody else waits for the thread.
+/// megabytes: so there is one only when a good part of what is in memory was freed since the last, some
+/// seconds later at the earliest, and at a moment when nobody else waits for the thread, or when there was
+/// none for long.
 ///
 /// With other C libraries than glibc it does nothing.
 ///
@@ -26,12 +27,12 @@ class HeapTrim {
   private:
     void look();
     bool isIdle() const;
-    std::size_t pieces() const;
+    Mox::U64 released() const;
 
     Engine const& engine_;
     Mox::Ptr<Kel::PeriodicTask> const task_;
-    std::size_t most_ = 0; // pieces, since the last trim
-    Mox::SteadyClock::TimePoint next_{};
+    Mox::U64 releasedBefore_ = 0; // until the last trim
+    Mox::SteadyClock::TimePoint last_ = Mox::SteadyClock::now();
 };
 
 } // namespace KelKv

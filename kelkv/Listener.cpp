@@ -53,7 +53,7 @@ Listener::~Listener() {
 }
 
 Engine::Port Listener::port() const {
-    return {number(), connections(), limit_.connections, accepted_, refused_};
+    return {number(), connections(), limit_.connections, accepted_, refused_, displaced_};
 }
 
 void Listener::accept() {
@@ -112,8 +112,10 @@ bool Listener::hasRoom() {
     constexpr auto busy = Mox::SteadyClock::TimePoint::max();
     Mox::Ptr<Connection> const idle = *std::ranges::min_element(
         connections_, {}, [&](auto const& of) { return of->idleSince().value_or(busy); });
-    if (idle->idleSince())
+    if (idle->idleSince()) {
+        ++displaced_;
         idle->close();
+    }
     return connections_.size() < limit_.connections;
 }
 
@@ -140,7 +142,7 @@ void Listener::remove(Connection* of) {
 
 void Listener::refuse(tcp::socket socket) {
     ++refused_;
-    log_.line("too many connections", "port " + std::to_string(number()));
+    log_.line("too many connections on port " + std::to_string(number()), "one is refused");
     Error ignored;
     socket.non_blocking(true, ignored);
     socket.write_some(boost::asio::buffer(limit_.refusal), ignored);

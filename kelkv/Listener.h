@@ -84,6 +84,7 @@ class Listener {
     std::set<Mox::Ptr<Connection>> connections_;
     Mox::U64 accepted_ = 0;
     Mox::U64 refused_ = 0;
+    Mox::U64 displaced_ = 0;
     std::set<std::shared_ptr<tcp::socket>> leaving_; // refused, until they have read why
     std::optional<tcp::socket> reserve_; // a descriptor that is not needed yet; connected to nothing
 };

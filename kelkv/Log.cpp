@@ -6,7 +6,8 @@ namespace KelKv {
 
 void Log::line(std::string_view kind, std::string_view detail) {
     auto const now = Mox::SteadyClock::now();
-    Kind& of = kinds_[kind];
+    auto const at = kinds_.find(kind);
+    Kind& of = at == kinds_.end() ? kinds_[std::string(kind)] : at->second;
     if (now < of.next) {
         ++of.leftOut;
         return;

@@ -2,7 +2,9 @@
 
 #include <mox/SteadyClock.h>
 
+#include <functional>
 #include <map>
+#include <string>
 #include <string_view>
 
 namespace KelKv {
@@ -13,7 +15,6 @@ namespace KelKv {
 /// a disk by doing it again and again.
 class Log {
   public:
-    /// The kind is a text that stays.
     void line(std::string_view kind, std::string_view detail);
 
   private:
@@ -21,7 +22,7 @@ class Log {
         Mox::SteadyClock::TimePoint next{};
         Mox::U64 leftOut = 0;
     };
-    std::map<std::string_view, Kind> kinds_;
+    std::map<std::string, Kind, std::less<>> kinds_;
 };
 
 } // namespace KelKv

@@ -11,7 +11,7 @@ namespace KelKv {
 
 namespace {
 
-constexpr std::size_t requestAlways = 1 << 16; // bytes for which there is always room
+constexpr std::size_t always = 1 << 16; // bytes for which there is always room
 
 template <class Endpoint> std::string textOf(Endpoint const& endpoint, boost::system::error_code error) {
     return error ? std::string() : boost::lexical_cast<std::string>(endpoint);
@@ -21,7 +21,7 @@ template <class Endpoint> std::string textOf(Endpoint const& endpoint, boost::sy
 
 RespConnection::RespConnection(Engine& engine, Role const& role, Socket accepted)
     : Connection(engine.root, role, std::move(accepted)), engine_(engine), parser_(engine.scavenger),
-      requestBytes_(engine.requestBytes) {
+      requestBytes_(*this), replyBytes_(engine.replyBytes) {
     Error error;
     session_.isOperator = role.isOperator;
     session_.peer = textOf(socket().remote_endpoint(error), error);
@@ -31,12 +31,24 @@ RespConnection::RespConnection(Engine& engine, Role const& role, Socket accepted
     engine_.sessions.push_back(session_);
 }
 
+void RespConnection::onStart() {
+    operatorIsThere();
+    rest();
+}
+
+/// Who asks nothing for long leaves the place to another.
+void RespConnection::operatorIsThere() {
+    if (session_.isOperator)
+        closeAfter(engine_.operatorPatience);
+}
+
 void RespConnection::onClose() {
     if (Mox::Ptr<KeyWalk> const walk = std::exchange(walk_, nullptr))
         walk->cancel();
     session_.unlink();
     left_ = nullptr;
     requestBytes_.sizeIs(0);
+    replyBytes_.sizeIs(0);
 }
 
 /// Steps until none can be made or the turn is over; what they replied goes out together. A walk that waits
@@ -55,6 +67,20 @@ void RespConnection::onWork() {
         needsWork();
     else
         rest();
+    account();
+}
+
+/// A reply that nobody reads is counted like what others ask.
+void RespConnection::account() {
+    if (!isOpen())
+        return;
+    requestBytes_.sizeIs(parser_.kept() + input_.size());
+    replyBytes_.sizeIs(output_.unsent());
+}
+
+/// While all replies together are over their limit, a client is answered when it has read what it was told.
+bool RespConnection::mayAnswer() const {
+    return !walk_ && !closing_ && output_.unsent() < (replyBytes_.isOver() ? always : outputLimit);
 }
 
 /// One thing of those that can be done now; false when there is none. What is answered first makes room for
@@ -80,8 +106,8 @@ void RespConnection::rest() {
     bool const isDone = closing_ || (atEnd() && !left_);
     if (isDone && !walk_ && output_.unsent() == 0)
         return finish();
-    if (session_.isOperator)
-        closeAfter(engine_.operatorPatience);
+    if (unparsed().empty())
+        std::string().swap(input_);
     waitReadable();
 }
 
@@ -113,14 +139,22 @@ void RespConnection::parse() {
         answerRequest();
 }
 
-/// What all clients have under way together is bounded; who is over it loses the request, not the connection.
+/// What all clients have under way together is bounded; who takes most loses the request, not the connection.
 void RespConnection::boundRequest() {
-    requestBytes_.sizeIs(parser_.kept());
-    if (!requestBytes_.isOver() || parser_.kept() <= requestAlways ||
-        parser_.state() != RequestParser::State::incomplete)
-        return;
-    parser_.discard();
-    requestBytes_.sizeIs(0);
+    account();
+    if (requestBytes_.isOver())
+        engine_.requestBytes.reclaim();
+}
+
+bool RespConnection::Request::mayGiveUp() const {
+    return of_.isOpen() && of_.parser_.kept() > always &&
+           of_.parser_.state() == RequestParser::State::incomplete;
+}
+
+void RespConnection::Request::giveUp() {
+    of_.parser_.discard();
+    of_.account();
+    of_.engine_.log.line("requests under way take too much memory: one is given up", of_.session_.peer);
 }
 
 // Answering
@@ -157,6 +191,7 @@ void RespConnection::answerRequest() {
 void RespConnection::answerCommand() {
     worked(1);
     session_.lastUsed = Mox::SteadyClock::latest();
+    operatorIsThere();
     CommandContext context{engine_, session_, ReplyWriter(output_, session_.isResp3)};
     answer(context, parser_.arguments());
     left_ = std::move(context.rest);
@@ -177,20 +212,21 @@ void RespConnection::took(CommandContext const& context) {
     if (!isOpen() || left_) // it may have had the connection closed
         return;
     if (context.next == CommandContext::Next::walk)
-        walk_ = new KeyWalk(engine_.background, engine_.store, engine_.walkBytes, *this, context.pattern);
+        walk_ = new KeyWalk(engine_.background, engine_.store, engine_.gatheredBy(session_), *this,
+                            context.pattern);
     closing_ = context.next == CommandContext::Next::close;
     requestDone();
 }
 
 void RespConnection::requestDone() {
-    isFirst_ = false;
+    isFirst_ = isFirst_ && parser_.arguments().empty(); // an empty line is no beginning
     parser_.reset();
-    requestBytes_.sizeIs(0);
 }
 
 bool RespConnection::pieceIs(std::string&& piece) {
     Mox::Ptr<RespConnection> const self = this; // closing lets it go
     output_.append(std::move(piece));
+    account();
     while (output_.unsent() > 0 && isWritable() && sendSome()) {
     }
     return isWritable();

@@ -29,7 +29,18 @@ class RespConnection : public Connection, private KeyWalk::Client {
     RespConnection(Engine& engine, Role const& role, Socket accepted);
 
   private:
-    void onStart() override { rest(); }
+    /// What it has of requests that are not answered: one that is still coming may be given up.
+    class Request : public ByteShare {
+      public:
+        explicit Request(RespConnection& of) : ByteShare(of.engine_.requestBytes), of_(of) {}
+        bool mayGiveUp() const override;
+        void giveUp() override;
+
+      private:
+        RespConnection& of_;
+    };
+
+    void onStart() override;
     void onClose() override;
     void onWork() override;
     bool pieceIs(std::string&& piece) override;
@@ -43,6 +54,8 @@ class RespConnection : public Connection, private KeyWalk::Client {
     void parse();
     void dropInput();
     void boundRequest();
+    void account();
+    void operatorIsThere();
 
     bool hasRequest() const;
     bool isHttp() const;
@@ -53,7 +66,7 @@ class RespConnection : public Connection, private KeyWalk::Client {
     void requestDone();
 
     std::string_view unparsed() const { return std::string_view(input_).substr(parsed_); }
-    bool mayAnswer() const { return !walk_ && !closing_ && output_.unsent() < outputLimit; }
+    bool mayAnswer() const;
     bool sendSome();
     void finish();
 
@@ -64,13 +77,14 @@ class RespConnection : public Connection, private KeyWalk::Client {
     std::string input_;
     std::size_t parsed_ = 0; // bytes at the input's beginning
     RequestParser parser_;
-    ByteShare requestBytes_;
+    Request requestBytes_;
     bool isFirst_ = true; // the request under way
 
     // What goes out
     CommandContext::Step left_; // of the command under way
     Mox::Ptr<KeyWalk> walk_;
     Output output_;
+    ByteShare replyBytes_;
     bool closing_ = false;
     bool isBroken_ = false; // what it sends cannot be answered
     bool isShut_ = false;   // nothing more is sent; what comes is thrown away

@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "GlobMatch.h"
 #include "Lifetime.h"
+#include "ResidentSize.h"
 #include "SlicedReply.h"
 
 #include <unistd.h>
@@ -9,7 +10,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
 #include <sstream>
 
 // What client programs ask of the daemon.
@@ -23,14 +23,6 @@ using Mox::S64;
 constexpr std::size_t few = 64; // words
 
 // INFO
-
-/// Bytes in memory.
-std::size_t residentSize() {
-    std::ifstream file("/proc/self/statm");
-    std::size_t size = 0, resident = 0;
-    file >> size >> resident;
-    return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
 
 void infoServer(Engine& engine, std::ostream& out) {
     Engine::Ports const ports = engine.ports();
@@ -56,9 +48,11 @@ void infoClients(Engine& engine, std::ostream& out) {
 void infoMemory(Engine& engine, std::ostream& out) {
     std::size_t const size = residentSize();
     out << "used_memory:" << size << "\r\nused_memory_rss:" << size << "\r\nmaxmemory:0"
-        << "\r\nmaxmemory_policy:noeviction\r\nrequest_bytes:" << engine.requestBytes.used
-        << "\r\nrequest_bytes_max:" << engine.requestBytes.most << "\r\nwalk_bytes:" << engine.walkBytes.used
-        << "\r\nwalk_bytes_max:" << engine.walkBytes.most << "\r\n";
+        << "\r\nmaxmemory_policy:noeviction\r\n";
+    for (Engine::Limit const& limit : engine.limits())
+        out << limit.name << "_bytes:" << limit.of.used() << "\r\n"
+            << limit.name << "_bytes_max:" << limit.of.most() << "\r\n"
+            << limit.name << "_bytes_refused:" << limit.of.refused() << "\r\n";
 }
 
 void infoPersistence(Engine&, std::ostream& out) { out << "loading:0\r\naof_enabled:0\r\n"; }

@@ -6,8 +6,8 @@ void GatheredBulk::reply(CommandContext& context, Parts parts) {
     std::string first;
     if (!parts(first))
         return context.reply.bulk(first);
-    auto const gathered =
-        std::make_shared<GatheredBulk>(std::move(parts), std::move(first), context.engine.walkBytes);
+    auto const gathered = std::make_shared<GatheredBulk>(std::move(parts), std::move(first),
+                                                         context.engine.gatheredBy(context.session));
     context.rest = [gathered](CommandContext& step) { return gathered->step(step); };
 }
 
@@ -26,6 +26,7 @@ bool GatheredBulk::step(CommandContext& context) {
     gather();
     if (!gathered_.isOver())
         return true;
+    context.engine.gatheredBy(context.session).refusedInc();
     context.reply.error("texts that nobody has read take too much memory", "OOM");
     return false;
 }

@@ -65,6 +65,8 @@ class Store {
     void clear();
     /// All keys, also those that are due and not erased yet.
     std::size_t size() const { return size_; }
+    /// About so many bytes were let go of so far.
+    Mox::U64 released() const { return released_; }
     /// Those of them that have an expiry.
     std::size_t expiring() const { return expiring_; }
     /// Keys whose time was over, since the store was made.
@@ -101,6 +103,7 @@ class Store {
     std::size_t size_ = 0;
     std::size_t expiring_ = 0;
     Mox::U64 expired_ = 0;
+    Mox::U64 released_ = 0;
 };
 
 } // namespace KelKv

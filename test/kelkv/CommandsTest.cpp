@@ -157,7 +157,7 @@ TEST_F(CommandsTest, WhatIsLongTakesSteps) {
     std::string const list = client.take();
     EXPECT_TRUE(list.ends_with("\n\r\n"));
     EXPECT_EQ(std::ranges::count(list, '\n'), 1 + 32 + 100 + 1);
-    EXPECT_EQ(engine.walkBytes.used, 0u);
+    EXPECT_EQ(engine.walkBytes.used(), 0u);
 }
 
 TEST_F(CommandsTest, LongTextsAreAppendedToCopiedAndCutWithoutTheOthers) {

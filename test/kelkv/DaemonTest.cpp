@@ -224,18 +224,22 @@ TEST_F(DaemonTest, WhatAConnectionReadsAndAnswersIsItsTasksWorkInTurns) {
     EXPECT_EQ(other.receive(size).size(), size);
 }
 
-// Somebody who has not sent it all takes the room of all; who sends little always has some.
+// Somebody who does not send it all keeps no room from who asks less; who sends little always has some.
 TEST_F(DaemonTest, RequestsThatComeInTogetherTakeNoMoreThanThereIsRoomFor) {
-    engine().requestBytes.used = engine().requestBytes.most - 100000;
+    ByteShare others(engine().requestBytes);
+    others.sizeIs(others.size() + engine().requestBytes.most() - 250000);
     Client large(*loop, daemon->clients());
     std::string const value(300000, 'v'), set = "*3\r\n$3\r\nSET\r\n$1\r\nk\r\n$300000\r\n";
-    large.expect(set + value + "\r\nPING\r\n",
+    large.send(set + value.substr(0, 200000));
+    client.expect("*3\r\n$3\r\nSET\r\n$1\r\na\r\n$100000\r\n" + value.substr(0, 100000) + "\r\n", "+OK\r\n");
+    large.expect(value.substr(200000) + "\r\nPING\r\n",
                  "-OOM the request is too large beside those under way\r\n+PONG\r\n");
+    others.sizeIs(2 * engine().requestBytes.most());
     client.expect("SET a 1\r\n", "+OK\r\n");
     EXPECT_EQ(engine().store.find("k"), nullptr);
-    engine().requestBytes.used -= engine().requestBytes.most - 100000;
+    others.sizeIs(0);
     large.expect(set + value + "\r\n", "+OK\r\n");
-    EXPECT_EQ(engine().requestBytes.used, 0u);
+    EXPECT_EQ(engine().requestBytes.used(), 0u);
 }
 
 TEST_F(DaemonTest, HttpIsGetAndHeadOfAFewPagesAndOnLoopbackForWhoNamesThisHost) {
