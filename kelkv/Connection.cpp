@@ -108,8 +108,20 @@ void Connection::workInItsPlace() {
 }
 
 void Connection::closeAfter(std::chrono::milliseconds time) {
-    deadline_.expires_after(time);
-    deadline_.async_wait(whileOpen([this] { close(); }));
+    closesAt_ = std::chrono::steady_clock::now() + time;
+    if (!waitsForEnd_ || closesAt_ < deadline_.expiry())
+        waitForEnd();
+}
+
+/// A time that was put off is looked at when the timer fires: each that is armed anew leaves a handler behind,
+/// and some clients put theirs off with every command.
+void Connection::waitForEnd() {
+    waitsForEnd_ = true;
+    deadline_.expires_at(closesAt_);
+    deadline_.async_wait(whileOpen([this] {
+        waitsForEnd_ = false;
+        std::chrono::steady_clock::now() < closesAt_ ? waitForEnd() : close();
+    }));
 }
 
 /// A turn of the task that goes ahead of others ends with the allowance.

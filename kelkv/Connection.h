@@ -127,6 +127,7 @@ class Connection : public Kel::Task::Notifiee {
     void work();
     void workInItsPlace();
     void waitWritable();
+    void waitForEnd();
 
     Role const role_;
     Mox::Ptr<Kel::TaskScheduler> const scheduler_;
@@ -144,6 +145,8 @@ class Connection : public Kel::Task::Notifiee {
     bool atEnd_ = false;
     bool isFull_ = false; // the system takes no more; waited for
     boost::asio::steady_timer deadline_;
+    std::chrono::steady_clock::time_point closesAt_{};
+    bool waitsForEnd_ = false;
 
     // Of an operator's: in the task's place
     boost::asio::steady_timer patience_;
