@@ -38,7 +38,7 @@ class Connection : public Kel::Task::Notifiee {
     struct Role {
         char const* name; // of the task
         Kel::TaskPriority priority;
-        Kel::TaskPriority priorityOfMore; // of what takes longer
+        Kel::TaskPriority priorityOfMore; // of what is beyond the allowance
         bool isOperator;
     };
 
