@@ -113,8 +113,8 @@ void Connection::closeAfter(std::chrono::milliseconds time) {
         waitForEnd();
 }
 
-/// A time that was put off is looked at when the timer fires: each that is armed anew leaves a handler behind,
-/// and some clients put theirs off with every command.
+/// A time that was put off is looked at when the timer fires: each that is armed anew leaves a handler
+/// behind, and some clients put theirs off with every command.
 void Connection::waitForEnd() {
     waitsForEnd_ = true;
     deadline_.expires_at(closesAt_);

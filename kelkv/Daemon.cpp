@@ -43,7 +43,7 @@ Daemon::Daemon(Mox::Ptr<Kel::EventLoop> const& loop, Options const& options)
                serve(engine_, client)),
       operators_(loop->ioContext(), onLoopback(options.operatorPort), {options.operatorsMax, tooMany, true},
                  engine_.log, serve(engine_, operatorRole)) {
-    engine_.operatorPatience = options.operatorPatience;
+    engine_.patience.idleOperator = options.operatorPatience;
     engine_.ports = [this] {
         return Engine::Ports{clients_.port(), operators_.port(), http_ ? http_->port() : Engine::Port{}};
     };

@@ -81,8 +81,12 @@ struct Engine {
     };
     std::array<Limit, 4> limits() const;
     ByteLimit& gatheredBy(Session const& session) { return session.isOperator ? operatorBytes : walkBytes; }
-    /// An operator who asks nothing for so long is closed.
-    std::chrono::seconds operatorPatience{600};
+    /// After which connections are closed.
+    struct Patience {
+        std::chrono::milliseconds idleOperator{600'000};
+        std::chrono::milliseconds httpExchange{30'000}; // from a request's first byte to its answer's last
+        std::chrono::milliseconds idleHttp{10'000};
+    } patience;
 
     Mox::U64 commandsAnswered = 0;
     /// Seconds since 1970, for times that clients give by the calendar.

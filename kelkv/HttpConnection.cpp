@@ -114,7 +114,7 @@ void HttpConnection::requestIsNext() {
     needsInput_ = input_.empty();
     isBegun_ = false;
     idleSince_ = needsInput_ ? std::optional(Mox::SteadyClock::now()) : std::nullopt;
-    closeAfter(needsInput_ ? idlePatience : patience);
+    closeAfter(needsInput_ ? engine_.patience.idleHttp : engine_.patience.httpExchange);
 }
 
 void HttpConnection::takeInput() {
@@ -124,7 +124,7 @@ void HttpConnection::takeInput() {
     if (isShut_)
         return drained(came.size());
     if (!came.empty() && std::exchange(idleSince_, std::nullopt))
-        closeAfter(patience);
+        closeAfter(engine_.patience.httpExchange);
     input_ += came;
     needsInput_ = came.empty();
 }

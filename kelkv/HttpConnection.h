@@ -6,7 +6,6 @@
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 
-#include <chrono>
 #include <functional>
 #include <optional>
 #include <span>
@@ -38,10 +37,6 @@ class HttpConnection : public Connection {
     static constexpr std::uint32_t bodyLimit = 1 << 16;
     static constexpr std::size_t requestLimit = 1 << 17; // with what frames the body
     static constexpr std::size_t drainLimit = 1 << 20;   // thrown away behind the last answer
-    /// For the whole exchange.
-    static constexpr std::chrono::seconds patience{30};
-    /// For the next request.
-    static constexpr std::chrono::seconds idlePatience{10};
 
     HttpConnection(Engine& engine, std::span<Page const> pages, Socket accepted);
 

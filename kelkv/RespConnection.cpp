@@ -39,7 +39,7 @@ void RespConnection::onStart() {
 /// Who asks nothing for long leaves the place to another.
 void RespConnection::operatorIsThere() {
     if (session_.isOperator)
-        closeAfter(engine_.operatorPatience);
+        closeAfter(engine_.patience.idleOperator);
 }
 
 void RespConnection::onClose() {

@@ -7,13 +7,16 @@
 #include <boost/lexical_cast.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
+#include <thread>
 
 namespace KelKv {
 
 namespace {
 
 using namespace testing;
+using namespace std::chrono_literals;
 using boost::asio::ip::tcp;
 
 constexpr int turnsMax = 200000;
@@ -286,6 +289,27 @@ TEST_F(DaemonTest, HttpConnectionsAreKeptForRequestsOneAfterAnotherAndUntilOther
     busy.expect("\r\n", kept);
     EXPECT_EQ(idle.front().askAll(), "");
     EXPECT_EQ(daemon->http()->connections(), 16u);
+}
+
+// Bytes that are no request, or go on with one, put no end off.
+TEST_F(DaemonTest, WhoIsIdleOrTakesTooLongIsClosedWhateverItSends) {
+    engine().patience = {.idleOperator = 50ms, .httpExchange = 50ms, .idleHttp = 50ms};
+    struct Attempt {
+        Listener const& port;
+        std::string_view begin, drip;
+    };
+    for (auto const& [port, begin, drip] : {Attempt{daemon->operators(), "PING\r\n", "\r\n"},
+                                            {*daemon->http(), "", ""},
+                                            {*daemon->http(), "GET / HTTP/1.1\r\nX: ", "x"}}) {
+        Client slow(*loop, port);
+        slow.send(begin);
+        while (port.connections() > 0) {
+            slow.send(drip);
+            loop->runOnce();
+            std::this_thread::sleep_for(1ms);
+        }
+        EXPECT_EQ(slow.receive(1000), begin.starts_with("PING") ? "+PONG\r\n" : "");
+    }
 }
 
 TEST_F(DaemonTest, HttpAnswersOnceWhoeverRunsItsTaskAndWhileSuspendedAndLeavesNothing) {
