@@ -20,6 +20,7 @@ struct Model {
         std::deque<int> tasks;
         U32 streak = 0;
         U64 runs = 0;
+        U32 dead = 0;
     };
 
     bool bump(std::size_t p) const {
@@ -50,7 +51,9 @@ struct Model {
     std::array<Queue, 5> queues;
 };
 
-/// A random program of operations on a root and on the model. Queues grow to hundreds and shrink again.
+/// A random program of operations on a root and on the model. Queues grow to hundreds and shrink again. A
+/// root asks twice when work comes, and once after each run and when it goes on; what it slips is the time
+/// from there to the pass.
 class RandomSchedule {
   public:
     RandomSchedule() {
@@ -66,9 +69,11 @@ class RandomSchedule {
         auto& queue = model_.queues[slot.priority];
         std::size_t const operation = random_.below(40);
         random_.doing("operation " + std::to_string(operation) + " on", i);
+        timePasses();
         switch (operation) {
         case 0: // dies: counts as run when it is scheduled
             queue.runs += model_.remove(slot.priority, i);
+            ++queue.dead;
             slots_.erase(i);
             return make(i);
         case 1:
@@ -83,6 +88,7 @@ class RandomSchedule {
                 tree_.root->runQueue(priority(slot.priority))
                     .backToBackRunCountIs(queue.streak = ~U32{0} - 1);
             return;
+        case 6: return suspend(random_.oneIn(10));
         default: random_.oneIn(grows_ ? 4 : 2) ? pass() : schedule(i);
         }
     }
@@ -96,8 +102,19 @@ class RandomSchedule {
             ASSERT_EQ(model.tasks.empty() ? nullptr : slots_.at(model.tasks.front()).task.ptr(),
                       real.first());
         }
+        ASSERT_EQ(std::exchange(requests_, 0), tree_.root->takeRequests());
+        ASSERT_EQ(secondsOf(slip_), tree_.root->schedulerMaxSchedulerSlip());
+        ASSERT_EQ(lastPass_.count(), tree_.root->schedulerLastRunTimeStamp().time_since_epoch().count());
         if (!thoroughly)
             return;
+        for (std::size_t p = 0; p < 5; ++p) {
+            auto const stats = *tree_.root->queueStats().priority(priority(p));
+            auto const isOfIt = [p](auto const& slot) { return slot.second.priority == p; };
+            ASSERT_EQ(std::ranges::count_if(slots_, isOfIt), stats.runnableTasks() + stats.idleTasks());
+            ASSERT_EQ(model_.queues[p].dead, stats.deadTasks());
+        }
+        slip_ = {};
+        tree_.root->schedulerMaxSchedulerSlipInternalIs(TaskTimeDuration(0));
         ASSERT_EQ(0u, tree_.root->moxAuditErrors(1));
         ASSERT_EQ(slots_.size(), tree_.root->tasksRegistered().size());
     }
@@ -116,6 +133,7 @@ class RandomSchedule {
         slot.task = tree_.task(std::to_string(i % 4), priority(slot.priority));
         slot.reactor = new OnRun(slot.task, [this, i] {
             ran_ = i;
+            timePasses();
             if (random_.oneIn(2))
                 schedule(i);
         });
@@ -135,8 +153,23 @@ class RandomSchedule {
         auto& tasks = model_.queues[slot.priority].tasks;
         if (std::ranges::find(tasks, i) == tasks.end())
             tasks.push_back(i);
+        if (!std::exchange(isAwake_, true))
+            ask(2);
         slot.task->scheduleTask();
     }
+    void ask(U32 requests) { requests_ += requests, askedAt_ = tree_.steady.now(); }
+    void timePasses() {
+        constexpr std::array times{-1ms, 0ms, 1ms, 4ms};
+        tree_.steady.advance(random_.of(times));
+    }
+    void suspend(bool suspended) {
+        tree_.root->suspendedIs(suspended);
+        if (std::exchange(isSuspended_, suspended) == suspended)
+            return;
+        suspended ? void() : ask(1);
+        expectNewest(suspended ? "schedulerSuspended" : "schedulerUnsuspended");
+    }
+    void expectNewest(char const* event) { ASSERT_EQ(event, tree_.root->history().begin()->display()); }
     void pickFrom(std::size_t p) {
         int const expected = model_.pick(p);
         ASSERT_EQ(expected < 0 ? nullptr : slots_.at(expected).task.ptr(),
@@ -144,9 +177,19 @@ class RandomSchedule {
     }
     void expectRan(int expected) { ASSERT_EQ(expected, std::exchange(ran_, -1)); }
     void pass() {
-        int const expected = model_.pick();
+        if (!isSuspended_) {
+            lastPass_ = tree_.steady.now();
+            slip_ = std::max(slip_, lastPass_ - askedAt_);
+        }
+        int const expected = isSuspended_ ? -1 : model_.pick();
         tree_.root->handleSchedulerRun();
         expectRan(expected);
+        if (isSuspended_)
+            return expectNewest("schedulerRunIgnoredWhileSuspended");
+        if (expected >= 0)
+            return ask(1);
+        if (std::exchange(isAwake_, false))
+            expectNewest("schedulerIdle");
     }
 
     Random random_;
@@ -155,8 +198,10 @@ class RandomSchedule {
     Model model_;
     std::map<int, Slot> slots_;
     std::size_t favourite_ = 2;
-    bool grows_ = true;
+    bool grows_ = true, isAwake_ = false, isSuspended_ = false;
     int ran_ = -1;
+    U32 requests_ = 0;
+    ManualClock::Duration askedAt_ = tree_.steady.now(), lastPass_{}, slip_{};
 };
 
 TEST(RunOrderModel, HoldsQueuesBumpRuleStreaksAndCounters) {

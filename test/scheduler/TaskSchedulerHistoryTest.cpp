@@ -31,12 +31,13 @@ TEST_F(TaskSchedulerHistoryTest, DisplaysEachTypeByItsLabelAndItsTaskWhereItTake
     std::string shown;
     for (U8 type = 0; type < 18; ++type) {
         auto const eventType = static_cast<EventType>(type);
-        shown += Event({}, eventType).display() + "|\n";
+        shown += Event({}, eventType).display() + '|';
         if (Event::eventNeedTask(eventType))
-            shown += Event({}, eventType, Ptr<Task const>(t)).display() + "|\n";
+            shown += Event({}, eventType, Ptr<Task const>(t)).display() + '|';
         else
             EXPECT_DEATH(Event({}, eventType, Ptr<Task const>(t)),
                          HasSubstr("eventNeedTask( _eventType ), source TaskSchedulerHistory"));
+        shown += '\n';
     }
     EXPECT_EQ(golden("scheduler/golden/history_labels.txt"), shown);
 }

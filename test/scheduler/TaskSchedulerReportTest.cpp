@@ -24,6 +24,9 @@ TaskStat stat(String const& name, TaskPriority priority, U32 status, U32 runs, S
     return result;
 }
 
+/// The report without its head.
+std::string tablesOfTasks(std::string const& report) { return report.substr(report.find("TaskName")); }
+
 struct TaskSchedulerReportTest : HandTreeTest {
     TaskSchedulerReportTest() { steady.nowIs(0ns); }
 
@@ -48,8 +51,9 @@ TEST_F(TaskSchedulerReportTest, PrintsItsTablesToTheLetter) {
         queues.priorityIs(entry);
     }
     printStatsImpl(sink, 3, queues, 0.0123456, &live, 1, &dead, 2, false);
-    printStatsImpl(sink, 0, queues, 0.0123456, &live, 0, &dead, 0, true);
-    EXPECT_EQ(golden("scheduler/golden/report_tables.txt"), sink->text());
+    auto const withKeys = StringDumpContext::StringDumpContextIs();
+    printStatsImpl(withKeys, 0, queues, 0.0123456, &live, 0, &dead, 0, true);
+    EXPECT_EQ(golden("scheduler/golden/report_tables.txt"), sink->text() + tablesOfTasks(withKeys->text()));
 }
 
 TEST_F(TaskSchedulerReportTest, PrintsNamesOfAnyLength) {
@@ -90,8 +94,9 @@ TEST_F(TaskSchedulerReportTest, OfARootShowsWhatItsTasksDidAndBelowItAnEmptySche
     steady.advance(2us);
     root->printStats(sink, 0, false, true, false, true);
     Ptr<HandScheduler> const below = new HandScheduler("below", root.ptr());
-    below->printStats(sink, 3, true, false, false, true);
-    EXPECT_EQ(golden("scheduler/golden/report_root.txt"), sink->text());
+    auto const ofNone = StringDumpContext::StringDumpContextIs();
+    below->printStats(ofNone, 3, true, false, false, true);
+    EXPECT_EQ(golden("scheduler/golden/report_root.txt"), sink->text() + tablesOfTasks(ofNone->text()));
 }
 
 /// Calls the function with each line behind the first.

@@ -7,60 +7,9 @@
 namespace {
 
 using namespace TestSupport;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
-struct TaskSchedulerTest : HandTreeTest {
-    Ptr<HandScheduler> below = new HandScheduler("below", root.ptr());
-};
-
-TEST_F(TaskSchedulerTest, RunsOneTaskAPassAndAsksAgainUntilAPassFindsNone) {
-    auto const a = task("a"), b = task("b");
-    a->scheduleTask();
-    b->scheduleTask();
-    EXPECT_EQ(2u, root->takeRequests()) << "the root asks twice, when the first comes";
-    for (U32 const requests : {1u, 1u, 0u}) {
-        EXPECT_TRUE(root->schedulerHasRunnableTasks());
-        root->handleSchedulerRun();
-        EXPECT_EQ(requests, root->takeRequests());
-    }
-    EXPECT_FALSE(root->schedulerHasRunnableTasks());
-}
-
-TEST_F(TaskSchedulerTest, SuspendedTreeRunsNothingAndIsAskedOnceWhenItGoesOn) {
-    auto const t = task();
-    t->scheduleTask();
-    root->takeHistory(), root->takeRequests();
-    auto const before = root->schedulerLastRunTimeStamp();
-    for (bool const suspended : {false, true, true}) // not suspended at first
-        root->suspendedIs(suspended);
-    root->handleSchedulerRun();
-    below->handleSchedulerRun();
-    EXPECT_THAT(root->takeHistory(), ElementsAre("schedulerSuspended", "schedulerRunIgnoredWhileSuspended",
-                                                 "schedulerRunIgnoredWhileSuspended"));
-    EXPECT_EQ(0u, root->takeRequests());
-    EXPECT_EQ(before, root->schedulerLastRunTimeStamp());
-    root->suspendedIs(false);
-    EXPECT_EQ(1u, root->takeRequests());
-}
-
-TEST_F(TaskSchedulerTest, KeepsTheLongestSlipFromRequestToPass) {
-    auto const t = task();
-    Ptr<OnRun> const reactor = new OnRun(t, [&] { steady.advance(50ms), t->scheduleTask(); });
-    t->scheduleTask();
-    for (auto const& [wait, slip] : {std::pair{3ms, 0.003}, {2ms, 0.003}, {4ms, 0.004}, {-1ms, 0.004}}) {
-        steady.advance(wait);
-        auto const start = steady.now();
-        root->handleSchedulerRun();
-        EXPECT_EQ(slip, root->schedulerMaxSchedulerSlip()) << "the run itself is no slip";
-        EXPECT_EQ(start.count(), root->schedulerLastRunTimeStamp().time_since_epoch().count());
-    }
-    root->suspendedIs(true);
-    steady.advance(1s);
-    root->suspendedIs(false);
-    root->handleSchedulerRun();
-    EXPECT_EQ(0.004, root->schedulerMaxSchedulerSlip()) << "nor is a suspension";
-}
+using TaskSchedulerTest = HandTreeTest;
 
 /// The tasks that a root makes for itself, by what its interface says of each.
 struct OwnTask {
@@ -83,7 +32,6 @@ OwnTask const ownTasks[] = {
 };
 
 TEST_F(TaskSchedulerTest, ItsOwnTaskIsMadeOnceOrphanedWhenItIsDroppedAndKeepsNothing) {
-    below = nullptr;
     for (auto const& own : ownTasks) {
         SCOPED_TRACE(own.name);
         root = HandRoot::HandRootIs();

@@ -15,6 +15,8 @@
 
 namespace TestSupport {
 
+inline Seconds secondsOf(ManualClock::Duration duration) { return toSeconds(Nanoseconds(duration.count())); }
+
 /// A root that its test runs by hand: requests for a run are only counted. Its timer wheel follows the
 /// thread's clock; it does not trim its history unless told to.
 class HandRoot : public TaskSchedulerRoot {

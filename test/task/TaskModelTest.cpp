@@ -16,8 +16,6 @@ using Duration = ManualClock::Duration;
 
 constexpr Seconds most = std::numeric_limits<Seconds>::max();
 
-Seconds secondsOf(Duration duration) { return toSeconds(Nanoseconds(duration.count())); }
-
 struct Statistics {
     U32 runs = 0, of200 = 0, of500 = 0;
     U64 work = 0;
