@@ -7,7 +7,8 @@ endif()
 
 add_library(googletest STATIC
     "${KELTASK_GOOGLETEST_SOURCE}/googletest/src/gtest-all.cc"
-    "${KELTASK_GOOGLETEST_SOURCE}/googlemock/src/gmock-all.cc")
+    "${KELTASK_GOOGLETEST_SOURCE}/googlemock/src/gmock-all.cc"
+    "${KELTASK_GOOGLETEST_SOURCE}/googlemock/src/gmock_main.cc")
 foreach(part IN ITEMS googletest googlemock)
     target_include_directories(googletest SYSTEM PUBLIC "${KELTASK_GOOGLETEST_SOURCE}/${part}/include")
     target_include_directories(googletest PRIVATE "${KELTASK_GOOGLETEST_SOURCE}/${part}")

@@ -13,13 +13,12 @@
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace TestSupport;
+
 namespace asio = boost::asio;
-using Kel::TaskHandlers;
-using Mox::Ptr;
 using testing::ElementsAre;
 
-struct TaskHandlersTest : TestSupport::HandTreeTest {
+struct TaskHandlersTest : HandTreeTest {
     using Socket = asio::local::stream_protocol::socket;
 
     TaskHandlersTest() { asio::local::connect_pair(socket, peer); }
@@ -29,21 +28,21 @@ struct TaskHandlersTest : TestSupport::HandTreeTest {
         for (int step = 0; step < steps; ++step) {
             calls(static_cast<int>(t->taskRun()) * 10 + name);
             steady.advance(5ms);
-            co_await Kel::yieldIfNeeded<Executor>(t);
+            co_await yieldIfNeeded<Executor>(t);
         }
     }
     void calls(int number) { called.push_back(number); }
 
-    Ptr<Kel::EventLoop> loop = Kel::EventLoop::EventLoopIs();
-    Ptr<Kel::Task> const t = task();
+    Ptr<EventLoop> loop = EventLoop::EventLoopIs();
+    Ptr<Task> const t = task();
     Ptr<TaskHandlers> handlers = TaskHandlers::TaskHandlersIs(t, loop);
-    Kel::TaskExecutor const executor = handlers->executor();
+    TaskExecutor const executor = handlers->executor();
     Socket socket{executor}, peer{executor};
     std::vector<int> called;
 };
 
 TEST_F(TaskHandlersTest, CoroutinesOfATaskYieldWhenTheQuantumIsUsedAndTakeTurns) {
-    asio::co_spawn(executor, work<Kel::TaskExecutor>(1, 6), asio::detached);
+    asio::co_spawn(executor, work<TaskExecutor>(1, 6), asio::detached);
     asio::co_spawn(executor, work<asio::any_io_executor>(2, 6), asio::detached);
     root->runUntilIdle();
     EXPECT_THAT(called, ElementsAre(11, 11, 11, 11, 22, 22, 22, 22, 31, 31, 32, 32));
@@ -52,11 +51,11 @@ TEST_F(TaskHandlersTest, CoroutinesOfATaskYieldWhenTheQuantumIsUsedAndTakeTurns)
 }
 
 TEST_F(TaskHandlersTest, OperationsOnTheLoopWhichItHoldsCompleteInARunOfTheTaskAsLongAsItIsThere) {
-    Kel::EventLoop& running = *std::exchange(loop, nullptr);
+    EventLoop& running = *std::exchange(loop, nullptr);
     auto const owned = std::make_shared<int>();
     socket.async_wait(Socket::wait_read, [&](auto) { calls(t->taskCurrentlyRunning()); });
-    auto const waits = [this](std::shared_ptr<int>) -> asio::awaitable<void, Kel::TaskExecutor> {
-        co_await peer.async_wait(Socket::wait_read, asio::use_awaitable_t<Kel::TaskExecutor>());
+    auto const waits = [this](std::shared_ptr<int>) -> asio::awaitable<void, TaskExecutor> {
+        co_await peer.async_wait(Socket::wait_read, asio::use_awaitable_t<TaskExecutor>());
         ADD_FAILURE();
     };
     asio::co_spawn(executor, waits(owned), asio::detached);
@@ -74,10 +73,10 @@ TEST_F(TaskHandlersTest, OperationsOnTheLoopWhichItHoldsCompleteInARunOfTheTaskA
     auto const never = asio::execution::blocking.never;
     EXPECT_TRUE(asio::query(asio::require(executor, never), asio::execution::blocking) == never);
     EXPECT_FALSE(executor == asio::require(executor, never));
-    Ptr<Kel::HandlerQueue> queue = new Kel::HandlerQueue(t.ptr(), running.ioContext());
+    Ptr<HandlerQueue> queue = new HandlerQueue(t.ptr(), running.ioContext());
     queue->append([&] { EXPECT_EQ(2u, std::exchange(queue, nullptr)->references()) << "its run holds it"; });
     queue->run();
-    auto other = TaskHandlers::TaskHandlersIs(t, Kel::EventLoop::EventLoopIs());
+    auto other = TaskHandlers::TaskHandlersIs(t, EventLoop::EventLoopIs());
     auto const closed = other->executor();
     asio::post(closed, [post = std::shared_ptr<void>(nullptr, [=](void*) { asio::post(closed, [] {}); })] {});
     t->unscheduleTask();
@@ -87,9 +86,9 @@ TEST_F(TaskHandlersTest, OperationsOnTheLoopWhichItHoldsCompleteInARunOfTheTaskA
 
 /// A random program of handlers that bring and run each other, take their time, throw and end it all, beside
 /// a model: who waits, and whether the task is scheduled.
-class HandlersProgram : TestSupport::HandTree {
+class HandlersProgram : HandTree {
   public:
-    explicit HandlersProgram(TestSupport::Random& random) : random_(random) {}
+    explicit HandlersProgram(Random& random) : random_(random) {}
     ~HandlersProgram() { close(); }
 
     void step() {
@@ -169,11 +168,11 @@ class HandlersProgram : TestSupport::HandTree {
             schedule();
     }
 
-    TestSupport::Random& random_;
-    Ptr<Kel::Task> const t_ = task();
-    Ptr<Kel::EventLoop> const loop_ = Kel::EventLoop::EventLoopIs();
+    Random& random_;
+    Ptr<Task> const t_ = task();
+    Ptr<EventLoop> const loop_ = EventLoop::EventLoopIs();
     Ptr<TaskHandlers> handlers_ = TaskHandlers::TaskHandlersIs(t_, loop_);
-    Kel::TaskExecutor const executor_ = handlers_->executor();
+    TaskExecutor const executor_ = handlers_->executor();
     asio::any_io_executor const any_ = executor_; // as sockets, timers and coroutines carry it
     asio::any_io_executor const never_ = asio::require(any_, asio::execution::blocking.never);
     std::shared_ptr<int> const owned_ = std::make_shared<int>(); // by each handler
@@ -181,14 +180,13 @@ class HandlersProgram : TestSupport::HandTree {
     std::vector<Run> running_; // within each other
     bool scheduled_ = false;
     int last_ = 0, atOnce_ = 0;
-    Mox::U64 work_ = 0;
+    U64 work_ = 0;
 };
 
 TEST(TaskHandlersModel, CallsThoseThatWaitInTheirOrderInAsFewRunsAsTheQuantumAllows) {
-    TestSupport::TraceLog const log({}, "Mox");
-    TestSupport::Random random;
-    for (std::size_t programs = TestSupport::operations(500); programs > 0 && !testing::Test::HasFailure();
-         --programs)
+    TraceLog const log({}, "Mox");
+    Random random;
+    for (std::size_t programs = operations(500); programs > 0 && !testing::Test::HasFailure(); --programs)
         for (HandlersProgram program(random); !random.oneIn(200) && !testing::Test::HasFailure();)
             program.step();
 }

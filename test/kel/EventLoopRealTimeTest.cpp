@@ -16,9 +16,7 @@
 
 namespace {
 
-using Kel::EventLoop;
-using Mox::Ptr;
-using TestSupport::EventCall;
+using namespace TestSupport;
 
 /// Processor time that the thread has used.
 double processorSeconds() {
@@ -39,21 +37,21 @@ TEST(EventLoopRealTime, SleepsUntilATimerIsDueOrAnotherThreadPosts) {
             boost::asio::post(loop->ioContext(), call);
         });
     };
-    Mox::Seconds const due = Mox::now() + 0.2;
-    EventCall timer(loop, [&] { EXPECT_GE(Mox::now(), due); });
+    Seconds const due = now() + 0.2;
+    EventCall timer(loop, [&] { EXPECT_GE(now(), due); });
     timer.in(0.2);
     far.in(1e300);
-    post(400, [&] { far.in(Mox::endOfTime); });
+    post(400, [&] { far.in(endOfTime); });
     loop->run();
-    EXPECT_GE(Mox::now(), due + 0.2) << "the far timer was pending";
+    EXPECT_GE(now(), due + 0.2) << "the far timer was pending";
 
     loop->runsWhenIdleIs(true);
     post(100, [&] { loop->stop(); });
     loop->run();
-    TestSupport::VirtualTime const time; // stands still unless it is moved
+    VirtualTime const time; // stands still unless it is moved
     post(200, [&] { time.clock->nowIs(7); });
     loop->runUntil(7);
-    EXPECT_EQ(7, Mox::now()) << "it did not wait";
+    EXPECT_EQ(7, now()) << "it did not wait";
     EXPECT_LT(processorSeconds() - usedBefore, 0.08) << "the loop went round instead of sleeping";
 }
 
@@ -65,7 +63,7 @@ TEST(EventLoopRealTime, ApplicationsIoContextSleepsAndReturnsWhenNothingIsPendin
     late.in(0.1);
     for (char const name : {'a', 'c'}) {
         never.in(3600);
-        boost::asio::post(ioContext, [&, name] { order += name, never.in(Mox::endOfTime); });
+        boost::asio::post(ioContext, [&, name] { order += name, never.in(endOfTime); });
         // With a loop goes what it asked of the io_context.
         Ptr<EventLoop> gone = EventLoop::EventLoopIs(ioContext);
         std::make_unique<EventCall>(gone, [&] { order += '!'; })->in(0);

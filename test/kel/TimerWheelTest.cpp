@@ -1,9 +1,8 @@
 #include <kel/EventLoopTimerWheel.h>
 
-#include <mox/TraceHandle.h>
-
 #include <support/Calls.h>
 #include <support/Random.h>
+#include <support/TraceLog.h>
 #include <support/VirtualTime.h>
 
 #include <gtest/gtest.h>
@@ -18,12 +17,8 @@
 
 namespace {
 
-using Kel::TimerWheel;
-using Mox::Ptr;
-using Mox::S64;
-using Mox::Seconds;
-
-using Timer = TestSupport::TimerCall<TimerWheel::NotifieeConst>;
+using namespace TestSupport;
+using Timer = TimerCall<TimerWheel::NotifieeConst>;
 
 constexpr Seconds tickSeconds = 0.01;
 
@@ -45,9 +40,9 @@ S64 tickOf(Seconds time) {
 /// also throw, against a set sorted by ticks. The wheel has a loop and a clock of its own.
 class WheelProgram {
   public:
-    WheelProgram(bool movesLazily, Mox::U32 buckets, Seconds start)
-        : wheel_(Kel::EventLoopTimerWheel::EventLoopTimerWheelIs(nullptr, clock_, 10, 8640000, movesLazily,
-                                                                 buckets, loop_)) {
+    WheelProgram(bool movesLazily, U32 buckets, Seconds start)
+        : wheel_(EventLoopTimerWheel::EventLoopTimerWheelIs(nullptr, clock_, 10, 8640000, movesLazily,
+                                                            buckets, loop_)) {
         clock_->nowIs(start);
         for (Slot& slot : slots_)
             renew(slot);
@@ -66,7 +61,7 @@ class WheelProgram {
   private:
     struct Slot {
         Ptr<Timer> timer;
-        Seconds at = Mox::endOfTime;
+        Seconds at = endOfTime;
         std::size_t armedInTurn = 0;
     };
     S64 nextTick() const { return model_.empty() ? farTick : model_.begin()->first; }
@@ -81,7 +76,7 @@ class WheelProgram {
     }
     void forget(Slot& slot) {
         model_.erase({tickOf(slot.at), &slot});
-        slot.at = Mox::endOfTime;
+        slot.at = endOfTime;
     }
 
     void change() {
@@ -98,9 +93,9 @@ class WheelProgram {
         case 3: return slot.timer->notifierIs(nullptr), slot.timer->notifierIs(wheel_);
         case 4: return renew(slot);
         }
-        slot.at = random_.oneIn(5) ? Mox::endOfTime : someTime();
+        slot.at = random_.oneIn(5) ? endOfTime : someTime();
         slot.timer->timeMinIs(slot.at);
-        if (slot.at != Mox::endOfTime)
+        if (slot.at != endOfTime)
             model_.emplace(tickOf(slot.at), &slot);
         slot.armedInTurn = turns_;
     }
@@ -126,7 +121,7 @@ class WheelProgram {
         loop_->runOnce();
         for (Slot& slot : slots_)
             if (slot.at <= clock_->now() && timeOf(tickOf(slot.at)) <= clock_->now()) {
-                bool const isSpent = slot.timer->timeMin() == Mox::endOfTime && isDeaf(slot);
+                bool const isSpent = slot.timer->timeMin() == endOfTime && isDeaf(slot);
                 ASSERT_TRUE(isSpent || slot.armedInTurn >= turn) << "it is due and was not called";
                 if (isSpent)
                     forget(slot);
@@ -140,7 +135,7 @@ class WheelProgram {
         ASSERT_LE(slot.at, clock_->now()) << "early, or not armed";
         ASSERT_LE(lastTick_, tickOf(slot.at)) << "not in the order of ticks";
         ASSERT_NE(turns_, slot.armedInTurn) << "in the turn in which it was armed";
-        ASSERT_EQ(Mox::endOfTime, slot.timer->timeMin());
+        ASSERT_EQ(endOfTime, slot.timer->timeMin());
         lastTick_ = nested_ == 0 ? tickOf(slot.at) : lastTick_;
         forget(slot);
         for (std::size_t changes = random_.below(3); changes > 0; --changes)
@@ -151,9 +146,9 @@ class WheelProgram {
             throw 1;
     }
 
-    Ptr<Kel::EventLoop> const loop_ = Kel::EventLoop::EventLoopIs();
-    Ptr<Mox::VirtualClock> const clock_ = Mox::VirtualClock::VirtualClockIs();
-    TestSupport::Random random_;
+    Ptr<EventLoop> const loop_ = EventLoop::EventLoopIs();
+    Ptr<VirtualClock> const clock_ = VirtualClock::VirtualClockIs();
+    Random random_;
     Ptr<TimerWheel> const wheel_;
     std::set<std::pair<S64, Slot*>> model_;
     std::array<Slot, 100> slots_;
@@ -163,16 +158,15 @@ class WheelProgram {
 
 TEST(TimerWheelModel, FiresWhatASortedSetFires) {
     constexpr Seconds shortOf32Bits = 42949672.96 - 600.0; // in ticks
-    Mox::TraceHandle::traceHandle("Mox").sinkIs([](auto&) {});
-    std::size_t const steps = TestSupport::operations(250'000);
-    for (Mox::U32 const buckets : {1024u, 5u})
+    TraceLog const log({}, "Mox");
+    std::size_t const steps = operations(250'000);
+    for (U32 const buckets : {1024u, 5u})
         for (bool const movesLazily : {true, false}) {
             WheelProgram program(movesLazily, buckets, buckets == 5 ? shortOf32Bits : 0.0);
             for (std::size_t step = 0; step < steps && !testing::Test::HasFailure(); ++step)
                 program.step();
             EXPECT_GT(program.fired(), steps / 8) << buckets;
         }
-    Mox::TraceHandle::traceHandle("Mox").sinkIs(nullptr);
 }
 
 /// Timers by name on a wheel of 10 milliseconds a tick; each writes down its name when it fires.
@@ -183,7 +177,7 @@ struct TimerWheelTest : testing::Test {
         return made;
     }
 
-    TestSupport::VirtualTime time{true};
+    VirtualTime time{true};
     Ptr<TimerWheel> wheel = TimerWheel::TimerWheelIs(nullptr, nullptr, 10, 8640000, true, 1024);
     std::string order;
 };
@@ -204,20 +198,20 @@ TEST_F(TimerWheelTest, IsThereUntilItsPollEndsThoughAnExpiryLetsItGo) {
 // With nothing due there are no wake-ups, and few after timeouts as servers have them: each request arms one
 // and disarms it long before it is due. The far future never comes.
 TEST_F(TimerWheelTest, WakesSeldomBesidesWhatIsDue) {
-    Ptr<Timer> const far = timer('f', 1e5), timeout = timer('t', Mox::endOfTime);
+    Ptr<Timer> const far = timer('f', 1e5), timeout = timer('t', endOfTime);
     time.manager->runUntil(3600.0);
     EXPECT_EQ(0u, wheel->wakeups());
-    constexpr Mox::U64 seconds = 1000;
-    for (Mox::U64 request = 0; request < seconds * 20; ++request) {
-        timeout->timeMinIs(Mox::now() + 5.0);
-        time.manager->runUntil(Mox::now() + 0.025);
-        timeout->timeMinIs(Mox::endOfTime);
-        time.manager->runUntil(Mox::now() + 0.025);
+    constexpr U64 seconds = 1000;
+    for (U64 request = 0; request < seconds * 20; ++request) {
+        timeout->timeMinIs(now() + 5.0);
+        time.manager->runUntil(now() + 0.025);
+        timeout->timeMinIs(endOfTime);
+        time.manager->runUntil(now() + 0.025);
     }
     EXPECT_LE(wheel->wakeups(), seconds);
-    for (Seconds const at : {Mox::endOfTime, 1e18, std::numeric_limits<Seconds>::max()}) {
+    for (Seconds const at : {endOfTime, 1e18, std::numeric_limits<Seconds>::max()}) {
         far->timeMinIs(at);
-        EXPECT_EQ(Mox::endOfTime, time.manager->nextDue());
+        EXPECT_EQ(endOfTime, time.manager->nextDue());
     }
     far->timeMinIs(1e4);
     time.manager->run();

@@ -1,5 +1,6 @@
 #include <mox/HashMap.h>
 
+#include <support/Names.h>
 #include <support/Random.h>
 
 #include <gtest/gtest.h>
@@ -9,14 +10,14 @@
 
 namespace {
 
-using Mox::U32;
+using namespace TestSupport;
 
 /// Three keys share each hash; the hashes are multiples of 16, as addresses are. A sorted map has them in the
 /// order of the hash map.
 struct Key {
     U32 number;
     U32 hash() const { return number / 3 * 16; }
-    auto place() const { return std::pair(Mox::hashOrder(*this), number); }
+    auto place() const { return std::pair(hashOrder(*this), number); }
     friend bool operator==(Key const&, Key const&) = default;
     friend auto operator<=>(Key const& a, Key const& b) { return a.place() <=> b.place(); }
 };
@@ -28,10 +29,10 @@ template <class At, class Wanted> void expectSame(At at, At atEnd, Wanted wanted
 }
 
 TEST(HashMap, ARandomProgramDoesWhatASortedMapDoes) {
-    TestSupport::Random random;
-    Mox::HashMap<Key, int> map;
+    Random random;
+    HashMap<Key, int> map;
     std::map<Key, int> model;
-    std::size_t const steps = TestSupport::operations(300'000);
+    std::size_t const steps = operations(300'000);
     for (std::size_t step = 0; step < steps && !testing::Test::HasFatalFailure(); ++step) {
         // The keys in use grow, so that the table grows while it is walked, and holds few and many.
         Key const key{static_cast<U32>(random.below(10 + step / 10))};

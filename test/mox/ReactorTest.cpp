@@ -2,6 +2,7 @@
 #include <mox/ReactorList.h>
 #include <mox/TraceHandle.h>
 
+#include <support/Names.h>
 #include <support/Random.h>
 
 #include <gtest/gtest.h>
@@ -15,24 +16,23 @@
 
 namespace {
 
-using Mox::Ptr;
-using Mox::U32;
+using namespace TestSupport;
 
 /// A notifying type.
-class Lamp : public Mox::PtrInterface {
+class Lamp : public PtrInterface {
   public:
     class NotifieeConst;
-    using Notifiee = Mox::NonConstNotifieeOf<Lamp, NotifieeConst>;
+    using Notifiee = NonConstNotifieeOf<Lamp, NotifieeConst>;
     enum : U32 { light };
 
     void lightUp() const { reactors_.notify<light>(); }
-    Mox::ReactorChain* moxReactors() const { return &reactors_; }
+    ReactorChain* moxReactors() const { return &reactors_; }
 
   private:
-    mutable Mox::ReactorList<NotifieeConst> reactors_;
+    mutable ReactorList<NotifieeConst> reactors_;
 };
 
-class Lamp::NotifieeConst : public Mox::NotifieeOf<Lamp> {
+class Lamp::NotifieeConst : public NotifieeOf<Lamp> {
   public:
     virtual void onLight() {}
     static constexpr auto callback(U32) { return &NotifieeConst::onLight; }
@@ -88,7 +88,7 @@ struct RandomWalks {
             bool const isThere =
                 std::ranges::any_of(members, [&](auto& m) { return m && m->number == number; });
             thrown += (isThere ? std::to_string(number) : "A reactor threw: too dark") + ' ';
-            throw Mox::RangeException("too dark");
+            throw RangeException("too dark");
         }
     }
     void change() {
@@ -109,7 +109,7 @@ struct RandomWalks {
             tickets[member->ticket = ++lastTicket] = member.ptr();
     }
 
-    TestSupport::Random random;
+    Random random;
     Ptr<Lamp> const lamp = new Lamp;
     std::array<Ptr<Member>, 8> members;
     std::map<std::size_t, Member*> tickets;
@@ -121,9 +121,9 @@ struct RandomWalks {
 
 TEST(RandomWalks, TellWhomTheModelTells) {
     RandomWalks program;
-    Mox::TraceHandle& trace = Mox::TraceHandle::traceHandle("Mox");
-    trace.sinkIs([&](Mox::TraceRecord const& r) { program.caught += std::string(r.text) + ' '; });
-    for (std::size_t left = TestSupport::operations(100'000); left > 0 && !HasFailure(); --left) {
+    TraceHandle& trace = TraceHandle::traceHandle("Mox");
+    trace.sinkIs([&](TraceRecord const& r) { program.caught += std::string(r.text) + ' '; });
+    for (std::size_t left = operations(100'000); left > 0 && !HasFailure(); --left) {
         program.change();
         program.walk();
         EXPECT_EQ(std::exchange(program.thrown, ""), std::exchange(program.caught, ""));

@@ -1,15 +1,16 @@
 #define MOX_SOURCE_NAME "TraceHandleTest"
 #include <mox/TraceHandle.h>
 
+#include <support/Names.h>
+
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <string>
 
 namespace {
 
-using Mox::TraceHandle;
+using namespace TestSupport;
 
 TEST(TraceHandle, EnvironmentEnablesLevelsAtTheStart) {
     std::pair<char const*, char const*> const cases[] = {
@@ -20,7 +21,7 @@ TEST(TraceHandle, EnvironmentEnablesLevelsAtTheStart) {
         setenv("MOX_TRACE", environment, 1);
         TraceHandle const handle("Pump");
         std::string enabled;
-        for (Mox::U32 level = 0; level <= 9; ++level)
+        for (U32 level = 0; level <= 9; ++level)
             if (handle.levelEnabled(level))
                 enabled += std::to_string(level);
         EXPECT_EQ(wanted, enabled) << environment;
@@ -33,12 +34,12 @@ TEST(TraceHandle, FormatsOnlyWhatIsEnabledForItsSinkOrAsOneLineOnStandardError) 
     std::string sunk;
     int formatted = 0;
     auto const trace = [&] {
-        for (Mox::U32 level : {3u, 4u, 5u})
+        for (U32 level : {3u, 4u, 5u})
             MOX_TRACE_AT(handle, level, "100 %s {} of it " << ++formatted);
     };
     testing::internal::CaptureStderr();
     handle.levelEnabledIs(4, true);
-    handle.sinkIs([&](Mox::TraceRecord const& r) {
+    handle.sinkIs([&](TraceRecord const& r) {
         sunk += std::string(r.handle.name()) + std::string(r.text);
         handle.sinkIs(nullptr); // the default again, from the next one on
     });

@@ -113,6 +113,12 @@ class RandomSchedule {
             ASSERT_EQ(std::ranges::count_if(slots_, isOfIt), stats.runnableTasks() + stats.idleTasks());
             ASSERT_EQ(model_.queues[p].dead, stats.deadTasks());
         }
+        U32 dead = 0;
+        for (auto const& [name, stat] : tree_.root->deadTaskStats())
+            dead += stat.taskDeadCount();
+        for (auto const& queue : model_.queues)
+            dead -= queue.dead;
+        ASSERT_EQ(0u, dead);
         slip_ = {};
         tree_.root->schedulerMaxSchedulerSlipInternalIs(TaskTimeDuration(0));
         ASSERT_EQ(0u, tree_.root->moxAuditErrors(1));

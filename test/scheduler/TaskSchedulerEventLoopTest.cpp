@@ -4,10 +4,6 @@
 
 #include <gmock/gmock.h>
 
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
-
 namespace {
 
 using namespace TestSupport;
@@ -58,19 +54,6 @@ TEST_F(TaskSchedulerEventLoopTest, WithoutItsClockARequestIsDropped) {
     EXPECT_EQ(1u, t->taskRun());
 }
 
-TEST_F(TaskSchedulerEventLoopTest, TasksKeepTheirTreeThoughRootAndLoopAreReleased) {
-    auto const name = root->nameRecord();
-    auto armed = TimerTask::TimerTaskIs(root, TaskPriority::low, "armed");
-    root->resetStats();
-    loop->runUntil(1.0); // goes idle: the trim task is there as well
-    armed->scheduleTask();
-    armed->scheduleTaskDelay(1.0);
-    root = nullptr, loop = nullptr;
-    armed->taskRunFromTest();
-    armed = nullptr;
-    EXPECT_EQ(1u, name->use_count());
-}
-
 TEST(TaskSchedulerEventLoopDeathTest, RootInAGlobalVariableDiesAfterTheThreadsLocals) {
     auto const leaveBehind = [] {
         static auto const global = [] {
@@ -88,21 +71,6 @@ TEST(TaskSchedulerEventLoopDeathTest, RootInAGlobalVariableDiesAfterTheThreadsLo
         std::exit(0);
     };
     EXPECT_EXIT(leaveBehind(), testing::ExitedWithCode(0), "");
-}
-
-TEST_F(TaskSchedulerEventLoopTest, ForkedChildGoesOnWithItsOwnLoopAndUsesTheTreeFromAnyThread) {
-    auto const t = TimerTask::TimerTaskIs(root, TaskPriority::normal, "t");
-    t->scheduleTaskDelay(1.0);
-    pid_t const child = fork();
-    loop->runUntil(2.0);
-    if (child == 0) {
-        std::thread([&] { t->scheduleTask(); }).join();
-        _exit(t->taskRun() == 1 ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_EQ(0, status);
-    EXPECT_EQ(1u, t->taskRun());
 }
 
 } // namespace

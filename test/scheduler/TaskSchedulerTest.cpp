@@ -126,14 +126,4 @@ TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLoseAndNotifyOfWhatChanges)
     EXPECT_THROW(r->tasksRegisteredIs(nullptr), RangeException);
 }
 
-TEST_F(TaskSchedulerTest, WhatIsMissingEndsTheProcess) {
-    auto const base = TaskScheduler::TaskSchedulerIs("base", root.ptr());
-    auto const bare = TaskSchedulerRoot::TaskSchedulerRootIs("bare");
-    auto const rootless = TaskScheduler::TaskSchedulerIs("rootless", nullptr);
-    EXPECT_DEATH(base->requestSchedulerRun(), "Must be implemented by derived class");
-    EXPECT_DEATH(bare->requestSchedulerRun(), "Must be implemented by derived class");
-    EXPECT_DEATH(base->printHistory(StringDumpContext::StringDumpContextIs(), 0), "Must override in derived");
-    EXPECT_DEATH(Task::TaskIs(rootless, low, "t"), "__null != root_");
-}
-
 } // namespace

@@ -69,12 +69,19 @@ TEST_F(TaskTest, MisuseEndsTheProcess) {
     constexpr Seconds nan = std::numeric_limits<Seconds>::quiet_NaN();
     auto const t = timerTask();
     auto const bare = TaskSchedulerRoot::TaskSchedulerRootIs("bare");
+    auto const base = TaskScheduler::TaskSchedulerIs("base", root.ptr());
+    auto const rootless = TaskScheduler::TaskSchedulerIs("rootless", nullptr);
     Ptr<OnRun> const destroys = new OnRun(t, [&] { t->taskRecord()->destroyed(); });
     TaskTimeStamp end, late = SteadyClock::now() + Nanoseconds(1);
     std::pair<std::function<void()>, char const*> const cases[] = {
         {[&] { Task::TaskIs(nullptr, TaskPriority::normal, "t"); },
          "__null != taskScheduler_, source Task, function handleInitialized"},
+        {[&] { Task::TaskIs(rootless, TaskPriority::normal, "t"); }, "__null != root_"},
         {[&] { TimerTask::TimerTaskIs(bare, TaskPriority::normal, "t"); }, "__null != timerWheel"},
+        {[&] { bare->requestSchedulerRun(); }, "Must be implemented by derived class"},
+        {[&] { base->requestSchedulerRun(); }, "Must be implemented by derived class"},
+        {[&] { base->printHistory(StringDumpContext::StringDumpContextIs(), 0); },
+         "Must override in derived"},
         {[&] { task("t", TaskPriority::oneBeyondLast); },
          "priority.isValid(), source TaskScheduler, function taskRegister"},
         {[&] { root->taskRegister(t.ptr()); }, "__null == tasksRegistered( task->taskKey() )"},
@@ -111,6 +118,9 @@ TEST_F(TaskTest, ForeignThreadEndsTheProcess) {
     for (auto const act : cases)
         EXPECT_DEATH(inAnotherThread(act),
                      HasSubstr("schedulerThread_.isCurrent() || !schedulerPid_.isCurrent(), source"));
+    auto const inherited = timerTask();
+    EXPECT_EXIT((std::thread([&] { inherited->scheduleTask(); }).join(), std::_Exit(0)),
+                testing::ExitedWithCode(0), "");
 }
 
 TEST_F(TaskTest, MayBeReleasedWhileItWakesItsScheduler) {
