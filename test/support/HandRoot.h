@@ -62,12 +62,10 @@ class HandScheduler : public TaskScheduler {
   public:
     using TaskScheduler::TaskScheduler;
     void requestSchedulerRun() override {
-        ++requests;
         if (atRequest)
             atRequest();
     }
 
-    U32 requests = 0;
     std::function<void()> atRequest;
 };
 

@@ -42,6 +42,7 @@ class TaskProgram : HandTree {
         if (!isOver())
             return static_cast<void>(takeEvents());
         EXPECT_FALSE(record_->isAlive());
+        EXPECT_EQ(0u, root->deadTaskStats("t")->taskStatus().value() & 6u) << "timer and queue are left";
         EXPECT_EQ(0u, root->tasksRegistered().size() + root->timerWheel()->armed() + root->runUntilIdle());
     }
     /// The events that the operations make; the others are those of the first run.

@@ -137,19 +137,6 @@ TEST_F(TaskTest, MayBeReleasedWhileItWakesItsScheduler) {
     }
 }
 
-TEST_F(TaskTest, DiesWholeWhileItsEventsGoOnShowingIt) {
-    auto queued = task("queued", TaskPriority::low);
-    auto armed = timerTask("armed");
-    queued->scheduleTask();
-    armed->scheduleTaskDelay(1.0);
-    steady.advance(3ms);
-    queued = nullptr, armed = nullptr;
-    EXPECT_EQ("schedule   L queued", root->takeHistory().front());
-    EXPECT_EQ(0u, root->timerWheel()->armed());
-    EXPECT_EQ(0.003, root->deadTaskStats("queued")->taskLastSchedulingLatency());
-    EXPECT_EQ(0x01u, root->deadTaskStats("armed")->taskStatus().value()) << "whose timer is off";
-}
-
 TEST_F(TaskTest, ReactorThatItsNotifierOwnsLetsItGo) {
     struct Owner : Task {
         using Task::Task;
