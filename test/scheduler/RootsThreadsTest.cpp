@@ -1,3 +1,4 @@
+#include <mox/TraceHandle.h>
 #include <scheduler/TaskSchedulerEventLoop.h>
 
 #include <support/TaskReactors.h>
@@ -5,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 namespace {
@@ -36,10 +38,20 @@ void useATree(U32 runs) {
     EXPECT_EQ(0u, root->moxAuditErrors(1));
 }
 
-TEST(Roots, OneAThreadRunSideBySide) {
+TEST(Roots, OneAThreadRunSideBySideWhileWhatTheyTraceIsSwitched) {
+    TraceHandle& trace = TraceHandle::traceHandle("TaskScheduler");
+    std::atomic<int> traced = 0;
+    trace.sinkIs([&](TraceRecord const&) { ++traced; });
+    trace.levelEnabledIs(8, true); // each run
     std::thread first(useATree, 2000), second(useATree, 2000);
+    for (U32 step = 0; step < 100'000; ++step)
+        trace.levelEnabledIs(step % 10, step % 3 != 0);
     first.join();
     second.join();
+    for (U32 level = 0; level < 10; ++level)
+        trace.levelEnabledIs(level, false);
+    trace.sinkIs(nullptr);
+    EXPECT_GT(traced, 0);
 }
 
 } // namespace
