@@ -2,13 +2,13 @@
 
 #include "Expiry.h"
 #include "LeastPass.h"
+#include "SipHash.h"
 #include "Text.h"
 
 #include <group/TaskGroup.h>
 
 #include <boost/unordered/unordered_flat_map.hpp>
 
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,7 +17,8 @@ namespace KelKv {
 
 /// The keys and their values.
 ///
-/// The table is cut into shards by the keys' hashes, each a small hash map. That bounds what one step costs:
+/// The table is cut into shards by the keys' hashes, each a small hash map; the hashes are this store's own,
+/// so that no client can choose keys that crowd one. That bounds what one step costs:
 /// only a shard's few hundred keys move when it grows, so that no SET has to move a million, and only they
 /// are freed at a time. It also makes walking simple: a key changes neither its shard nor its hash, so a walk
 /// that visits shard after shard, and in each the hashes in ascending ranges, each range in one step, sees
@@ -82,6 +83,8 @@ class Store {
     void expire(std::string_view key, Expiry const& expiry);
 
     /// For walks. Requires: less than `shards`.
+    /// What chooses a key's shard, and its place in it, for as long as the store is there.
+    std::size_t hashOf(std::string_view key) const { return static_cast<std::size_t>(hash_(key)); }
     Shard const& shard(std::size_t number) const { return table_[number]; }
 
     /// Where the store leaves what is large.
@@ -90,7 +93,7 @@ class Store {
   private:
     using KeyView = Hashed<std::string_view>;
 
-    static KeyView hashed(std::string_view key) { return {key, std::hash<std::string_view>{}(key)}; }
+    KeyView hashed(std::string_view key) const { return {key, hashOf(key)}; }
     Shard& shardOf(KeyView const& key) { return table_[key.hash % shards]; }
     bool erase(Shard& shard, Shard::iterator at);
 
@@ -101,6 +104,7 @@ class Store {
     Mox::Ptr<Scavenger> const scavenger_;
     std::vector<Shard> table_;
     std::size_t size_ = 0;
+    SipHash<> const hash_{randomHashKey()};
     std::size_t expiring_ = 0;
     Mox::U64 expired_ = 0;
     Mox::U64 released_ = 0;

@@ -57,6 +57,21 @@ using KeyWalkTest = EngineTest;
 
 } // namespace
 
+// The paper's text (appendix A), and what Python's hash() says of bytes with PYTHONHASHSEED=0.
+TEST_F(KeyWalkTest, HashesAreThoseOfSipHashAndEachStoresOwn) {
+    std::string bytes;
+    for (char i = 0; i < 15; ++i)
+        bytes += i;
+    EXPECT_EQ((SipHash<2, 4>({0x0706050403020100, 0x0f0e0d0c0b0a0908})(bytes)), 0xa129ca6149be45e5);
+    for (auto const& [text, hash] : {std::pair<std::string_view, std::uint64_t>{"a", 0x407448d2b89b1813},
+                                     {"abcdefg", 0x6db12aae9070f506},
+                                     {"abcdefgh", 0x3f7b849c0b8e35ea},
+                                     {"key:000000012345", 0x286cb3dfebab533d},
+                                     {bytes, 0xf30eb725bb91c9ea}})
+        EXPECT_EQ(SipHash<>({0, 0})(text), hash) << text;
+    EXPECT_NE(Engine(loop).store.hashOf("a"), store.hashOf("a"));
+}
+
 // Keys crowd in a few shards. With longer patterns a step visits all of a shard, a part of it, less than a
 // key.
 TEST_F(KeyWalkTest, FindsWhatIsThereThroughoutOnce) {
@@ -64,7 +79,7 @@ TEST_F(KeyWalkTest, FindsWhatIsThereThroughoutOnce) {
     std::vector<std::string> names;
     for (std::size_t i = 0; names.size() < 400; ++i) {
         std::string const name = "k" + std::to_string(i) + std::string(i % 4 * 1000, 'x');
-        if (std::hash<std::string_view>{}(name) % Store::shards % 1024 == 1023)
+        if (store.hashOf(name) % Store::shards % 1024 == 1023)
             names.push_back(name);
     }
     std::set<std::string> model, changed;
@@ -98,7 +113,7 @@ TEST_F(KeyWalkTest, NoStepIsLongHoweverLongKeyAndPatternAre) {
     for (char const* key : {"one", "two", "three"})
         store.set(key + std::string(20000, 'a'), "");
     std::string last(20000, 'a'); // the last that is visited
-    while (std::hash<std::string_view>{}(last) % Store::shards != Store::shards - 1)
+    while (store.hashOf(last) % Store::shards != Store::shards - 1)
         last += 'a';
     store.set(last, "");
     Walked all(*this, "*****");
