@@ -59,6 +59,8 @@ Store::Value& Store::set(std::string_view key, Text&& text) {
     Shard& shard = shardOf(view);
     auto at = shard.find(view);
     if (at == shard.end()) {
+        if (shard.bucket_count() == 0)
+            taken_.push_back(static_cast<std::uint16_t>(&shard - table_.data()));
         at = shard.try_emplace(Key{std::string(key), view.hash}).first;
         ++size_;
     }
@@ -87,8 +89,19 @@ bool Store::erase(Shard& shard, Shard::iterator at) {
     return !wasDue;
 }
 
+/// A new table for many keys; for a few, what has room only: a client may ask for this as often as it likes.
 void Store::clear() {
-    scavenger_->add(std::make_unique<Remnants>(std::exchange(table_, std::vector<Shard>(shards))));
+    if (taken_.empty())
+        return;
+    bool const isMany = taken_.size() > shards / 8;
+    std::vector<Shard> remnants(isMany ? shards : taken_.size());
+    if (isMany)
+        remnants.swap(table_);
+    else
+        for (std::size_t i = 0; i < taken_.size(); ++i)
+            remnants[i].swap(table_[taken_[i]]);
+    scavenger_->add(std::make_unique<Remnants>(std::move(remnants)));
+    taken_.clear();
     released_ += size_ > 0 ? std::uint64_t{1} << 40 : 0; // nobody asks how long all texts are
     size_ = expiring_ = 0;
 }

@@ -62,7 +62,8 @@ class Store {
     Value& set(std::string_view key, Text&& text);
     /// False when there was no such key.
     bool erase(std::string_view key);
-    /// Takes everything out at once; the memory is freed by and by.
+    /// Takes everything out at once, in the time that it takes to go through the shards that have room; the
+    /// memory is freed by and by.
     void clear();
     /// All keys, also those that are due and not erased yet.
     std::size_t size() const { return size_; }
@@ -105,6 +106,7 @@ class Store {
     std::vector<Shard> table_;
     std::size_t size_ = 0;
     SipHash<> const hash_{randomHashKey()};
+    std::vector<std::uint16_t> taken_; // the shards that have room for keys
     std::size_t expiring_ = 0;
     Mox::U64 expired_ = 0;
     Mox::U64 released_ = 0;
