@@ -10,14 +10,12 @@
 namespace KelKv {
 
 namespace {
-constexpr std::size_t headerLine = 32;     // the longest line that holds only a number
-constexpr std::size_t copiedMax = 1 << 12; // bytes of a word that is copied beside the others
-constexpr std::size_t wordsKept = 64;      // room that the next request finds
+constexpr std::size_t headerLine = 32;         // the longest line that holds only a number
+constexpr std::size_t partialKept = 1 << 12;   // bytes of room that the next word finds
+constexpr std::size_t droppedAtOnce = 1 << 18; // bytes of a request
 constexpr std::string_view wordEnd = "\r\n";
 } // namespace
 
-/// What a request leaves may be large: a million words are freed as a whole, their bytes in a few large
-/// pieces, the long texts by the scavenger.
 void RequestParser::reset() {
     state_ = State::incomplete;
     phase_ = Phase::line;
@@ -34,18 +32,23 @@ void RequestParser::discard() {
     partial_ = std::move(line);
 }
 
+/// A long text holds the scavenger, and so may not be left to it.
 void RequestParser::drop() {
-    kept_ = 0;
     whole_ = {};
     longWord_ = nullptr;
-    words_.clear();
-    if (words_.capacity() > wordsKept)
-        words_.shrink_to_fit();
+    for (std::size_t const place : longWords_)
+        words_[place].text = nullptr;
+    longWords_.clear();
     partial_.clear();
-    if (partial_.capacity() > copiedMax)
+    if (partial_.capacity() > partialKept)
         partial_.shrink_to_fit();
-    longer_.clear();
-    bytes_.release();
+    TextCopies::Blocks copies = copies_.take();
+    if (scavenger_ && kept_ > droppedAtOnce) {
+        scavenger_->add(std::make_unique<RemainsOf<TextCopies::Blocks>>(std::move(copies)));
+        scavenger_->add(std::make_unique<RemainsOf<WordList::Blocks>>(words_.take()));
+    }
+    words_.clear();
+    kept_ = paidFor_ = 0;
 }
 
 std::size_t RequestParser::take(std::string_view input) {
@@ -109,7 +112,7 @@ void RequestParser::takeWordsOf(std::string_view line) {
                 takeQuoted(line, word);
             else
                 word += line.front(), line.remove_prefix(1);
-        add(copy(word));
+        add(copies_.copy(word));
     }
     if (state_ == State::incomplete)
         state_ = State::complete;
@@ -189,7 +192,7 @@ void RequestParser::keep(std::string_view bytes) {
     else if (left_ > 0 || !partial_.empty())
         partial_.append(bytes);
     else
-        whole_ = copy(bytes);
+        whole_ = copies_.copy(bytes);
 }
 
 void RequestParser::takeWordEnd(std::string_view& input) {
@@ -202,7 +205,7 @@ void RequestParser::takeWordEnd(std::string_view& input) {
     if (longWord_)
         add(std::exchange(longWord_, nullptr));
     else
-        add(partial_.empty() ? std::exchange(whole_, {}) : copy(partial_));
+        add(partial_.empty() ? std::exchange(whole_, {}) : copies_.copy(partial_));
     partial_.clear();
     if (taken_ == announced_)
         state_ = State::complete;
@@ -212,15 +215,20 @@ void RequestParser::add(Word word) {
     ++taken_;
     if (isDiscarded_)
         return;
+    if (word.text)
+        longWords_.push_back(words_.size());
     kept_ += sizeof(Word);
     words_.push_back(std::move(word));
+    if (kept_ - paidFor_ >= TextCopies::blockMax)
+        payForRoom();
 }
 
-std::string_view RequestParser::copy(std::string_view word) {
-    if (word.size() > copiedMax)
-        return longer_.emplace_back(word);
-    auto* const place = static_cast<char*>(bytes_.allocate(word.size(), 1));
-    return {place, word.copy(place, word.size())};
+/// The scavenger is one among those who take turns: left to it alone, what many clients' large requests leave
+/// would grow faster than it is freed.
+void RequestParser::payForRoom() {
+    paidFor_ = kept_;
+    if (scavenger_)
+        scavenger_->dropOne();
 }
 
 } // namespace KelKv

@@ -1,20 +1,15 @@
 #pragma once
 
 #include "Text.h"
+#include "TextCopies.h"
+#include "WordList.h"
 
-#include <array>
 #include <cstddef>
-#include <deque>
-#include <memory_resource>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace KelKv {
-
-/// A request's command and its arguments.
-using Arguments = std::span<Word const>;
 
 /// The largest request. What it takes to work on one is cut into steps; these bound what it takes to keep it.
 struct Limits {
@@ -27,13 +22,17 @@ struct Limits {
 /// Parses RESP requests, and lines of words, from input that comes in pieces.
 ///
 /// It keeps the words of the request under way, so that the input is done with as soon as it is taken; each
-/// byte is looked at once. A client's announcement of a size reserves nothing.
+/// byte is looked at once. A client's announcement of a size reserves nothing. What a large request leaves is
+/// the scavenger's, and who sends large ones frees as much of what others left.
 class RequestParser {
   public:
     enum class State { incomplete, complete, malformed };
 
     /// A null scavenger is for those who know of no long words.
     explicit RequestParser(Mox::Ptr<Scavenger> scavenger = nullptr) : scavenger_(std::move(scavenger)) {}
+    ~RequestParser() { drop(); }
+    RequestParser(RequestParser const&) = delete;
+    RequestParser& operator=(RequestParser const&) = delete;
 
     /// Takes what belongs to the request under way; how many bytes that were.
     std::size_t take(std::string_view input);
@@ -67,7 +66,7 @@ class RequestParser {
     void takeWordEnd(std::string_view& input);
     void keep(std::string_view bytes);
     void add(Word word);
-    std::string_view copy(std::string_view word);
+    void payForRoom();
     void fail(std::string error);
     void drop();
 
@@ -87,10 +86,10 @@ class RequestParser {
     std::string_view whole_; // copied
     LongTextPtr longWord_;
 
-    std::array<std::byte, 512> firstBytes_;
-    std::pmr::monotonic_buffer_resource bytes_{firstBytes_.data(), firstBytes_.size()}; // of short words
-    std::deque<std::string> longer_;                                                    // of some KiB
-    std::vector<Word> words_;
+    TextCopies copies_; // of words that are not long
+    WordList words_;
+    std::vector<std::size_t> longWords_; // their places
+    std::size_t paidFor_ = 0;            // bytes of those that it keeps
 };
 
 } // namespace KelKv

@@ -59,14 +59,21 @@ class Scavenger : public Kel::Task::Notifiee {
         }
     }
 
-    /// One piece at least, however short the quantum is.
-    void onTaskRun() override {
+    /// Frees a piece of what there is, for somebody who takes as much; false when there was none.
+    bool dropOne() {
         while (!remains_.empty()) {
             if (remains_.back()->dropOne())
-                task_->taskWorkCountInc(1);
-            else
-                remains_.pop_back();
-            if (!remains_.empty() && task_->taskShouldYield())
+                return true;
+            remains_.pop_back();
+        }
+        return false;
+    }
+
+    /// One piece at least, however short the quantum is.
+    void onTaskRun() override {
+        while (dropOne()) {
+            task_->taskWorkCountInc(1);
+            if (task_->taskShouldYield())
                 return task_->scheduleTask();
         }
     }

@@ -8,6 +8,8 @@ namespace KelKv {
 
 namespace {
 
+constexpr std::size_t freedAtOnce = 1 << 16; // bytes of a value
+
 bool isDue(Store::Value const& value) { return value.expiry && value.due <= Mox::now(); }
 
 /// The keys of a table, one by one.
@@ -64,7 +66,7 @@ Store::Value& Store::set(std::string_view key, Text&& text) {
         at = shard.try_emplace(Key{std::string(key), view.hash}).first;
         ++size_;
     }
-    released_ += at->second.text.size();
+    leave(at->second.text);
     at->second.text = std::move(text);
     expiryDel(at->second);
     return at->second;
@@ -83,10 +85,22 @@ bool Store::erase(Shard& shard, Shard::iterator at) {
     bool const wasDue = isDue(at->second);
     expired_ += wasDue ? 1 : 0;
     expiring_ -= at->second.expiry ? 1U : 0U;
-    released_ += sizeof(Shard::value_type) + at->first.text.size() + at->second.text.size();
+    released_ += sizeof(Shard::value_type) + at->first.text.size();
+    leave(at->second.text);
     shard.erase(at);
     --size_;
     return !wasDue;
+}
+
+/// Before a value is gone: freeing some hundred KiB takes as long as a step should. (A long text goes to the
+/// scavenger by itself.)
+void Store::leave(Text& text) {
+    released_ += text.size();
+    if (text.isLong() || text.view().size() <= freedAtOnce) [[likely]]
+        return;
+    std::vector<Text> texts;
+    texts.push_back(std::move(text));
+    scavenger_->add(std::make_unique<RemainsOf<std::vector<Text>>>(std::move(texts)));
 }
 
 /// A new table for many keys; for a few, what has room only: a client may ask for this as often as it likes.

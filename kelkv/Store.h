@@ -83,9 +83,9 @@ class Store {
     /// Erases the key if that is its expiry.
     void expire(std::string_view key, Expiry const& expiry);
 
-    /// For walks. Requires: less than `shards`.
     /// What chooses a key's shard, and its place in it, for as long as the store is there.
     std::size_t hashOf(std::string_view key) const { return static_cast<std::size_t>(hash_(key)); }
+    /// For walks. Requires: less than `shards`.
     Shard const& shard(std::size_t number) const { return table_[number]; }
 
     /// Where the store leaves what is large.
@@ -97,16 +97,17 @@ class Store {
     KeyView hashed(std::string_view key) const { return {key, hashOf(key)}; }
     Shard& shardOf(KeyView const& key) { return table_[key.hash % shards]; }
     bool erase(Shard& shard, Shard::iterator at);
+    void leave(Text& text);
 
     // The expiries have a scheduler of their own, which is one task to the others, and one line in the
     // report: they may be a million, and they may fall all at once.
     Mox::Ptr<Kel::TaskGroup> const expiries_;
     Mox::Ptr<LeastPass> const expiriesGetOn_{new LeastPass(*expiries_)};
     Mox::Ptr<Scavenger> const scavenger_;
-    std::vector<Shard> table_;
-    std::size_t size_ = 0;
     SipHash<> const hash_{randomHashKey()};
+    std::vector<Shard> table_;
     std::vector<std::uint16_t> taken_; // the shards that have room for keys
+    std::size_t size_ = 0;
     std::size_t expiring_ = 0;
     Mox::U64 expired_ = 0;
     Mox::U64 released_ = 0;

@@ -4,10 +4,6 @@
 
 namespace KelKv {
 
-namespace {
-constexpr std::size_t blocksAtOnce = 8; // are freed in less time than a turn takes
-}
-
 /// A block gets its room at once, and so stays where it is: somebody may be sending from it.
 void LongText::append(std::string_view bytes) {
     while (!bytes.empty()) {
@@ -18,10 +14,12 @@ void LongText::append(std::string_view bytes) {
     }
 }
 
-/// The last block, or a new one. One that is shared is copied, as often as that may be: with a new block each
-/// time, texts that are copied and appended to in turn would become as many blocks as bytes.
+/// The last block, or a new one: who takes one frees one of those that are left, of which there would be ever
+/// more else while many clients write. One that is shared is copied, as often as that may be: with a new
+/// block each time, texts that are copied and appended to in turn would become as many blocks as bytes.
 std::string& LongText::blockWithRoom() {
     if (blocks_.empty() || blocks_.back().bytes->size() == blockSize) {
+        scavenger_->dropOne();
         blocks_.push_back({size(), std::make_shared<std::string>()});
         blocks_.back().bytes->reserve(blockSize);
     } else if (blocks_.back().bytes.use_count() > 1) {
@@ -49,7 +47,7 @@ void intrusive_ptr_release(LongText* text) {
     if (--text->references_ > 0)
         return;
     std::unique_ptr<LongText> const owner(text);
-    if (text->blocks_.size() > blocksAtOnce)
+    if (text->blocks_.size() > 1)
         text->scavenger_->add(
             std::make_unique<RemainsOf<std::vector<LongText::Block>>>(std::move(text->blocks_)));
 }

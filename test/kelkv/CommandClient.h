@@ -19,8 +19,10 @@ struct CommandClient {
     }
 
     /// Runs the first step. Requires: the one before is done.
-    void begin(std::vector<Word> of) {
-        words = std::move(of);
+    void begin(std::vector<Word> const& of) {
+        words = WordList();
+        for (Word const& word : of)
+            words.push_back(word);
         inStep([&](CommandContext& context) {
             answer(context, words);
             rest = std::move(context.rest);
@@ -46,7 +48,7 @@ struct CommandClient {
     Engine& engine;
     Session session;
     Output output;
-    std::vector<Word> words;
+    WordList words;
     CommandContext::Step rest;
     std::size_t steps = 0;
     CommandContext::Next next = CommandContext::Next::nothing; // of the last step

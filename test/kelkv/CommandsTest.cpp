@@ -14,7 +14,7 @@ struct CommandsTest : EngineTest {
 
     std::string ask(std::vector<Word> words) {
         client.steps = 0;
-        for (client.begin(std::move(words)); !client.isDone();)
+        for (client.begin(words); !client.isDone();)
             client.step();
         return client.take();
     }

@@ -49,6 +49,10 @@ TEST_F(RequestParserTest, ReadsAStreamInPiecesOfAnySize) {
         expected.push_back({std::string(size, 'x'), "y"});
         stream += "*2\r\n" + bulk(expected.back()[0]) + bulk("y");
     }
+    expected.push_back(Words(20000, "w"));
+    stream += "*20000\r\n";
+    for (std::string const& word : expected.back())
+        stream += bulk(word);
     for (std::size_t size = 1; size <= stream.size(); size += size < shortEnd ? 1 : stream.size() / 5) {
         RequestParser parser(engine.scavenger);
         std::vector<Words> requests;
@@ -63,6 +67,19 @@ TEST_F(RequestParserTest, ReadsAStreamInPiecesOfAnySize) {
         EXPECT_EQ(requests.size(), size < shortEnd ? shortRequests : expected.size()) << size;
         EXPECT_TRUE(std::equal(requests.begin(), requests.end(), expected.begin())) << size;
         EXPECT_EQ(parser.kept(), 0u);
+    }
+}
+
+TEST_F(RequestParserTest, LeavesWhatIsLargeInPieces) {
+    std::string request = "*1001\r\n" + bulk(std::string(Limits::wordInOnePiece + 1, 'l'));
+    for (int i = 0; i < 1000; ++i)
+        request += bulk(std::string(4000, 'x'));
+    for (bool const isWhole : {false, true}) {
+        RequestParser(engine.scavenger).take(std::string_view(request).substr(0, request.size() - !isWhole));
+        int pieces = 0;
+        while (engine.scavenger->dropOne())
+            ++pieces;
+        EXPECT_GT(pieces, 30) << "of 128 KiB";
     }
 }
 
