@@ -242,8 +242,8 @@ void textSize(CommandContext& context, Arguments words) {
     context.reply.integer(value ? static_cast<S64>(value->text.size()) : 0);
 }
 
-/// A place within a text, from its end when negative.
-S64 place(S64 at, S64 size) { return at < 0 ? std::max<S64>(at + size, 0) : at; }
+/// A place in a text, from its end when negative; before its beginning there may be none.
+S64 place(S64 at, S64 size) { return at < 0 ? at + size : at; }
 
 void getRange(CommandContext& context, Arguments words) {
     std::optional<S64> const first = readInteger(words[2]);
@@ -252,7 +252,7 @@ void getRange(CommandContext& context, Arguments words) {
         return replyNoInteger(context);
     Store::Value const* const value = store(context).find(words[1]);
     S64 const size = value ? static_cast<S64>(value->text.size()) : 0;
-    S64 const begin = place(*first, size);
+    S64 const begin = std::max<S64>(place(*first, size), 0);
     S64 const end = std::min(place(*last, size), size - 1);
     if (begin > end)
         return context.reply.bulk(std::string_view());

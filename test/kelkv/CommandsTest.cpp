@@ -52,6 +52,7 @@ TEST_F(CommandsTest, NumbersThatAreNoneOrTooLargeAreRefused) {
         DECRBY none -9223372036854775808 > -ERR decrement would overflow   GET n > $19 9223372036854775806
         SET n 9223372036854775808 > +OK  INCR n > -ERR value is not an integer or out of range
         SET n 07 > +OK  DECR n > -ERR value is not an integer or out of range  SET n 1x > +OK  DECR n > -ERR value is not an integer or out of range  INCRBY m -0 > -ERR value is not an integer or out of range  INCRBY m 1.5 > -ERR value is not an integer or out of range
+        SET t xyz > +OK  GETRANGE t -1 -2 > $0  GETRANGE t -5 -10 > $0  GETRANGE t -9 -8 > $0  GETRANGE t -9 -3 > $1 x  GETRANGE t -2 9 > $2 yz
         INCRBYFLOAT n 1 > -ERR value is not a valid float  INCRBYFLOAT f 0.1 > $3 0.1  INCRBYFLOAT f 2e-1 > $3 0.3  INCRBYFLOAT f -0.3 > $1 0
         INCRBYFLOAT f nan > -ERR value is not a valid float  INCRBYFLOAT f inf > -ERR increment would produce NaN or Infinity
         SET f 1e4932 > +OK  INCRBYFLOAT f 1e4932 > -ERR increment would produce NaN or Infinity
