@@ -15,7 +15,8 @@ namespace {
 
 using Mox::S64;
 
-constexpr std::size_t few = 64; // words
+constexpr std::size_t few = 64;      // words
+constexpr std::size_t nameMax = 256; // bytes
 
 void ping(CommandContext& context, Arguments words) {
     if (words.size() == 1)
@@ -63,8 +64,13 @@ void notSupported(CommandContext& context, Arguments words) {
 
 // Names
 
-/// As CLIENT LIST writes them: without blanks or anything else that parts them. An error reply if it is none.
+/// As CLIENT LIST writes them: short, as it writes many in a step, and without blanks or anything else that
+/// parts them. An error reply if it is none.
 bool isName(CommandContext& context, std::string_view name) {
+    if (name.size() > nameMax) {
+        context.reply.error("a name has no more than " + std::to_string(nameMax) + " bytes");
+        return false;
+    }
     bool const is = std::ranges::all_of(name, [](char c) { return '!' <= c && c <= '~'; });
     if (!is)
         context.reply.error("Client names cannot contain spaces, newlines or special characters.");
@@ -181,14 +187,18 @@ class SessionList {
     std::shared_ptr<Session> place_ = std::make_shared<Session>();
 };
 
+/// Of the other types there are none.
 void list(CommandContext& context, Arguments words) {
-    bool const isAll = words.empty() || (words.size() == 2 && isWord(words[0], "TYPE"));
-    if (!isAll)
+    constexpr std::string_view types[] = {"normal", "master", "replica", "slave", "pubsub"};
+    if (words.size() == 1 || (words.size() == 2 && !isWord(words[0], "TYPE")))
         return context.reply.error("syntax error");
-    if (words.empty() || isWord(words[1], "normal"))
+    std::string_view const type = words.empty() ? types[0] : words[1].view;
+    if (isWord(type, types[0]))
         GatheredBulk::reply(context, SessionList(context.engine));
-    else
+    else if (std::ranges::any_of(types, [&](std::string_view is) { return isWord(type, is); }))
         context.reply.bulk(std::string_view());
+    else
+        context.reply.error("Unknown client type '" + std::string(type.substr(0, nameMax)) + "'");
 }
 
 void id(CommandContext& context, Arguments) { context.reply.integer(static_cast<S64>(context.session.id)); }

@@ -86,8 +86,10 @@ void copy(CommandContext& context, Arguments words) {
         int database = 0;
         if (!isDatabase && !isWord(left[0], "REPLACE"))
             return context.reply.error("syntax error");
-        if (isDatabase && (!readNumber(left[1], database) || database != 0))
+        if (isDatabase && !readNumber(left[1], database))
             return context.reply.error("value is not an integer or out of range");
+        if (database != 0)
+            return context.reply.error("DB index is out of range: there is one, 0");
         mayReplace = mayReplace || !isDatabase;
         left = left.subspan(isDatabase ? 2 : 1);
     }

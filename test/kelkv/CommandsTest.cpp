@@ -12,7 +12,7 @@ struct CommandsTest : EngineTest {
         engine.calendarTime = [] { return 1e9 + Mox::now(); };
     }
 
-    std::string ask(std::vector<Word> words) {
+    std::string ask(std::vector<Word> const& words) {
         client.steps = 0;
         for (client.begin(words); !client.isDone();)
             client.step();
@@ -97,9 +97,15 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
         COMMAND INFO mset no ping > *3 *6 $4 mset :-3 *0 :1 :-1 :2 $-1 *6 $4 ping :-1 *0 :0 :0 :0  COMMAND DOCS get no > *2 $3 get *2 $7 summary $15 see man 1 kelkv
         SCHED RESET > -ERR SCHED is for the operator's port  INFO none > $0  DBSIZE exact > walk to count  KEYS b* > walk b*
         DBSIZE x > -ERR syntax error  FLUSHALL WORD > -ERR syntax error  FLUSHDB async > +OK  RANDOMKEY > $-1  RENAME no x > -ERR no such key
+        CLIENT LIST TYPE PubSub > $0  CLIENT LIST TYPE foo > -ERR Unknown client type 'foo'  CLIENT LIST ID > -ERR syntax error
+        COPY a b DB 1 > -ERR DB index is out of range: there is one, 0  COPY a b DB x > -ERR value is not an integer or out of range
         COPY a a > -ERR source and destination objects are the same  MSET a 1 b > -ERR wrong number of arguments for 'mset' command
         SET a 1 EX 9 > +OK  SET b 1 > +OK  info keyspace > $44 # Keyspace db0:keys=2,expires=1,avg_ttl=0)");
     EXPECT_THAT(ask("MULTI"), testing::StartsWith("-ERR MULTI is not supported"));
+    for (char const* request : {"CLIENT SETNAME ", "CLIENT SETINFO lib-ver ", "HELLO 3 SETNAME "}) {
+        EXPECT_NE(ask(request + std::string(256, 'x'))[0], '-');
+        EXPECT_EQ(ask(request + std::string(257, 'x')), "-ERR a name has no more than 256 bytes");
+    }
     for (std::size_t const size : {16u, 17u, 65u})
         EXPECT_EQ(ask(std::string(size, 'x')),
                   "-ERR unknown command '" + std::string(std::min<std::size_t>(size, 64), 'x') + "'");
