@@ -52,6 +52,15 @@ std::optional<std::string_view> hostOf(std::string_view authority) {
     return authority.substr(hasBrackets, end - hasBrackets);
 }
 
+/// Bytes of the empty lines that it begins with.
+std::size_t emptyLines(std::string_view input) {
+    constexpr std::string_view line = "\r\n";
+    std::size_t size = 0;
+    while (input.substr(size, line.size()) == line)
+        size += line.size();
+    return size;
+}
+
 } // namespace
 
 HttpConnection::HttpConnection(Engine& engine, std::span<Page const> pages, Socket accepted)
@@ -135,10 +144,14 @@ void HttpConnection::drained(std::size_t size) {
         close();
 }
 
-/// A body is of no use to any page, and is thrown away.
+/// A body is of no use to any page, and is thrown away. So are empty lines before a request, with which some
+/// clients end the one before (RFC 9112, 2.2).
 void HttpConnection::parse() {
-    Error error;
-    std::size_t const taken = parser_->put(boost::asio::buffer(input_), error);
+    Error error = http::error::need_more;
+    std::size_t taken = parser_->got_some() ? 0 : emptyLines(input_);
+    std::string_view const behind = std::string_view(input_).substr(taken);
+    if (!behind.empty() && behind != "\r")
+        taken += parser_->put(boost::asio::buffer(behind), error);
     input_.erase(0, taken);
     requestSize_ += taken;
     needsInput_ = error == http::error::need_more || input_.empty();
@@ -155,9 +168,11 @@ void HttpConnection::parse() {
 }
 
 void HttpConnection::answerFailedParse(Error error) {
+    bool const isInFirstLine = parser_->get().target().empty();
     keeps_ = false;
     if (error == http::error::header_limit)
-        answerError(Status::request_header_fields_too_large, "the header is too long");
+        answerError(isInFirstLine ? Status::uri_too_long : Status::request_header_fields_too_large,
+                    "the header is too long");
     else if (error == http::error::body_limit)
         answerError(Status::payload_too_large, "the body is too long");
     else

@@ -251,7 +251,9 @@ TEST_F(DaemonTest, HttpIsGetAndHeadOfAFewPagesAndOnLoopbackForWhoNamesThisHost) 
     for (auto const& [request, answer] : std::initializer_list<std::pair<std::string, std::string>>{
              {get + "LOCALHOST:80\r\n\r\n",
               "200 .*chunked\r\n.*\r\n\r\n[0-9a-f]*\r\n<!doctype html>.*\r\n0\r\n\r\n"},
-             {get + "[::1]:80\r\n\r\n", "200 .*"},
+             {"\r\n\r\n" + get + "[::1]:80\r\n\r\n", "200 .*"},
+             {"\r\n\r" + get + "localhost\r\n\r\n", "400 .*"},
+             {"GET /" + junk, "414 .*"},
              {get + "elsewhere.example\r\n\r\n", "421 .*"},
              {get + "localhost:x@elsewhere.example\r\n\r\n", "400 .*"},
              {get + "localhost\r\nHost: localhost\r\n\r\n", "400 .*"},
@@ -282,7 +284,8 @@ TEST_F(DaemonTest, HttpConnectionsAreKeptForRequestsOneAfterAnotherAndUntilOther
     std::string const once = Client(*loop, *daemon->http()).askAll(get + "Connection: close\r\n\r\n");
     std::string const kept = boost::erase_first_copy(once, "Connection: close\r\n");
     Client busy(*loop, *daemon->http());
-    busy.expect(get + "\r\n" + get + "\r\n" + get, kept + kept);
+    busy.expect(get + "\r\n\r\n" + get + "\r\n\r\n\r", kept + kept);
+    busy.expect("\n" + get, "");
     std::deque<Client> idle;
     for (int i = 0; i < 20; ++i)
         idle.emplace_back(*loop, *daemon->http()).expect(get + "\r\n", kept);
