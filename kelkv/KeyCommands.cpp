@@ -62,7 +62,7 @@ std::optional<bool> moveTo(CommandContext& context, Arguments words, bool mayRep
     }
     if (isTaken || words[1].view == words[2].view)
         return !isTaken;
-    Text text = std::move(value->text);
+    Text text = std::exchange(value->text, Text());
     Mox::Seconds const due = value->due;
     store(context).erase(words[1]);
     put(context, words[2], std::move(text), due);

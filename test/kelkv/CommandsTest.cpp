@@ -189,7 +189,8 @@ TEST_F(CommandsTest, LongTextsAreAppendedToCopiedAndCutWithoutTheOthers) {
     EXPECT_EQ(ask({std::string_view("GET"), longWord(size, 'k')}), "-ERR an argument is too long\r\n");
     EXPECT_EQ(ask({std::string_view("MSET"), b, b, longWord(size, 'k'), b}),
               "-ERR a key is too long; all others are set\r\n");
-    expect("GET b > $1 b  SETRANGE a 1 x > -ERR SETRANGE is for texts of 262144 bytes at most");
+    expect("GET b > $1 b  RENAME a c > +OK  RENAME c a > +OK  SETRANGE a 1 x > -ERR SETRANGE is for texts of "
+           "262144 bytes at most");
     LongTextPtr const longest(new LongText(engine.scavenger));
     for (Word const part = longWord(Limits::wordInOnePiece, 'z'); longest->size() < Text::sizeMax;)
         longest->append(*part.text);
