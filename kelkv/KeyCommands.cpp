@@ -119,12 +119,36 @@ void dbsize(CommandContext& context, Arguments words) {
         context.reply.error("syntax error");
 }
 
+/// Leaves as many keys to the scavenger as it frees of what is left there already: keys that are written and
+/// flushed over and over would fill the memory else.
+class Flush {
+  public:
+    explicit Flush(Store const& store) : owed_(store.size()) {}
+
+    /// One step; true while there is more.
+    bool operator()(CommandContext& context) {
+        for (std::size_t i = 0; i < keysAtOnce; ++i, --owed_)
+            if (owed_ == 0 || !store(context).scavenger()->dropOne()) {
+                store(context).clear();
+                context.reply.status("OK");
+                return false;
+            }
+        return true;
+    }
+
+  private:
+    static constexpr std::size_t keysAtOnce = 8;
+
+    std::size_t owed_;
+};
+
 /// Memory is freed by and by, whatever is asked for.
 void flush(CommandContext& context, Arguments words) {
     if (words.size() > 1 && !isWord(words[1], "ASYNC") && !isWord(words[1], "SYNC"))
         return context.reply.error("syntax error");
-    store(context).clear();
-    context.reply.status("OK");
+    Flush steps(store(context));
+    if (steps(context))
+        context.rest = steps;
 }
 
 /// One try: false when the key's time is over.
