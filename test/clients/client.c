@@ -49,17 +49,9 @@ static redisReply* askMany(char const* command, int count, char const* value) {
     return got(redisCommandArgv(context, size, words, NULL));
 }
 
-static long long increments(int times) {
-    void* reply = NULL;
-    for (int i = 0; i < times; ++i)
-        redisAppendCommand(context, "INCR counter");
-    for (int i = 0; i < times; ++i)
-        got(redisGetReply(context, &reply) == REDIS_OK ? reply : NULL);
-    return latest->integer;
-}
-
 int main(int argc, char** argv) {
     static char line[256], big[bigSize];
+    void* reply = NULL;
     context = redisConnect("127.0.0.1", argc > 1 ? atoi(argv[1]) : 0);
     for (; fgets(line, sizeof line, stdin) != NULL; puts("")) {
         line[strcspn(line, "\n")] = '\0';
@@ -69,5 +61,9 @@ int main(int argc, char** argv) {
     printf("[%zu", (size_t)got(redisCommand(context, "GET big"))->len);
     askMany("MSET", 5000, "value");
     printf(", %lld", askMany("DEL", 2000, NULL)->integer);
-    printf(", %lld]\n", increments(1000));
+    for (int i = 0; i < 1000; ++i)
+        redisAppendCommand(context, "INCR counter");
+    for (int i = 0; i < 1000; ++i)
+        got(redisGetReply(context, &reply) == REDIS_OK ? reply : NULL);
+    printf(", %lld]\n", latest->integer);
 }

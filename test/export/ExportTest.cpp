@@ -9,6 +9,8 @@
 #include <support/RandomRecords.h>
 #include <support/TaskReactors.h>
 
+#include <boost/algorithm/string/join.hpp>
+
 #include <array>
 #include <sstream>
 #include <thread>
@@ -170,64 +172,59 @@ struct ExportTest : TestSupport::HandTreeTest {
                events + "]," + list(tasks, ofTask) + "," + list(root->taskScheduler(), factsOf) + ")";
     }
     void look() {
-        std::ostringstream trace, all, some;
-        std::size_t const namesMax = unit == 125ms ? random.below(25) : 200;
-        Kel::writeChromeTrace(root, trace);
-        Kel::writePrometheus(root, all);
-        Kel::writePrometheus(root, some, namesMax);
         auto const& scheduler = random.of(schedulers);
-        for (auto const& [whole, sliced] : kinds(scheduler ? *scheduler : *root)) {
-            std::string const expected = whole(); // one after the other: they count as references
-            EXPECT_EQ(expected, wholeText(*sliced()));
+        auto const all = kinds(scheduler ? *scheduler : *root);
+        for (Kind const& kind : all) {
+            std::string const expected = kind.whole(); // one after the other: they count as references
+            EXPECT_EQ(expected, wholeText(*kind.sliced()));
         }
-        looks << "(" << facts() << "," << valueToStrep(trace.str()) << ",{200:" << valueToStrep(all.str())
+        std::ostringstream most, some;
+        std::size_t const namesMax = unit == 125ms ? random.below(25) : 200;
+        Kel::writePrometheus(root, most);
+        Kel::writePrometheus(root, some, namesMax);
+        looks << "(" << facts() << "," << valueToStrep(all[0].whole()) << ",{200:" << valueToStrep(most.str())
               << "," << namesMax << ":" << valueToStrep(some.str()) << "})\n";
     }
 
     /// A text whole, and in slices.
     struct Kind {
-        std::function<std::string()> whole;
+        std::function<void(std::ostream&)> write;
         std::function<std::unique_ptr<Kel::SlicedText>()> sliced;
+
+        std::string whole() const {
+            std::ostringstream sink;
+            write(sink);
+            return sink.str();
+        }
     };
-    static std::string printed(std::function<void(Ptr<Kel::DumpContext const> const&)> const& print) {
+    static void print(std::ostream& to, auto const& printTo) {
         auto const sink = Kel::StringDumpContext::StringDumpContextIs();
-        print(sink);
-        return sink->text();
-    }
-    static std::string written(std::function<void(std::ostream&)> const& write) {
-        std::ostringstream sink;
-        write(sink);
-        return sink.str();
+        printTo(sink);
+        to << sink->text();
     }
     /// Of the root, or of a scheduler below it where that is told.
     std::vector<Kind> kinds(Kel::TaskScheduler const& scheduler) {
+        auto const stats = [&scheduler](bool tasks, bool dead) {
+            auto const printTo = [=, &scheduler](auto& sink) {
+                scheduler.printStats(sink, 0, tasks, dead, false, false);
+            };
+            return Kind{[=](auto& to) { print(to, printTo); },
+                        [=, &scheduler] { return Kel::slicedStats(&scheduler, tasks, dead); }};
+        };
+        bool const canPrintDead = std::ranges::all_of(scheduler.deadTaskStats(), [](auto const& entry) {
+            return entry.second.taskPriority().isValid();
+        });
         std::string const path = Kel::TaskKey(reinterpret_cast<std::uintptr_t>(root.ptr())).toStrep();
         Kel::SchedulerTree const tree(root);
-        bool const dead = std::ranges::all_of( // others cannot be printed
-            scheduler.deadTaskStats(),
-            [](auto const& entry) { return entry.second.taskPriority().isValid(); });
-        return {{[&] { return written([&](auto& sink) { Kel::writeChromeTrace(root, sink); }); },
+        return {{[&](auto& to) { Kel::writeChromeTrace(root, to); },
                  [&] { return Kel::slicedChromeTrace(root); }},
-                {[&] { return printed([&](auto& sink) { root->printHistory(sink, 0); }); },
+                {[&](auto& to) { print(to, [&](auto& sink) { root->printHistory(sink, 0); }); },
                  [&] { return Kel::slicedHistory(root); }},
-                {[&] { return written([&](auto& sink) { Kel::writePrometheus(root, sink, 1000000); }); },
+                {[&](auto& to) { Kel::writePrometheus(root, to, 1000000); },
                  [&] { return Kel::slicedPrometheus(root, 1000000); }},
-                {[&, dead] {
-                     return printed(
-                         [&](auto& sink) { scheduler.printStats(sink, 0, false, dead, false, false); });
-                 },
-                 [&, dead] { return Kel::slicedStats(&scheduler, false, dead); }},
-                {[&] {
-                     return printed(
-                         [&](auto& sink) { scheduler.printStats(sink, 0, true, false, false, false); });
-                 },
-                 [&] { return Kel::slicedStats(&scheduler, true, false); }},
-                {[path, tree] {
-                     std::string text;
-                     for (auto const& line : tree.list(path))
-                         text += line + "\n";
-                     return text;
-                 },
+                stats(false, canPrintDead),
+                stats(true, false),
+                {[path, tree](auto& to) { to << boost::join(tree.list(path), "\n") << "\n"; },
                  [path, tree] { return tree.listing(path); }}};
     }
 
@@ -276,9 +273,8 @@ TEST_F(ExportTest, ASinkThatEndsTheTreeGetsTheWholeTextAndOneThatFailsIsAnError)
         ExportTest& test;
     };
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // a forked child may touch the tree
-    using Write = std::function<void(std::ostream&)>;
-    for (Write const& write : {Write([&](auto& sink) { Kel::writeChromeTrace(root, sink); }),
-                               Write([&](auto& sink) { Kel::writePrometheus(root, sink); })}) {
+    for (std::size_t const written : {0u, 2u}) {
+        auto const write = kinds(*root)[written].write;
         newTask(workers[0]);
         workers[0].task->scheduleTask();
         std::ostringstream expected;
@@ -367,9 +363,9 @@ TEST_F(SlicedTextsTest, AreOfOneMomentOrHaveAllThatIsThereThroughout) {
     }
     std::vector<std::unique_ptr<Kel::SlicedText>> texts, abandoned;
     std::string part;
-    for (auto const& [whole, sliced] : kinds(*root)) {
-        abandoned.push_back(sliced());
-        texts.push_back(sliced());
+    for (Kind const& kind : kinds(*root)) {
+        abandoned.push_back(kind.sliced());
+        texts.push_back(kind.sliced());
         for (std::size_t slices = random.below(5); slices > 0; --slices)
             texts.back()->next(part), abandoned.back()->next(part);
     }

@@ -1,5 +1,4 @@
 #include <kelkv/Number.h>
-#include <mox/Assert.h>
 #include <test/kelkv/CommandClient.h>
 
 #include <algorithm>
@@ -12,8 +11,6 @@ namespace {
 
 using namespace KelKv;
 
-constexpr std::string_view longWord = "LONG"; // stands for one that is in several blocks
-
 /// Takes one reply from the beginning of the text; RESP3's forms only if they may be there.
 void takeReply(std::string_view& text, bool mayBeResp3) {
     std::size_t const end = text.find("\r\n");
@@ -23,91 +20,52 @@ void takeReply(std::string_view& text, bool mayBeResp3) {
     MOX_ASSERT(line.find_first_of("\r\n") == std::string_view::npos);
     text.remove_prefix(end + 2);
     std::int64_t number = 0;
-    MOX_ASSERT(type == '+' || type == '-' || type == '_' || readNumber(line, number));
-    switch (type) {
-    case '+': return;
-    case '-': MOX_ASSERT(line.starts_with("ERR ") || line.starts_with("NOPROTO ")); return;
-    case ':': return;
-    case '_': MOX_ASSERT(mayBeResp3 && line.empty()); return;
-    case '$': {
-        if (number == -1)
-            return;
+    if (type == '-')
+        MOX_ASSERT(line.starts_with("ERR ") || line.starts_with("NOPROTO "));
+    else if (type == '_')
+        MOX_ASSERT(mayBeResp3 && line.empty());
+    else if (type != '+')
+        MOX_ASSERT(readNumber(line, number));
+    if (type == '$' && number != -1) {
         auto const size = static_cast<std::size_t>(number);
         MOX_ASSERT(text.size() >= size + 2 && text.substr(size, 2) == "\r\n");
         text.remove_prefix(size + 2);
-        return;
-    }
-    default:
-        MOX_ASSERT(number >= 0 && (type == '*' || (type == '%' && mayBeResp3)));
+    } else if (type == '*' || (type == '%' && mayBeResp3)) {
+        MOX_ASSERT(number >= 0);
         for (number *= type == '%' ? 2 : 1; number > 0; --number)
             takeReply(text, mayBeResp3);
-    }
+    } else
+        MOX_ASSERT(std::string_view("+-_:$").find(type) != std::string_view::npos);
 }
 
 /// A client whose next request waits for the one before, as a connection's does.
 struct Client : CommandClient {
     using CommandClient::CommandClient;
 
-    /// A step of the request under way, or the first one of the next.
+    /// A step of the request under way, or the first one of the next. Once it is done its reply is whole; a
+    /// walk's comes from elsewhere.
     void turn() {
-        if (isDone() && !waiting.empty()) {
-            current = std::move(waiting.front());
-            waiting.pop_front();
-            mayBeResp3 = session.isResp3;
-            begin({current.begin(), current.end()});
-        } else if (!isDone())
+        if (!isDone())
             step();
+        else if (!waiting.empty()) {
+            mayBeResp3 = session.isResp3;
+            begin(std::move(waiting.front()));
+            waiting.pop_front();
+        }
         replies += take();
-        if (isDone())
-            check();
-    }
-    /// A whole reply, once the request is done; a walk's comes from elsewhere.
-    void check() {
+        if (!isDone() || replies.empty())
+            return;
+        MOX_ASSERT(context->next != CommandContext::Next::walk);
         std::string_view left = replies;
-        if (!left.empty() && next != CommandContext::Next::walk)
-            takeReply(left, mayBeResp3 || session.isResp3);
+        takeReply(left, mayBeResp3 || session.isResp3);
         MOX_ASSERT(left.empty());
         replies.clear();
     }
 
-    std::deque<std::vector<Word>> waiting;
-    std::vector<Word> current;
+    std::deque<Words> waiting;
     std::string replies;
     bool mayBeResp3 = false;
 };
-
-using Requests = std::deque<std::deque<std::string>>;
-
-/// What a connection does: each piece is taken by one request after the other, up to a malformed one.
-Requests requestsIn(std::string_view input, std::size_t pieceSize, Engine& engine) {
-    Requests requests;
-    RequestParser parser(engine.scavenger);
-    while (!input.empty() && parser.state() != RequestParser::State::malformed) {
-        std::string_view const piece = input.substr(0, pieceSize);
-        std::size_t const size = parser.take(piece);
-        MOX_ASSERT(size == piece.size() || parser.state() != RequestParser::State::incomplete);
-        input.remove_prefix(size);
-        if (parser.state() != RequestParser::State::complete)
-            continue;
-        auto& request = requests.emplace_back();
-        for (Word const& word : parser.arguments())
-            request.emplace_back(word.view);
-        parser.reset();
-    }
-    return requests;
-}
-
-std::vector<Word> wordsOf(std::deque<std::string> const& request, Engine& engine) {
-    std::vector<Word> words;
-    for (std::string const& word : request)
-        if (word == longWord) {
-            LongTextPtr const text(new LongText(engine.scavenger));
-            text->append(std::string(LongText::blockSize + 9, 'x'));
-            words.emplace_back(text);
-        } else
-            words.emplace_back(word);
-    return words;
-}
 
 } // namespace
 
@@ -115,13 +73,13 @@ std::vector<Word> wordsOf(std::deque<std::string> const& request, Engine& engine
 extern "C" int LLVMFuzzerTestOneInput(char const* data, std::size_t size) {
     auto const loop = Kel::EventLoop::EventLoopIs();
     Engine engine(loop);
-    Requests const requests = requestsIn({data, size}, size, engine);
-    MOX_ASSERT(requests == requestsIn({data, size}, 1, engine));
+    std::vector<Words> const requests = requestsIn(RequestParser(engine.scavenger), {data, size});
+    MOX_ASSERT(requests == requestsIn(RequestParser(engine.scavenger), {data, size}, 1));
     std::array<Client, 3> clients{Client(engine), Client(engine), Client(engine, true)};
     std::size_t next = 0;
     for (auto const& request : requests)
         if (!request.empty())
-            clients[next++ % clients.size()].waiting.push_back(wordsOf(request, engine));
+            clients[next++ % clients.size()].waiting.push_back(request);
     auto const isDone = [](Client const& client) { return client.isDone() && client.waiting.empty(); };
     while (!std::ranges::all_of(clients, isDone))
         for (Client& client : clients)
