@@ -45,7 +45,7 @@ void RequestParser::drop() {
     TextCopies::Blocks copies = copies_.take();
     if (scavenger_ && kept_ > droppedAtOnce) {
         scavenger_->add(std::make_unique<RemainsOf<TextCopies::Blocks>>(std::move(copies)));
-        scavenger_->add(std::make_unique<RemainsOf<WordList::Blocks>>(words_.take()));
+        scavenger_->add(std::make_unique<RemainsOf<WordList>>(std::exchange(words_, {})));
     }
     words_.clear();
     kept_ = paidFor_ = 0;
