@@ -116,6 +116,17 @@ TEST_F(CommandsTest, OperatorSteersTheTree) {
     expect("SCHED GET kelkv/scavenger/taskWorkCount > $5 30002"); // one piece for each key
 }
 
+// As no other client's command may come between.
+TEST_F(CommandsTest, ManyThatMustAllBeNewAreTooManyForOneStep) {
+    Words words{"MSETNX"};
+    for (int i = 0; i < 64; ++i)
+        words.insert(words.end(), {"key" + std::to_string(i), "value"});
+    EXPECT_EQ(client.ask(words), ":1\r\n");
+    words.insert(words.end(), {"key", "value"});
+    EXPECT_THAT(client.ask(words), testing::StartsWith("-ERR MSETNX takes 64 pairs"));
+    EXPECT_EQ(client.steps, 1u);
+}
+
 TEST_F(CommandsTest, WhatIsLongTakesSteps) {
     Words set{"MSET"}, get{"MGET"}, del{"UNLINK"};
     for (int i = 0; i < 1000; ++i) {

@@ -4,6 +4,9 @@
 
 #include <support/TraceLog.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <boost/lexical_cast.hpp>
 
 #include <algorithm>
@@ -84,6 +87,26 @@ struct DaemonTest : Test {
 };
 
 } // namespace
+
+TEST(Options, LeaveAClientOrSayWhyNot) {
+    auto const fitAll = [] {
+        int tooFew = 0;
+        for (rlim_t most = 300; most > 30; --most) {
+            rlimit const limit{most, most};
+            setrlimit(RLIMIT_NOFILE, &limit);
+            Daemon::Options options;
+            try {
+                EXPECT_THAT(fitDescriptors(options), HasSubstr("in place of"));
+                EXPECT_TRUE(tooFew == 0 && options.clientsMax > 0 && options.descriptors() == most);
+            } catch (OptionError const&) {
+                ++tooFew;
+            }
+        }
+        return tooFew > 0 && !HasFailure();
+    };
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // in a process of its own, which lowers its limit
+    EXPECT_EXIT(_exit(!fitAll()), ExitedWithCode(0), "");
+}
 
 TEST_F(DaemonTest, PipelinedRequestsAreAnsweredInOrderAroundWalksThoughTheClientSendsNoMore) {
     fill(engine().store, 20000);
@@ -262,6 +285,7 @@ TEST_F(DaemonTest, HttpIsGetAndHeadOfAFewPagesAndOnLoopbackForWhoNamesThisHost) 
              {"GET /metrics HTTP/1.0\r\n\r\n", "200 .*keltask_.*port=\"http\"} 1\n.*kelkv_keys 0\n"},
              {"GET /trace.json?x HTTP/1.0\r\n\r\n", "200 .*\"traceEvents\".*"},
              {"GET /etc/passwd HTTP/1.0\r\n\r\n", "404 .*"},
+             {"HEAD /none" + named + "localhost\r\n\r\n", "404 .*\r\n\r\n"},
              {"HEAD /metrics" + named + "localhost\r\n\r\n", "200 .*chunked\r\n.*\r\n\r\n"},
              {"OPTIONS *" + named + "localhost\r\n\r\n", "405 .*Allow: GET, HEAD\r\n.*HEAD only\n"},
              {post + "Content-Length: 3\r\n\r\nabc", "405 .*"},
@@ -282,6 +306,8 @@ TEST_F(DaemonTest, HttpConnectionsAreKeptForRequestsOneAfterAnotherAndUntilOther
     std::string const once = httpClient().askAll(get + "Connection: close\r\n\r\n");
     std::string const kept = boost::erase_first_copy(once, "Connection: close\r\n");
     Client busy = httpClient();
+    for (int i = 0; i < 20; ++i) // together more than one request may have
+        busy.expect(get + "X: " + std::string(7000, 'x') + "\r\n\r\n", kept);
     busy.expect(get + "\r\n\r\n" + get + "\r\n\r\n\r", kept + kept);
     busy.expect("\n" + get, "");
     std::deque<Client> idle;
