@@ -14,9 +14,9 @@ namespace KelKv {
 /// What one step of a command does at most, counted in bytes of keys and values that are read, copied or
 /// replied, and at least one word of it: some tens of microseconds.
 ///
-/// A request that takes no more is answered in one step, and so at once. One that takes more, which it does
-/// with more than 128 keys or values, or with 64 KiB of them, is not: others' commands come between its
-/// steps.
+/// A request whose keys and values take no more, each counted as its bytes and `wordBytes` more (some 120
+/// short ones; of MGET the values as well), is answered in one step, and so at once. Of one that takes more,
+/// others' commands come between its steps.
 constexpr std::size_t stepBytes = 1 << 16;
 /// What a word costs however short it is: memory is waited for.
 constexpr std::size_t wordBytes = 512;

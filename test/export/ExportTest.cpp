@@ -305,10 +305,6 @@ struct SlicedTextsTest : ExportTest {
         place = task("n" + std::to_string(random.below(400)), priority());
         place->taskRunIs(static_cast<Mox::U32>(random.below(100)));
     }
-    void allIsNew() {
-        for (auto& one : crowd)
-            join(one);
-    }
     void somethingHappens() {
         for (std::size_t times = random.below(3); times > 0; --times)
             step(3), join(random.of(crowd));
@@ -351,13 +347,20 @@ TEST_F(SlicedTextsTest, AreOfOneMomentOrHaveAllThatIsThereThroughout) {
             EXPECT_EQ(expected, got);
         }
         auto const before = runs(all[2].whole());
-        auto const during = runs(made(*all[2].sliced(), [this] { allIsNew(); }));
+        auto const during = runs(made(*all[2].sliced()));
         auto const after = runs(all[2].whole());
         EXPECT_GE(during.size(), before.size());
         for (auto const& [name, count] : during) {
             EXPECT_GE(count, before.contains(name) ? before.at(name) : 0) << name;
             EXPECT_LE(count, after.at(name)) << name;
         }
+        std::string alive; // until a slice has seen it, or just behind that
+        for (auto const text = all[2].sliced(); text->next(alive);)
+            for (auto& one : crowd)
+                one = random.oneIn(8) ? nullptr : one;
+        EXPECT_EQ(runs(alive), after);
+        for (auto& one : crowd)
+            join(one);
         std::string const stats = made(*all[4].sliced()), list = made(*all[5].sliced());
         for (auto const& one : staying) {
             std::string const figures = "\n" + one->taskName() + " ",
