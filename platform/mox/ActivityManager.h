@@ -40,7 +40,8 @@ class MOX_EXPORT ActivityManager : public PtrInterface {
     U64 runOnce();
     void stop();
     /// Seconds from now until something is due, or handlers of descriptors are left for the next turn: 0 when
-    /// something is, endOfTime when nothing is pending. An outside loop waits that long and calls `runOnce()`.
+    /// something is, endOfTime when nothing is pending. An outside loop waits that long and calls
+    /// `runOnce()`.
     Seconds nextDue() const;
 
     TurnLoop& turnLoop() const { return *turnLoop_; }
