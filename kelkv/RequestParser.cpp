@@ -12,7 +12,7 @@ namespace KelKv {
 namespace {
 constexpr std::size_t headerLine = 32;         // the longest line that holds only a number
 constexpr std::size_t partialKept = 1 << 12;   // bytes of room that the next word finds
-constexpr std::size_t droppedAtOnce = 1 << 18; // bytes of a request
+constexpr std::size_t droppedAtOnce = 1 << 20; // bytes of a request
 constexpr std::string_view wordEnd = "\r\n";
 } // namespace
 
@@ -204,8 +204,11 @@ void RequestParser::takeWordEnd(std::string_view& input) {
     phase_ = Phase::line;
     if (longWord_)
         add(std::exchange(longWord_, nullptr));
+    else if (partial_.empty())
+        add(std::exchange(whole_, {}));
     else
-        add(partial_.empty() ? std::exchange(whole_, {}) : copies_.copy(partial_));
+        add(partial_.size() > partialKept ? copies_.keep(std::exchange(partial_, {}))
+                                          : copies_.copy(partial_));
     partial_.clear();
     if (taken_ == announced_)
         state_ = State::complete;

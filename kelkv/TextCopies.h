@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <memory>
-#include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -15,7 +14,7 @@ namespace KelKv {
 /// that is the system's again when it is freed, in some ten microseconds.
 class TextCopies {
   public:
-    using Blocks = std::vector<std::unique_ptr<char[]>>;
+    using Blocks = std::vector<std::string>;
 
     static constexpr std::size_t blockMax = 1 << 17;
 
@@ -23,34 +22,43 @@ class TextCopies {
     TextCopies(TextCopies const&) = delete;
     TextCopies& operator=(TextCopies const&) = delete;
 
-    /// Good until `take()`. One that would leave much of a block empty has its own.
+    /// Good until `take()`, as is the other.
     std::string_view copy(std::string_view text) {
-        if (text.size() > blockMax / 4)
-            return put(text, newBlock(text.size()));
-        if (text.size() > room_.size()) {
-            room_ = newBlock(std::max(next_, text.size()));
-            next_ = std::min(2 * room_.size(), blockMax);
+        if (text.size() <= first_.size() - firstUsed_) {
+            char* const at = first_.data() + std::exchange(firstUsed_, firstUsed_ + text.size());
+            return {at, text.copy(at, text.size())};
         }
-        return put(text, std::exchange(room_, room_.subspan(text.size())));
+        if (text.size() > blockMax / 4)
+            return keep(std::string(text));
+        if (blocks_.empty() || text.size() > blocks_.back().capacity() - blocks_.back().size()) {
+            blocks_.emplace_back().reserve(std::max(next_, text.size()));
+            next_ = std::min(2 * next_, blockMax);
+        }
+        std::string& block = blocks_.back();
+        return std::string_view(block.append(text)).substr(block.size() - text.size());
+    }
+    /// What is large becomes a block as it is, before the one that has room. Requires: no string that lies in
+    /// itself.
+    std::string_view keep(std::string&& text) {
+        blocks_.push_back(std::move(text));
+        std::string_view const kept = blocks_.back();
+        if (blocks_.size() > 1)
+            std::swap(blocks_.back(), blocks_[blocks_.size() - 2]);
+        return kept;
     }
     /// Hands out what it has but for the first few, and begins anew.
     Blocks take() {
-        room_ = first_;
-        next_ = 2 * first_.size();
+        firstUsed_ = 0;
+        next_ = nextAtFirst;
         return std::exchange(blocks_, {});
     }
 
   private:
-    static std::string_view put(std::string_view text, std::span<char> room) {
-        return {room.data(), text.copy(room.data(), text.size())};
-    }
-    std::span<char> newBlock(std::size_t size) {
-        return {blocks_.emplace_back(std::make_unique_for_overwrite<char[]>(size)).get(), size};
-    }
+    static constexpr std::size_t nextAtFirst = 1024;
 
     std::array<char, 512> first_;
-    std::span<char> room_ = first_;
-    std::size_t next_ = 2 * first_.size(); // bytes of the next block
+    std::size_t firstUsed_ = 0;      // bytes
+    std::size_t next_ = nextAtFirst; // bytes of the next block
     Blocks blocks_;
 };
 
