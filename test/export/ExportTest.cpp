@@ -250,6 +250,8 @@ TEST_F(ExportTest, IsWhatTheModelsMakeOfTheHistoryAndTheStatistics) {
         unit = oneOf<std::chrono::nanoseconds>({125ms, 337ns, 1ns});
         clearing = program > 0 && random.oneIn(2) ? 40 : 100000;
         looking = program > 0 ? 30 : 100000;
+        for (auto& scheduler : schedulers) // some of one name
+            random.oneIn(2) ? newScheduler(scheduler) : void();
         for (std::size_t i = program > 0 ? random.below(150) : 12000; i > 0; --i)
             step();
         for (int i = 0; program == 1 && i < 220; ++i)

@@ -42,7 +42,7 @@ TEST_F(CommandsTest, NumbersThatAreNoneOrTooLargeAreRefused) {
         INCR n | DECR m | DECR o | INCRBY p -0 | INCRBY p 1.5 > -ERR value is not an integer or out of range
         SET t xyz > +OK  GETRANGE t -1 -2 | GETRANGE t -5 -10 | GETRANGE t -9 -8 > $0
         GETRANGE t -9 -3 > $1 x  GETRANGE t -2 9 > $2 yz
-        INCRBYFLOAT f 0.1 > $3 0.1  INCRBYFLOAT f 2e-1 > $3 0.3  INCRBYFLOAT f -0.3 > $1 0
+        INCRBYFLOAT f 0.1 > $3 0.1  INCRBYFLOAT f 2e-1 > $3 0.3  INCRBYFLOAT f -0.3 | INCRBYFLOAT f -1e-19 > $1 0
         INCRBYFLOAT o 1 | INCRBYFLOAT f nan > -ERR value is not a valid float  SET g 1e4932 > +OK
         INCRBYFLOAT f inf | INCRBYFLOAT g 1e4932 > -ERR increment would produce NaN or Infinity
         SETRANGE r -1 x > -ERR offset is out of range

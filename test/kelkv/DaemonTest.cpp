@@ -1,7 +1,9 @@
 #include "EngineTest.h"
 
+#include <kelkv/Allowance.h>
 #include <kelkv/Options.h>
 
+#include <support/ManualClock.h>
 #include <support/TraceLog.h>
 
 #include <sys/resource.h>
@@ -87,6 +89,22 @@ struct DaemonTest : Test {
 };
 
 } // namespace
+
+TEST(Allowance, IsThereAgainAfterASecondHoweverMuchWasSpent) {
+    TestSupport::ManualClock steady;
+    Allowance allowance;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(allowance.isSpent());
+        allowance.spend(3000);
+        EXPECT_FALSE(allowance.isSpent());
+        allowance.spend(10'000'000);
+        for (auto const& [time, isSpent] : {std::pair(0ms, true), {1000ms, true}, {300ms, false}}) {
+            steady.advance(time);
+            Mox::SteadyClock::now();
+            EXPECT_EQ(allowance.isSpent(), isSpent) << time.count();
+        }
+    }
+}
 
 TEST(Options, LeaveAClientOrSayWhyNot) {
     auto const fitAll = [] {
@@ -320,7 +338,6 @@ TEST_F(DaemonTest, HttpConnectionsAreKeptForRequestsOneAfterAnotherAndUntilOther
 
 // Bytes that are no request, or go on with one, put no end off.
 TEST_F(DaemonTest, WhoIsIdleOrTakesTooLongIsClosedWhateverItSends) {
-    engine().patience = {.idleOperator = 50ms, .httpExchange = 50ms, .idleHttp = 50ms};
     struct Attempt {
         Listener const& port;
         std::string_view begin, drip;
@@ -328,6 +345,7 @@ TEST_F(DaemonTest, WhoIsIdleOrTakesTooLongIsClosedWhateverItSends) {
     for (auto const& [port, begin, drip] : {Attempt{daemon->operators(), "PING\r\n", "\r\n"},
                                             {*daemon->http(), "", ""},
                                             {*daemon->http(), "GET / HTTP/1.1\r\nX: ", "x"}}) {
+        engine().patience = {50ms, 50ms, begin.empty() ? 50ms : 600'000ms}; // no end waits for a later one
         Client slow(*loop, port);
         slow.send(begin);
         while (port.connections() > 0) {

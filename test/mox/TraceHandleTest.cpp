@@ -16,14 +16,15 @@ TEST(TraceHandle, EnvironmentEnablesLevelsAtTheStart) {
     std::pair<char const*, char const*> const cases[] = {
         {"Pump/1,4-5", "145"},      {"Pump/7-30", "789"},     {"Valve/1 Pump/2;Pump/9", "29"},
         {"Pumpe/1 Pum/2 Pump", ""}, {"Pump/3,x,5", "3"},      {"Pump/3-,5", ""},
-        {"Pump/5-4", ""},           {"Pump/99999999999", ""}, {" ; Pump/6", "6"}};
+        {"Pump/5-4", ""},           {"Pump/99999999999", ""}, {" ; Pump/6 Pump/Seal/3", "6"}};
     for (auto const& [environment, wanted] : cases) {
         setenv("MOX_TRACE", environment, 1);
-        TraceHandle const handle("Pump");
+        TraceHandle const handle("Pump"), below("Pump/Seal");
         std::string enabled;
         for (U32 level = 0; level <= 9; ++level)
             if (handle.levelEnabled(level))
                 enabled += std::to_string(level);
+        EXPECT_EQ(below.levelEnabled(3), enabled == "6") << environment;
         EXPECT_EQ(wanted, enabled) << environment;
     }
     unsetenv("MOX_TRACE");

@@ -45,6 +45,7 @@ struct SchedulerTreeTest : TestSupport::HandTreeTest {
 
 TEST_F(SchedulerTreeTest, ListsGroupsThenTasksByNameAndSomeOfMany) {
     EXPECT_EQ(children(""), "group jobs\ntask TaskGroup;jobs\ntask one\ntask twin\ntask twin\n");
+    EXPECT_FALSE(SchedulerTree(TestSupport::HandRoot::HandRootIs("a/b")).list("").empty());
     EXPECT_EQ(children("root/jobs") + children("root/jobs/inner"),
               "group inner\ntask TaskGroup;inner\ntask deep\n");
     EXPECT_THAT(tree.list("root/one"),
