@@ -92,6 +92,7 @@ struct DaemonTest : Test {
 
 TEST(Allowance, IsThereAgainAfterASecondHoweverMuchWasSpent) {
     TestSupport::ManualClock steady;
+    Mox::SteadyClock::now();
     Allowance allowance;
     for (int i = 0; i < 3; ++i) {
         EXPECT_FALSE(allowance.isSpent());
