@@ -25,6 +25,8 @@ class ByteShare
     std::size_t size() const { return size_; }
     void sizeIs(std::size_t size);
     bool isOver() const;
+    /// Its owner has to go without.
+    void refusedInc();
 
     /// Whether it can be given up, for others.
     virtual bool mayGiveUp() const { return false; }
@@ -82,5 +84,6 @@ inline void ByteShare::sizeIs(std::size_t size) {
 }
 
 inline bool ByteShare::isOver() const { return of_.isOver(); }
+inline void ByteShare::refusedInc() { of_.refusedInc(); }
 
 } // namespace KelKv

@@ -16,8 +16,7 @@ constexpr std::size_t pieceSize = 1 << 16;
 
 KeyWalk::KeyWalk(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Store const& store, ByteLimit& gathered,
                  Client& client, std::optional<std::string> pattern)
-    : store_(store), client_(&client), isCount_(!pattern), limit_(gathered),
-      search_(store, std::move(pattern)),
+    : store_(store), client_(&client), isCount_(!pattern), search_(store, std::move(pattern)),
       task_(Kel::Task::TaskIs(scheduler, Kel::TaskPriority::low, isCount_ ? "dbsize" : "keys")),
       gathered_(gathered) {
     task_->taskQuantumIs(quantum);
@@ -84,7 +83,7 @@ void KeyWalk::addCount() {
 
 /// Waiting for others to read their replies might take for ever: they need not read.
 void KeyWalk::giveUp() {
-    limit_.refusedInc();
+    gathered_.refusedInc();
     dropPieces();
     isGathering_ = false;
     std::string const& error = pieces_.emplace_back(

@@ -68,7 +68,6 @@ class KeyWalk : public Kel::Task::Notifiee {
     Store const& store_;
     Client* client_; // null: cancelled
     bool const isCount_;
-    ByteLimit& limit_;
     KeySearch search_;
     Mox::Ptr<Kel::Task> const task_;
 

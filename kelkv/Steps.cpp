@@ -26,7 +26,7 @@ bool GatheredBulk::step(CommandContext& context) {
     gather();
     if (!gathered_.isOver())
         return true;
-    context.engine.gatheredBy(context.session).refusedInc();
+    gathered_.refusedInc();
     context.reply.error("texts that nobody has read take too much memory", "OOM");
     return false;
 }
