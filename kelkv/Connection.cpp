@@ -20,8 +20,9 @@ bool wouldBlock(Connection::Error error) {
 }
 } // namespace
 
-Connection::Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Role const& role, Socket socket)
-    : role_(role), scheduler_(scheduler), task_(Kel::Task::TaskIs(scheduler, role.priority, role.name)),
+Connection::Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler,
+                       Mox::Ptr<Kel::TaskScheduler> const& ofMore, Role const& role, Socket socket)
+    : role_(role), schedulerOfMore_(ofMore), task_(Kel::Task::TaskIs(scheduler, role.priority, role.name)),
       socket_(std::move(socket)), deadline_(socket_.get_executor()), patience_(socket_.get_executor()) {
     Error ignored;
     socket_.non_blocking(true, ignored);
@@ -91,7 +92,7 @@ void Connection::needsWork() {
 
 Kel::Task& Connection::more() {
     if (!later_) {
-        later_ = Kel::Task::TaskIs(scheduler_, role_.priorityOfMore, std::string(role_.name) + ";more");
+        later_ = Kel::Task::TaskIs(schedulerOfMore_, role_.priorityOfMore, std::string(role_.name) + ";more");
         later_->taskQuantumIs(quantum);
         more_ = new More(later_, *this);
     }

@@ -56,7 +56,9 @@ class Connection : public Kel::Task::Notifiee {
     void onException(std::exception_ptr thrown) noexcept override;
 
   protected:
-    Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Role const& role, Socket socket);
+    /// `ofMore` is the scheduler of what is beyond the allowance.
+    Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler, Mox::Ptr<Kel::TaskScheduler> const& ofMore,
+               Role const& role, Socket socket);
 
     bool isOpen() const { return task_ != nullptr; }
     /// So many requests were answered.
@@ -130,7 +132,7 @@ class Connection : public Kel::Task::Notifiee {
     void waitForEnd();
 
     Role const role_;
-    Mox::Ptr<Kel::TaskScheduler> const scheduler_;
+    Mox::Ptr<Kel::TaskScheduler> const schedulerOfMore_;
     Mox::Ptr<Kel::Task> task_;  // null once it is closed
     Mox::Ptr<Kel::Task> later_; // null until the client asks much
     Mox::Ptr<More> more_;

@@ -25,8 +25,10 @@ namespace KelKv {
 /// What the daemon's connections work on: the scheduler, the store, what is measured of them, and what all
 /// clients share.
 ///
-/// Walks over all keys run in the group "background", so that a hundred of them take no more from the other
-/// clients than one does: the group is one `low` task to them, bounded by one quantum.
+/// Walks over all keys, and what clients ask beyond their allowance, run in the group "background", so that
+/// a hundred of them take no more from the other clients than one does: the group is one `low` task to them,
+/// bounded by one quantum. As tasks beside it each would count against them: the more wait below, the more
+/// often one goes ahead.
 ///
 /// Lifetime: it outlives the connections.
 struct Engine {

@@ -17,11 +17,18 @@ template <class Endpoint> std::string textOf(Endpoint const& endpoint, boost::sy
     return error ? std::string() : boost::lexical_cast<std::string>(endpoint);
 }
 
+/// An operator's comes before all that clients ask much.
+Mox::Ptr<Kel::TaskScheduler> schedulerOfMore(Engine const& engine, Connection::Role const& role) {
+    if (role.isOperator)
+        return engine.root;
+    return engine.background;
+}
+
 } // namespace
 
 RespConnection::RespConnection(Engine& engine, Role const& role, Socket accepted)
-    : Connection(engine.root, role, std::move(accepted)), engine_(engine), parser_(engine.scavenger),
-      requestBytes_(*this), replyBytes_(engine.replyBytes) {
+    : Connection(engine.root, schedulerOfMore(engine, role), role, std::move(accepted)), engine_(engine),
+      parser_(engine.scavenger), requestBytes_(*this), replyBytes_(engine.replyBytes) {
     Error error;
     session_.isOperator = role.isOperator;
     session_.peer = textOf(socket().remote_endpoint(error), error);

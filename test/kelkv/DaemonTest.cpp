@@ -139,6 +139,7 @@ TEST_F(DaemonTest, PipelinedRequestsAreAnsweredInOrderAroundWalksThoughTheClient
                 AllOf(StartsWith(pongs + "*10\r\n$8\r\nkey1999"), EndsWith("\r\n:20000\r\n$3\r\nend\r\n")));
     ASSERT_NE(engine().background->deadTaskStats("dbsize"), nullptr) << "walks are the group's tasks";
     EXPECT_EQ(engine().background->deadTaskStats("dbsize")->taskWorkCount(), 20000u);
+    EXPECT_NE(engine().background->deadTaskStats("client;more"), nullptr) << "and so is who asks much";
     EXPECT_THAT(Kel::wholeText(*engine().statistics()),
                 ContainsRegex("\nTaskGroup;background\n(.*\n)*keys "));
     EXPECT_EQ(other.askAll("QUIT\r\nPING\r\n"), "+OK\r\n");
