@@ -70,6 +70,8 @@ class Connection : public Kel::Task::Notifiee {
 
     /// Asks for a call of `onWork()`: something came, or there is more to do than fits into a turn.
     void needsWork();
+    /// Whether the turn under way goes ahead of those that ask much.
+    bool isAhead() const { return &turn() == task_.ptr(); }
     /// Counts what is no reading or sending, but costs as much.
     void spend(std::size_t bytes) { allowance_.spend(bytes); }
     /// Closes when the time is over, unless that is asked for again by then.
@@ -123,7 +125,6 @@ class Connection : public Kel::Task::Notifiee {
     };
 
     Kel::Task& turn() const { return turn_ ? *turn_ : *task_; }
-    bool isAhead() const { return &turn() == task_.ptr(); } // of those that ask much
     Kel::Task& more();
     void workIn(Kel::Task& task);
     void work();

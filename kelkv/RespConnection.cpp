@@ -253,10 +253,15 @@ bool RespConnection::sendSome() {
     return isOpen();
 }
 
-/// Everything is sent. A client that may still be sending is waited for, until it has read why.
+/// Everything is sent. A client that may still be sending is waited for, until it has read why. Closing keeps
+/// the system longer than most commands keep us, and so comes after what others ask.
 void RespConnection::finish() {
-    if (atEnd() || (!isReadable() && !isBroken_))
-        return close();
+    if (atEnd() || (!isReadable() && !isBroken_)) {
+        if (!isAhead() || session_.isOperator)
+            return close();
+        spend(Allowance::burst);
+        return needsWork();
+    }
     if (!isShut_) {
         isShut_ = true;
         dropInput();
