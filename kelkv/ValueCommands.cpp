@@ -370,7 +370,7 @@ constexpr Command commands[] = {
     {"PSETEX", 4, 4, setLiving<msecFromNow>, Command::oneKey, 3},
     {"GETSET", 3, 3, getSet, Command::oneKey, 2},
     {"GETDEL", 2, 2, getDel, Command::oneKey},
-    {"GETEX", 2, 4, getEx, Command::oneKey},
+    {"GETEX", 2, 6, getEx, Command::oneKey},
     {"MGET", 2, any, getMany, Command::allKeys, 1},
     {"MSET", 3, any, setMany, Command::allPairs, 2},
     {"MSETNX", 3, any, setManyNew, Command::allPairs, 2},

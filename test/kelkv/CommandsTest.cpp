@@ -64,6 +64,9 @@ TEST_F(CommandsTest, LivesBeyondTheBoundAreRefusedAndLeaveTheKeyAlone) {
         SET k v EX | SET k v EX 1 PX 1 | SET k v EX 1 KEEPTTL | SET k v NX XX | SET k v AB | GETEX k PERSIST EX > -ERR syntax error
         EXPIRE k 1 NX GT > -ERR NX and XX, GT or LT options at the same time are not compatible
         EXPIRE k 1 GT LT > -ERR GT and LT options at the same time are not compatible  EXPIRE k 1 AB > -ERR Unsupported option AB
+        GETEX k EX 9 PERSIST | GETEX k PERSIST PX 9 | GETEX k PERSIST EXAT | GETEX k NX > -ERR syntax error
+        EXPIRE k 9 GT | EXPIRE k 9 XX | EXPIRE none 9 > :0  EXPIRE k 9 LT > :1  EXPIRE k 8 NX > :0  EXPIRE k 9 XX GT | EXPIRE k 9 lt > :0
+        EXPIREAT k 1000000009 GT | EXPIREAT k 1000000009 LT > :0  EXPIREAT k 1000000010 xx gt > :1  PERSIST k > :1  PERSIST k > :0
         PTTL k > :-1  EXPIRE k 4611686018427387 > :1  TTL k > :4611686018427387  EXPIRETIME k > :4611687018427387
         PEXPIREAT k 9223372036854775807 > :1  TTL k > :9223371036854776  PEXPIREAT k -9223372036854775808 > :1  EXISTS k > :0
         SET k v PXAT 1 > +OK  GET k > $-1  SET k v EX 50 > +OK  TTL k > :50  PEXPIRE k 50499 > :1  TTL k > :50  PEXPIRE k 50500 > :1  TTL k > :51)");
@@ -84,6 +87,11 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
         SCHED RESET > -ERR SCHED is for the operator's port  INFO none > $0  DBSIZE exact > walk to count  KEYS b* > walk b*
         DBSIZE x > -ERR syntax error  FLUSHALL WORD > -ERR syntax error  FLUSHDB async > +OK  RANDOMKEY > $-1  RENAME no x > -ERR no such key
         CLIENT LIST TYPE PubSub > $0  CLIENT LIST TYPE foo > -ERR Unknown client type 'foo'  CLIENT LIST ID > -ERR syntax error
+        CLIENT SETNAME "a b" | CLIENT SETNAME "a\x7f" | HELLO 3 SETNAME "a b" | CLIENT SETINFO lib-ver "a b" > -ERR Client names cannot contain spaces, newlines or special characters.
+        HELLO 3 SETNAME x NO > -ERR syntax error in HELLO  HELLO 3 SETNAME > -ERR syntax error in HELLO  CLIENT GETNAME > $-1
+        CLIENT SETINFO name x > -ERR unknown attribute of CLIENT SETINFO  SELECT 1 > -ERR DB index is out of range: there is one, 0
+        CLIENT NO-EVICT on > +OK  CLIENT NO-TOUCH x > -ERR syntax error  CLIENT LIST TYPE > -ERR syntax error  AUTH x > -ERR AUTH is not supported: nobody has a password
+        COPY a b REPLACE DB 0 | COPY a b DB 0 REPLACE | COPY a b > :0  COPY a b DB > -ERR syntax error  COPY a b NO > -ERR syntax error
         COPY a b DB 1 > -ERR DB index is out of range: there is one, 0  COPY a b DB x > -ERR value is not an integer or out of range
         COPY a a > -ERR source and destination objects are the same  MSET a 1 b > -ERR wrong number of arguments for 'mset' command
         SET a 1 EX 9 > +OK  SET b 1 > +OK  info keyspace > $44 # Keyspace db0:keys=2,expires=1,avg_ttl=0)");
@@ -98,6 +106,54 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
                 testing::ContainsRegex("# Server .*connected_clients:.*loading:0 .*role:master .*db0:keys"));
     EXPECT_THAT(ask("INFO everything"), testing::ContainsRegex("# Server .*# Scheduler .*TotalRunCount"));
     EXPECT_EQ(ask("COMMAND COUNT").substr(1), ask("COMMAND").substr(1, 2));
+}
+
+// Each figure is another number, so that none can stand in another's place.
+TEST_F(CommandsTest, FiguresAreToldUnderTheirNames) {
+    engine.ports = [] {
+        return Engine::Ports{{1, 2, 3, 4, 5, 6}, {11, 12, 13, 14, 15, 16}, {21, 22, 23, 24, 25, 26}};
+    };
+    std::deque<ByteShare> shares;
+    for (ByteLimit* limit :
+         {&engine.requestBytes, &engine.walkBytes, &engine.operatorBytes, &engine.replyBytes}) {
+        shares.emplace_back(*limit).sizeIs(30 + shares.size());
+        for (std::size_t i = 0; i < shares.size(); ++i)
+            shares.back().refusedInc();
+    }
+    expect(R"(
+        INFO clients > $137 # Clients connected_clients:2 maxclients:3 blocked_clients:0 connected_operators:12 maxoperators:13 connected_http:22 maxhttp:23
+        x > -ERR unknown command 'x'  SET k v PX 1 > +OK)");
+    time.clock->nowIs(1000);
+    expect(R"(
+        GET k > $-1
+        INFO stats > $217 # Stats total_connections_received:4 total_commands_processed:5 rejected_connections:5 expired_keys:1 evicted_keys:0 total_operators_received:14 rejected_operators:15 total_http_received:24 rejected_http:25
+        CONFIG GET port maxclients > *4 $10 maxclients $1 3 $4 port $1 1  TIME > *2 $10 1000001000 $1 0)");
+    std::string metrics = Kel::wholeText(*engine.metrics()), memory = client.ask({"INFO", "memory"});
+    metrics.erase(0, metrics.find("# HELP kelkv_"));
+    boost::replace_all(metrics, "\n", " ");
+    boost::replace_all(memory, "\r\n", " ");
+    EXPECT_EQ(
+        boost::regex_replace(metrics, boost::regex("# (HELP|TYPE) .*?(\\. |gauge |counter )|kelkv_"), ""),
+        R"(connections{port="clients"} 2 connections{port="operators"} 12 connections{port="http"} 22 )"
+        R"(connections_max{port="clients"} 3 connections_max{port="operators"} 13 connections_max{port="http"} 23 )"
+        R"(connections_accepted_total{port="clients"} 4 connections_accepted_total{port="operators"} 14 connections_accepted_total{port="http"} 24 )"
+        R"(connections_refused_total{port="clients"} 5 connections_refused_total{port="operators"} 15 connections_refused_total{port="http"} 25 )"
+        R"(connections_displaced_total{port="clients"} 6 connections_displaced_total{port="operators"} 16 connections_displaced_total{port="http"} 26 )"
+        R"(shared_bytes{of="request"} 31 shared_bytes{of="walk"} 32 shared_bytes{of="operator"} 33 shared_bytes{of="reply"} 34 )"
+        R"(shared_bytes_max{of="request"} 1073741824 shared_bytes_max{of="walk"} 268435456 shared_bytes_max{of="operator"} 268435456 shared_bytes_max{of="reply"} 268435456 )"
+        R"(shared_bytes_refused_total{of="request"} 1 shared_bytes_refused_total{of="walk"} 2 shared_bytes_refused_total{of="operator"} 3 shared_bytes_refused_total{of="reply"} 4 keys 0 )");
+    EXPECT_EQ(memory.substr(memory.find("maxmemory:")),
+              "maxmemory:0 maxmemory_policy:noeviction request_bytes:31 request_bytes_max:1073741824 "
+              "request_bytes_refused:1 walk_bytes:32 walk_bytes_max:268435456 walk_bytes_refused:2 "
+              "operator_bytes:33 operator_bytes_max:268435456 operator_bytes_refused:3 reply_bytes:34 "
+              "reply_bytes_max:268435456 reply_bytes_refused:4  ");
+    auto const now = client.session.lastUsed = Mox::SteadyClock::now();
+    client.session.since = now - boost::chrono::seconds(70);
+    client.session.lastUsed = now - boost::chrono::seconds(5);
+    client.session.peer = "p", client.session.here = "h";
+    expect(R"(
+        CLIENT SETNAME n > +OK  CLIENT SETINFO LIB-NAME l > +OK  CLIENT SETINFO lib-ver v > +OK
+        CLIENT INFO > $106 id=1 addr=p laddr=h name=n age=70 idle=5 flags=N db=0 cmd=client user=default lib-name=l lib-ver=v resp=2)");
 }
 
 TEST_F(CommandsTest, OperatorSteersTheTree) {

@@ -33,12 +33,18 @@ struct Client {
         socket.non_blocking(true);
     }
 
+    /// After many turns the system is late, and not the daemon.
+    void turn(int left) {
+        if (left < turnsMax - 10'000)
+            std::this_thread::sleep_for(100us);
+        loop.runOnce();
+    }
     /// As much as the daemon takes within so many turns.
     std::size_t send(std::string_view bytes, int turns = turnsMax) {
         std::size_t sent = 0;
         for (; turns > 0 && sent < bytes.size(); --turns) {
             sent += socket.write_some(boost::asio::buffer(bytes.substr(sent)), error);
-            loop.runOnce();
+            turn(turns);
         }
         return sent;
     }
@@ -46,7 +52,7 @@ struct Client {
     std::string receive(std::size_t size, int turns = turnsMax) {
         std::string got;
         for (char part[65536]; turns > 0 && got.size() < size && error != boost::asio::error::eof; --turns) {
-            loop.runOnce();
+            turn(turns);
             got.append(part, socket.read_some(boost::asio::buffer(part, size - got.size()), error));
         }
         return got;
@@ -79,6 +85,12 @@ struct DaemonTest : Test {
     Client newClient() { return Client(*loop, daemon->clients()); }
     Client operatorClient() { return Client(*loop, daemon->operators()); }
     Client httpClient() { return Client(*loop, *daemon->http()); }
+    /// Turns until no more are connected there.
+    void waitFor(Listener const& port, std::size_t connections) {
+        for (int turns = 0; turns < turnsMax && port.connections() > connections; ++turns)
+            client.turn(turnsMax - turns);
+        EXPECT_EQ(port.connections(), connections);
+    }
 
     TestSupport::VirtualTime time;
     Mox::Ptr<Kel::EventLoop> const loop = Kel::EventLoop::EventLoopIs();
@@ -105,6 +117,27 @@ TEST(Allowance, IsThereAgainAfterASecondHoweverMuchWasSpent) {
             EXPECT_EQ(allowance.isSpent(), isSpent) << time.count();
         }
     }
+}
+
+TEST(Log, SaysALineASecondOfAKindAndHowManyItLeftOut) {
+    TestSupport::ManualClock steady;
+    Log log;
+    testing::internal::CaptureStderr();
+    for (auto const& [kind, wait] : {std::pair("a", 0ms),
+                                     {"a", 999ms},
+                                     {"b", 0ms},
+                                     {"a", 0ms},
+                                     {"a", 1ms},
+                                     {"a", 999ms},
+                                     {"a", 1ms},
+                                     {"b", 0ms},
+                                     {"b", 1000ms}}) {
+        steady.advance(wait);
+        log.line(kind, std::to_string(steady.now() / 1ms));
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kelkv: a: 1000000\nkelkv: b: 1000999\nkelkv: a: 1001000 (2 more before)\n"
+              "kelkv: a: 1002000 (1 more before)\nkelkv: b: 1002000\nkelkv: b: 1003000\n");
 }
 
 TEST(Options, LeaveAClientOrSayWhyNot) {
@@ -143,7 +176,7 @@ TEST_F(DaemonTest, PipelinedRequestsAreAnsweredInOrderAroundWalksThoughTheClient
     EXPECT_THAT(Kel::wholeText(*engine().statistics()),
                 ContainsRegex("\nTaskGroup;background\n(.*\n)*keys "));
     EXPECT_EQ(other.askAll("QUIT\r\nPING\r\n"), "+OK\r\n");
-    EXPECT_EQ(daemon->clients().connections(), 0u);
+    waitFor(daemon->clients(), 0);
 }
 
 TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRunAndWalksMayBeUnderWayAtTheEnd) {
@@ -156,9 +189,8 @@ TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRunAndWalksMayBeUnderWayAtTheEnd) {
     EXPECT_EQ(engine().background->runnableTaskCount(Kel::TaskPriority::low), 2u);
     client.expect("", "*300000\r\n");
     client.socket.close();
-    for (int i = 0; i < 20; ++i)
-        other.expect("PING\r\n", "+PONG\r\n");
-    EXPECT_EQ(daemon->clients().connections(), 2u);
+    other.expect("PING\r\n", "+PONG\r\n");
+    waitFor(daemon->clients(), 2);
     std::string const replies = second.askAll();
     EXPECT_EQ(std::ranges::count(replies, '$'), 300000);
     EXPECT_TRUE(replies.ends_with("+PONG\r\n+OK\r\n"));
@@ -174,8 +206,9 @@ TEST_F(DaemonTest, WhatIsWrongOrFailsEndsItsConnectionOnly) {
     half.send("*2\r\n$3\r\nGET\r\n$5\r\nab");
     EXPECT_EQ(client.askAll("PING\r\n*1\r\n$536870913\r\nPING\r\n"),
               "+PONG\r\n-ERR Protocol error: invalid bulk length\r\n");
-    EXPECT_EQ(newClient().askAll("POST / HTTP/1.1\r\nFLUSHALL\r\n"),
-              "-ERR this port does not speak HTTP\r\n");
+    for (std::string const before : {"", "\r\n"})
+        EXPECT_EQ(newClient().askAll(before + "POST / HTTP/1.1\r\nFLUSHALL\r\n"),
+                  "-ERR this port does not speak HTTP\r\n");
     TestSupport::TraceLog trace({0}, "Mox");
     engine().ports = []() -> Engine::Ports { throw std::runtime_error("no ports"); };
     EXPECT_EQ(failing.askAll("INFO\r\n"), "");
@@ -314,9 +347,11 @@ TEST_F(DaemonTest, HttpIsGetAndHeadOfAFewPagesAndOnLoopbackForWhoNamesThisHost) 
              {post + "Transfer-Encoding: chunked\r\n\r\nz\r\n" + junk, "400 .*"},
              {post + "Expect: 100-continue\r\nContent-Length: 3\r\n\r\n", "417 .*"},
              {"junk\r\n\r\n" + junk, "400 .*"},
-             {"GET / HTTP/1.1\r\nX: " + junk, "431 .*"}})
+             {"GET / HTTP/1.1\r\nX: " + junk, "431 .*"}}) {
         EXPECT_THAT(httpClient().askAll(request), MatchesRegex("HTTP/1.1 " + answer))
             << request.substr(0, 60);
+        waitFor(*daemon->http(), 0);
+    }
     EXPECT_TRUE(daemon->http()->endpoint().address().is_loopback());
 }
 
@@ -336,6 +371,32 @@ TEST_F(DaemonTest, HttpConnectionsAreKeptForRequestsOneAfterAnotherAndUntilOther
     busy.expect("\r\n", kept);
     EXPECT_EQ(idle.front().askAll(), "");
     EXPECT_EQ(daemon->http()->connections(), 16u);
+    for (int i = 0; i < 5; ++i)
+        idle.pop_front();
+    for (Client& each : idle)
+        each.send(get);
+    busy.send(get);
+    busy.expect("X: ", busy.receive(1, 50)); // what was sent is read
+    EXPECT_THAT(httpClient().askAll(), StartsWith("HTTP/1.1 503 "));
+    Engine::Port const port = engine().ports().http;
+    EXPECT_EQ(std::tuple(port.accepted, port.refused, port.displaced), std::tuple(22u, 1u, 5u));
+}
+
+// Time is moved by hand; the timer of the system is far ahead of it.
+TEST_F(DaemonTest, EndThatIsPutOffComesNoEarlier) {
+    engine().patience.idleOperator = 2ms;
+    Client op = operatorClient();
+    op.expect("PING\r\n", "+PONG\r\n");
+    TestSupport::ManualClock steady(std::chrono::steady_clock::now().time_since_epoch());
+    for (int i = 0; i < 10; ++i) {
+        op.expect("PING\r\n", "+PONG\r\n");
+        steady.advance(1500us);
+        std::this_thread::sleep_for(3ms);
+        EXPECT_EQ(op.receive(1, 50), "");
+    }
+    EXPECT_EQ(daemon->operators().connections(), 1u);
+    steady.advance(2ms);
+    EXPECT_EQ(op.askAll(), "");
 }
 
 // Bytes that are no request, or go on with one, put no end off.
@@ -364,9 +425,7 @@ TEST_F(DaemonTest, HttpAnswersOnceWhoeverRunsItsTaskAndWhileSuspendedAndLeavesNo
     gone.send("GET /trace.json HTTP/1.0\r\n\r\n");
     gone.socket.close();
     browser.send("GET /metrics HTTP/1.0\r\n");
-    for (int i = 0; i < turnsMax && daemon->http()->connections() > 1; ++i)
-        loop->runOnce(); // until the trace that nobody reads is through
-    EXPECT_EQ(daemon->http()->connections(), 1u);
+    waitFor(*daemon->http(), 1); // until the trace that nobody reads is through
     op.expect("SCHED CALL kelkv/http scheduleTask\r\nSCHED SET kelkv/suspended True\r\n", "+OK\r\n+OK\r\n");
     EXPECT_THAT(browser.askAll("\r\n"), AllOf(StartsWith("HTTP/1.1 200 "), HasSubstr("keltask_")));
     op.expect("SCHED CALL kelkv/http taskRunFromTest\r\nSCHED LS kelkv/http/x\r\n", "+OK\r\n-ERR");

@@ -10,7 +10,7 @@ TEST_F(RequestParserTest, ReadsAStreamInPiecesOfAnySize) {
     std::string const stream =
         "*2\r\n$3\r\nGET\r\n$4\r\na\r\nb\r\nPING\r\n"
         "*3\r\n$3\r\nSET\r\n$0\r\n\r\n$14\r\n*1\r\n$4\r\nPING\r\n\r\n\r\n"
-        "  set \t k   v \n*0\r\n*-7\r\n\"a \\x41\\n\\\"\" 'b\\'\\n' c''\r\n*1\r\n$4\r\nQUIT\r\n*1\r\n" +
+        "  set \t \"k\"\tv \n*0\r\n*-7\r\n\"a \\x41\\n\\\"\" 'b\\'\\n' c''\r\n*1\r\n$4\r\nQUIT\r\n*1\r\n" +
         bulk(longer);
     std::vector<Words> const expected{{"GET", "a\r\nb"},
                                       {"PING"},

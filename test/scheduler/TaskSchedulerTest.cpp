@@ -150,6 +150,7 @@ TEST(TaskSchedulerQueueStats, AddsEntryByEntryToOnesThatAreThere) {
     TaskSchedulerQueueStats one, empty;
     for (U32 const count : {5u, 1u}) // replaces
         one.priorityIs(stats(TaskPriority::absolute, count, 2, 3, 4));
+    EXPECT_TRUE(one != empty && empty != one);
     EXPECT_EQ(one, empty += one) << "a missing absolute entry counts as zeros";
     EXPECT_DEATH(one += sum, HasSubstr("taskPriority() == rhs.taskPriority(), source TaskScheduler"));
 }
@@ -237,6 +238,9 @@ TEST_F(TaskSchedulerStatsTest, ResetReachesEveryTaskInRunsOfItsQuantumWhateverDi
         }
         ASSERT_LT(runs, 200);
         ASSERT_EQ(0u, runsOfTasks() + root->runTaskCount(TaskPriority::scavenge));
+        auto const stats = root->queueStats();
+        for (auto const& [priority, entry] : stats.priority())
+            ASSERT_EQ(root->runTaskCount(priority), entry.totalRunCount());
         ASSERT_LT(root->schedulerMaxSchedulerSlip(), 1.0);
         steady.perReadingIs(0ms);
         auto place = order.begin(); // where a run resumes, its task is reset again
