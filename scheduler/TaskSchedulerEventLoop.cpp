@@ -43,10 +43,8 @@ void TaskSchedulerEventLoop::handleInitialized() {
     timerWheelIs(EventLoopTimerWheel::EventLoopTimerWheelIs(nullptr, nullptr, timerWheelTickInMsec(),
                                                             wheelTicks, true, wheelBuckets, evLoop_));
     clockIs(TimerEvent::TimerEventIs(evLoop_));
-    if (!evLoop_->runsWhenIdle()) {
+    if (!evLoop_->runsWhenIdle())
         eventLoopKeepAliveClockIs(TimerEvent::TimerEventIs(evLoop_));
-        keepAliveClock_->notifier()->timeMinIs(keepAlive);
-    }
 }
 
 TaskSchedulerEventLoop::~TaskSchedulerEventLoop() = default;
@@ -63,8 +61,11 @@ void TaskSchedulerEventLoop::clockIs(Mox::Ptr<TimerEvent> const& event) {
 
 void TaskSchedulerEventLoop::clockDel() { clock_.drop(); }
 
+/// It is always armed, also where it takes another's place.
 void TaskSchedulerEventLoop::eventLoopKeepAliveClockIs(Mox::Ptr<TimerEvent> const& event) {
     keepAliveClock_.madeFor(this)->notifierIs(event);
+    if (event)
+        event->timeMinIs(keepAlive);
 }
 
 void TaskSchedulerEventLoop::eventLoopKeepAliveClockDel() { keepAliveClock_.drop(); }

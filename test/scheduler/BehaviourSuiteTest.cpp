@@ -306,6 +306,8 @@ TEST_F(TaskSchedulerEventLoopTest, KeepsALoopAliveThatWouldEndAndRunsNoPassForIt
     root->hasNotificationActiveIs(false);
     loop->runUntil(4000.0);
     EXPECT_LE(loop->nextDue(), 600.0) << "armed again, though it fired while the root was off";
+    root->eventLoopKeepAliveClockIs(TimerEvent::TimerEventIs(loop));
+    EXPECT_EQ(600.0, loop->nextDue()) << "and on another event";
 }
 
 TEST_F(TaskSchedulerEventLoopTest, NeedsNoKeepAliveOnALoopThatWaitsNorOnTheActivitysLoop) {
