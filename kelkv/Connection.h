@@ -135,7 +135,7 @@ class Connection : public Kel::Task::Notifiee {
     Role const role_;
     Mox::Ptr<Kel::TaskScheduler> const schedulerOfMore_;
     Mox::Ptr<Kel::Task> task_;  // null once it is closed
-    Mox::Ptr<Kel::Task> later_; // null until the client asks much
+    Mox::Ptr<Kel::Task> later_; // null until the client asks much or leaves
     Mox::Ptr<More> more_;
     Kel::Task* turn_ = nullptr; // whose run is under way
     Allowance allowance_;

@@ -253,15 +253,10 @@ bool RespConnection::sendSome() {
     return isOpen();
 }
 
-/// Everything is sent. A client that may still be sending is waited for, until it has read why. Closing keeps
-/// the system longer than most commands keep us, and so comes after what others ask.
+/// Everything is sent. A client that may still be sending is waited for, until it has read why.
 void RespConnection::finish() {
-    if (atEnd() || (!isReadable() && !isBroken_)) {
-        if (!isAhead() || session_.isOperator)
-            return close();
-        spend(Allowance::burst);
-        return needsWork();
-    }
+    if (atEnd() || (!isReadable() && !isBroken_))
+        return leave();
     if (!isShut_) {
         isShut_ = true;
         dropInput();
@@ -269,6 +264,16 @@ void RespConnection::finish() {
         closeAfter(std::chrono::seconds(1));
     }
     isReadable() ? needsWork() : waitReadable();
+}
+
+/// A close keeps the system longer than most commands keep us, and many clients may leave at once: it comes
+/// after what others ask, within a second, so that they take no places.
+void RespConnection::leave() {
+    if (!isAhead() || session_.isOperator)
+        return close();
+    spend(Allowance::burst);
+    closeAfter(std::chrono::seconds(1));
+    needsWork();
 }
 
 } // namespace KelKv

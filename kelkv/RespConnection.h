@@ -69,6 +69,7 @@ class RespConnection : public Connection, private KeyWalk::Client {
     bool mayAnswer() const;
     bool sendSome();
     void finish();
+    void leave();
 
     Engine& engine_;
     Session session_;
