@@ -17,7 +17,7 @@ template <class Endpoint> std::string textOf(Endpoint const& endpoint, boost::sy
     return error ? std::string() : boost::lexical_cast<std::string>(endpoint);
 }
 
-/// An operator's comes before all that clients ask much.
+/// An operator's takes turns with all that clients ask much, and not with each of them.
 Mox::Ptr<Kel::TaskScheduler> schedulerOfMore(Engine const& engine, Connection::Role const& role) {
     if (role.isOperator)
         return engine.root;

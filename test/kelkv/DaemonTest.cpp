@@ -251,6 +251,9 @@ TEST_F(DaemonTest, OperatorIsAnsweredWhileTheSchedulerIsSuspended) {
     EXPECT_THAT(other.askAll("SCHED HISTORY\r\nSCHED TRACE\r\nPING\r\nQUIT\r\nPING\r\n"),
                 AllOf(HasSubstr("schedulerSuspended"), HasSubstr("run end    N client"),
                       HasSubstr("\"traceEvents\""), EndsWith("+PONG\r\n+OK\r\n")));
+    ASSERT_NE(engine().root->deadTaskStats("operator;more"), nullptr);
+    EXPECT_EQ(engine().root->deadTaskStats("operator;more")->taskPriority(), Kel::TaskPriority::low)
+        << "as what clients ask much would starve";
     silent.socket.shutdown(tcp::socket::shutdown_send);
     EXPECT_EQ(silent.askAll(), "");
     EXPECT_EQ(daemon->operators().connections(), 1u);
