@@ -156,12 +156,14 @@ TEST_F(TaskGroupTest, ResettingTheRootResetsEveryLevel) {
     auto const outer = TaskGroup::TaskGroupIs("outer", TaskPriority::high, true, root);
     auto const inner = TaskGroup::TaskGroupIs("inner", TaskPriority::high, true, outer);
     auto const t = Task::TaskIs(inner, TaskPriority::high, "t");
-    t->taskRunIs(1);
+    auto const parentTask = inner->parentTask()->notifier();
+    t->taskRunIs(1), parentTask->taskWorkCountIs(1);
     root->resetStats();
     root->runUntilIdle();
-    EXPECT_EQ(0u, t->taskRun());
-    EXPECT_DEATH(Task::TaskIs(inner, TaskPriority::normal, "refused"),
-                 HasSubstr("task->taskPriority() == taskGroupPriority(), source TaskGroup"));
+    EXPECT_EQ(0u, t->taskRun() + parentTask->taskWorkCount());
+    for (TaskPriority const other : {TaskPriority::absolute, TaskPriority::normal})
+        EXPECT_DEATH(Task::TaskIs(inner, other, "refused"),
+                     HasSubstr("task->taskPriority() == taskGroupPriority(), source TaskGroup"));
 }
 
 /// What the owner of a scene lets go of.

@@ -104,6 +104,7 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
                   "-ERR unknown command '" + std::string(std::min<std::size_t>(size, 64), 'x') + "'");
     EXPECT_THAT(ask("INFO"),
                 testing::ContainsRegex("# Server .*connected_clients:.*loading:0 .*role:master .*db0:keys"));
+    EXPECT_THAT(ask("INFO default"), testing::Not(testing::HasSubstr("Scheduler")));
     EXPECT_THAT(ask("INFO everything"), testing::ContainsRegex("# Server .*# Scheduler .*TotalRunCount"));
     EXPECT_EQ(ask("COMMAND COUNT").substr(1), ask("COMMAND").substr(1, 2));
 }
@@ -218,7 +219,7 @@ TEST_F(CommandsTest, LongTextsAreAppendedToCopiedAndCutWithoutTheOthers) {
     EXPECT_EQ(reader.take(), "$262160\r\n12345" + std::string(262153, 'x') + "!!\r\n");
     expect(R"(
         GETRANGE a 0 6 > $7 12345xx  GETRANGE b -3 -1 > $3 xx?  GETRANGE a 262156 262161 > $6 xx!!xx
-        INCR a > -ERR value is not an integer or out of range  EXISTS LONG a > :1  GET LONG > -ERR an argument is too long
+        INCR a > -ERR value is not an integer or out of range  EXISTS LONG a > :1  GET LONG | SET LONG v | SETEX b LONG v > -ERR an argument is too long
         MSET b b LONG b > -ERR a key is too long; all others are set  GET b > $1 b  RENAME a c > +OK  RENAME c a > +OK
         SETRANGE a 1 x > -ERR SETRANGE is for texts of 262144 bytes at most)");
     LongTextPtr const block(new LongText(engine.scavenger)), longest(new LongText(engine.scavenger));

@@ -54,16 +54,17 @@ TEST_F(SchedulerTreeTest, ListsGroupsThenTasksByNameAndSomeOfMany) {
                                        "operation getStats() gives Kel::TaskStat",
                                        "operation taskRunInc(Mox::U32)"}));
     one->taskRunIs(3), one->taskWorkCountIs(7);
+    one->taskQuantumViolation200Is(5), one->taskQuantumViolation500Is(6);
     EXPECT_THAT(
         tree.list("root"),
         testing::IsSupersetOf({"task one " + key(one.ptr()) +
                                    "  n runs 3, total 0 s, longest 0 s, work 7, delay last 0 s, most 0 s, "
-                                   "over 200% 0, over 500% 0",
+                                   "over 200% 5, over 500% 6",
                                "group jobs " + key(group.ptr()) + " priority low, quantum 0.02 s, 1 tasks"}));
     std::vector<Mox::Ptr<Task>> many;
     for (std::size_t const more : {0u, 1u, 2u}) {
         while (root->tasksRegistered().size() < SchedulerTree::childrenMax + more)
-            many.push_back(task("many"));
+            many.push_back(task(more < 2 ? "many" : "z")); // before those that are in, and behind them
         std::vector<std::string> lines = tree.list("root");
         EXPECT_EQ(std::ranges::count(lines, std::to_string(more) + " more tasks"), more > 0);
         std::erase_if(lines, [](std::string const& line) { return !line.starts_with("task "); });

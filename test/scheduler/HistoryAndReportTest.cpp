@@ -65,9 +65,10 @@ struct HistoryProgram {
         records -= model.back().second;
         model.pop_back();
     }
-    /// What is older than some event goes, which stays.
+    /// What is older than some event goes, which stays or goes, too.
     void trim() {
-        auto const age = model.empty() ? TaskTimeDuration(0) : at(steady.now()) - random.of(model).first;
+        TaskTimeDuration age(-static_cast<std::int64_t>(random.below(2)));
+        age += model.empty() ? TaskTimeDuration(0) : at(steady.now()) - random.of(model).first;
         std::size_t const before = model.size();
         while (!model.empty() && model.back().first < at(steady.now()) - age)
             popOldest();

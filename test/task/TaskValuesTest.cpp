@@ -121,7 +121,8 @@ TEST(ValueForms, AttributesStandInAnyOrderAreLeftOutAndSpacedAndAStatussValueCou
                           "'taskPriority' : 'TaskPriority::PriorityEnum(7)', 'taskName' : \"n\" } )"));
     std::string const timer = "'taskTimer': True, ";
     EXPECT_EQ(0x11u, fromText<TaskStatus>(statusText(timer + "'taskSuspendedForTest': True")).value());
-    EXPECT_EQ(6u, fromText<TaskStatus>(statusText(timer + "'value': 006, 'taskOnRunQueue': True")).value());
+    EXPECT_EQ(6u,
+              fromText<TaskStatus>(statusText(timer + "'value': 006, 'taskSuspendedForTest': True")).value());
 }
 
 template <class T> std::string refusalOf(std::string const& text) {
@@ -136,9 +137,12 @@ TEST(ValueForms, EveryErrorHasItsMessage) {
         {stat, "Value('Kel::TaskStat', ** {'taskStatus': Value('K", "premature end of value type TaskStatus"},
         {stat, statusText(""), "expected a Kel::TaskStat, not a Kel::TaskStat::TaskStatus"},
         {stat, statText("'taskRun': 1, 'run': 2"), "TaskStat has no such attribute: run"},
-        {stat, statText("'taskRun': 1, 'taskRun': 1"), "TaskStat has this attribute already: taskRun"},
+        {stat, statText("'taskRun': 1, 'taskKey': 2, 'taskRun': 1"),
+         "TaskStat has this attribute already: taskRun"},
         {status, statusText("'value': 32"), "TaskStatus::value > 0x1f not allowed"},
         {refusalOf<TaskPriority>, "'Low'", "PriorityEnum has no such value: Low"},
+        {refusalOf<TaskPriority>, "'TaskPriority::PriorityEnum(7)x'",
+         "PriorityEnum has no such value: TaskPriority::PriorityEnum(7)x"},
         {refusalOf<TaskKey>, "@0x1 ", "junk at column 4 deserializing Kel::TaskKey"},
         {refusalOf<TaskSchedulerQueueStats>, "none", "expected None"},
     };
