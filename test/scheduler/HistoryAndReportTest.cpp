@@ -68,7 +68,8 @@ struct HistoryProgram {
     /// What is older than some event goes, which stays or goes, too.
     void trim() {
         TaskTimeDuration age(-static_cast<std::int64_t>(random.below(2)));
-        age += model.empty() ? TaskTimeDuration(0) : at(steady.now()) - random.of(model).first;
+        if (!model.empty())
+            age += at(steady.now()) - (random.oneIn(3) ? model.front() : random.of(model)).first;
         std::size_t const before = model.size();
         while (!model.empty() && model.back().first < at(steady.now()) - age)
             popOldest();
