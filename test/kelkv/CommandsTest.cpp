@@ -91,10 +91,11 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
         HELLO 3 SETNAME x NO > -ERR syntax error in HELLO  HELLO 3 SETNAME > -ERR syntax error in HELLO  CLIENT GETNAME > $-1
         CLIENT SETINFO name x > -ERR unknown attribute of CLIENT SETINFO  SELECT 1 > -ERR DB index is out of range: there is one, 0
         CLIENT NO-EVICT on > +OK  CLIENT NO-TOUCH x > -ERR syntax error  CLIENT LIST TYPE > -ERR syntax error  AUTH x > -ERR AUTH is not supported: nobody has a password
-        COPY a b REPLACE DB 0 | COPY a b DB 0 REPLACE | COPY a b > :0  COPY a b DB > -ERR syntax error  COPY a b NO > -ERR syntax error
+        COPY a b > :0  COPY a b DB > -ERR syntax error  COPY a b NO > -ERR syntax error
         COPY a b DB 1 > -ERR DB index is out of range: there is one, 0  COPY a b DB x > -ERR value is not an integer or out of range
         COPY a a > -ERR source and destination objects are the same  MSET a 1 b > -ERR wrong number of arguments for 'mset' command
-        SET a 1 EX 9 > +OK  SET b 1 > +OK  info keyspace > $44 # Keyspace db0:keys=2,expires=1,avg_ttl=0)");
+        SET a 1 EX 9 > +OK  SET b 1 > +OK  info keyspace > $44 # Keyspace db0:keys=2,expires=1,avg_ttl=0
+        COPY a b DB 0 > :0  COPY a b REPLACE DB 0 | COPY a b DB 0 REPLACE > :1  TTL b > :9)");
     for (char const* request : {"CLIENT SETNAME ", "CLIENT SETINFO lib-ver ", "HELLO 3 SETNAME "}) {
         EXPECT_NE(ask(request + std::string(256, 'x'))[0], '-');
         EXPECT_EQ(ask(request + std::string(257, 'x')), "-ERR a name has no more than 256 bytes");
