@@ -92,7 +92,8 @@ void Connection::needsWork() {
 
 Kel::Task& Connection::more() {
     if (!later_) {
-        later_ = Kel::Task::TaskIs(schedulerOfMore_, role_.priorityOfMore, std::string(role_.name) + ";more");
+        later_ =
+            Kel::Task::TaskIs(schedulerOfMore_, Kel::TaskPriority::low, std::string(role_.name) + ";more");
         later_->taskQuantumIs(quantum);
         more_ = new More(later_, *this);
     }

@@ -20,7 +20,7 @@ namespace KelKv {
 /// One client of any port: a socket, whose handlers only tell that something came or can be sent, and a task
 /// that does all the work, so that the work is measured and takes turns as all work does.
 ///
-/// What goes beyond the client's allowance is the work of a second task, of a lower priority, whose name ends
+/// What goes beyond the client's allowance is the work of a second task, of `low` priority, whose name ends
 /// with ";more" (so that an operator finds one of the two by name). So a client that asks little is answered
 /// ahead of hundreds that ask much, and those take turns among themselves.
 ///
@@ -38,7 +38,6 @@ class Connection : public Kel::Task::Notifiee {
     struct Role {
         char const* name; // of the task
         Kel::TaskPriority priority;
-        Kel::TaskPriority priorityOfMore; // of what is beyond the allowance
         bool isOperator;
     };
 

@@ -9,8 +9,8 @@ namespace {
 
 using boost::asio::ip::tcp;
 
-constexpr Connection::Role client{"client", Kel::TaskPriority::normal, Kel::TaskPriority::low, false};
-constexpr Connection::Role operatorRole{"operator", Kel::TaskPriority::high, Kel::TaskPriority::low, true};
+constexpr Connection::Role client{"client", Kel::TaskPriority::normal, false};
+constexpr Connection::Role operatorRole{"operator", Kel::TaskPriority::high, true};
 constexpr std::string_view tooMany = "-ERR max number of clients reached\r\n";
 constexpr std::string_view httpTooMany = "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\n"
                                          "Connection: close\r\n\r\n";

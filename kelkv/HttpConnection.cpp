@@ -64,8 +64,7 @@ std::size_t emptyLines(std::string_view input) {
 } // namespace
 
 HttpConnection::HttpConnection(Engine& engine, std::span<Page const> pages, Socket accepted)
-    : Connection(engine.root, engine.root, {"http", Kel::TaskPriority::normal, Kel::TaskPriority::low, true},
-                 std::move(accepted)),
+    : Connection(engine.root, engine.root, {"http", Kel::TaskPriority::normal, true}, std::move(accepted)),
       engine_(engine), pages_(pages) {}
 
 void HttpConnection::onStart() {
