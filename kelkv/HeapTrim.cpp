@@ -61,16 +61,19 @@ bool HeapTrim::isIdle() const {
         priorities, [&](Kel::TaskPriority of) { return engine_.root->runnableTaskCount(of) == 0; });
 }
 
+/// What is counted as let go of is freed in slices afterwards: a trim amidst other work may have come before
+/// that, and is done once more at the next quiet moment.
 void HeapTrim::look() {
     Mox::U64 const freed = released() - releasedBefore_;
     auto const since = Mox::SteadyClock::now() - last_;
-    if (freed < freedMin || since < rest || freed < residentSize() / freedPart)
-        return;
-    if (!isIdle() && since < restIfBusy)
+    bool const idle = isIdle();
+    bool const isMuch = freed >= std::max<Mox::U64>(freedMin, residentSize() / freedPart);
+    if (since < rest || (!idle && since < restIfBusy) || !(isMuch || (idle && wasAmidstWork_)))
         return;
     trim();
     last_ = Mox::SteadyClock::now();
     releasedBefore_ += freed;
+    wasAmidstWork_ = !idle;
 }
 
 } // namespace KelKv

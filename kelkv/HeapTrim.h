@@ -32,6 +32,7 @@ class HeapTrim {
     Engine const& engine_;
     Mox::Ptr<Kel::PeriodicTask> const task_;
     Mox::U64 releasedBefore_ = 0; // until the last trim
+    bool wasAmidstWork_ = false;  // the last trim
     Mox::SteadyClock::TimePoint last_ = Mox::SteadyClock::now();
 };
 
