@@ -6,6 +6,9 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/scope_exit.hpp>
 
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <array>
 #include <string>
 
@@ -18,6 +21,14 @@ constexpr std::chrono::milliseconds patience{20};
 bool wouldBlock(Connection::Error error) {
     return error == boost::asio::error::would_block || error == boost::asio::error::try_again;
 }
+/// A client that vanished without a word would keep its place for ever: the system asks after it.
+void keepAlive(Connection::Socket& socket) {
+    int const silence = 300; // seconds until it asks
+    Connection::Error ignored;
+    socket.set_option(boost::asio::socket_base::keep_alive(true), ignored);
+    setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_KEEPIDLE, &silence, sizeof silence);
+}
+
 } // namespace
 
 Connection::Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler,
@@ -27,6 +38,7 @@ Connection::Connection(Mox::Ptr<Kel::TaskScheduler> const& scheduler,
     Error ignored;
     socket_.non_blocking(true, ignored);
     socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    keepAlive(socket_);
     task_->taskQuantumIs(quantum);
     notifierIs(task_);
 }
