@@ -6,13 +6,14 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdlib>
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <optional>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace Mox {
 
@@ -57,6 +58,10 @@ template <class K> bool inMapOrder(K const& a, K const& b) {
 /// walk is that of (code, key) whatever the number of buckets, and survives growth. A walk across foreign
 /// code holds a key and resumes with `from(key)`, never a node.
 ///
+/// Growing takes no insertion longer than others: it doubles the buckets, and each insertion from then on
+/// deals out the chain of one old bucket, from the first on, which is through when the table is full again.
+/// So codes up to a bound have their chains in the new buckets, and those above in the old ones.
+///
 /// Traits names `Key` and `Node` and gives `key(node)`, `code(node)` and a reference `next(node)`.
 template <class Traits> class HashTable {
   public:
@@ -79,6 +84,8 @@ template <class Traits> class HashTable {
     void insert(Node* node) {
         if (size_ == buckets_.size())
             grow();
+        else if (isGrowing())
+            dealOne();
         Node** const place = placeOf(Traits::code(*node), Traits::key(*node));
         MOX_ASSERT_IN("HashMap", "no node of that key is there",
                       !*place || !(Traits::key(**place) == Traits::key(*node)));
@@ -89,7 +96,7 @@ template <class Traits> class HashTable {
 
     /// The node of that key, taken out; null when there is none.
     Node* remove(Key const& key) {
-        if (buckets_.empty())
+        if (buckets_.size() == 0)
             return nullptr;
         Node** const place = placeOf(hashOrder(key), key);
         Node* const node = *place;
@@ -102,7 +109,9 @@ template <class Traits> class HashTable {
     }
 
     void swap(HashTable& other) noexcept {
-        buckets_.swap(other.buckets_);
+        std::swap(buckets_, other.buckets_);
+        std::swap(old_, other.old_);
+        std::swap(dealt_, other.dealt_);
         std::swap(size_, other.size_);
         std::swap(shift_, other.shift_);
     }
@@ -110,14 +119,14 @@ template <class Traits> class HashTable {
     Node* first() const { return firstFrom(0); }
     Node* after(Node const* node) const {
         Node* const next = Traits::next(*const_cast<Node*>(node));
-        return next ? next : firstFrom(bucketOf(Traits::code(*node)) + 1);
+        return next ? next : firstFrom(behindBucketOf(Traits::code(*node)));
     }
     /// The first node not before that key, whether or not the key is there.
     Node* from(Key const& key) const {
-        if (buckets_.empty())
+        if (buckets_.size() == 0)
             return nullptr;
         Node* const node = lowerBound(key);
-        return node ? node : firstFrom(bucketOf(hashOrder(key)) + 1);
+        return node ? node : firstFrom(behindBucketOf(hashOrder(key)));
     }
     /// The first node behind that key, whether or not the key is there: where a walk goes on that knows of
     /// the last node only its key.
@@ -131,25 +140,54 @@ template <class Traits> class HashTable {
     static_assert(std::has_single_bit(fewestBuckets) &&
                   fewestBuckets > 1); // a code is shifted by less than 32
 
-    std::size_t bucketOf(U32 code) const { return static_cast<std::size_t>(code) >> shift_; }
+    /// The heads of chains. Of many, the system gives pages that are zero as they are touched.
+    class Buckets {
+      public:
+        Buckets() = default;
+        explicit Buckets(std::size_t size)
+            : heads_(static_cast<Node**>(std::calloc(size, sizeof(Node*)))), size_(size) {
+            if (!heads_)
+                throw std::bad_alloc();
+        }
+        std::size_t size() const { return size_; }
+        Node*& operator[](std::size_t i) const { return heads_.get()[i]; }
 
+      private:
+        struct Free {
+            void operator()(Node** heads) const { std::free(heads); }
+        };
+        std::unique_ptr<Node*, Free> heads_;
+        std::size_t size_ = 0;
+    };
+
+    bool isGrowing() const { return old_.size() > 0; }
+    std::size_t bucketOf(U32 code) const { return static_cast<std::size_t>(code) >> shift_; }
+    /// Whether the chain of that bucket is still in the old one.
+    bool isOld(std::size_t bucket) const { return isGrowing() && bucket / 2 >= dealt_; }
+    std::size_t behindBucketOf(U32 code) const {
+        std::size_t const bucket = bucketOf(code);
+        return isOld(bucket) ? (bucket | 1) + 1 : bucket + 1;
+    }
+    Node*& headOf(std::size_t bucket) const { return isOld(bucket) ? old_[bucket / 2] : buckets_[bucket]; }
+
+    /// Of two buckets whose chain is an old one, the first stands for both.
     Node* firstFrom(std::size_t bucket) const {
         if (size_ == 0)
             return nullptr;
-        for (; bucket < buckets_.size(); ++bucket)
-            if (buckets_[bucket])
-                return buckets_[bucket];
+        for (; bucket < buckets_.size(); bucket += isOld(bucket) ? 2u : 1u)
+            if (Node* const head = headOf(bucket))
+                return head;
         return nullptr;
     }
 
     /// Within the key's bucket only.
     Node* lowerBound(Key const& key) const {
-        return buckets_.empty() ? nullptr : *placeOf(hashOrder(key), key);
+        return buckets_.size() == 0 ? nullptr : *placeOf(hashOrder(key), key);
     }
 
     /// The link that points, or would point, at the first node of the bucket not before (code, key).
     Node** placeOf(U32 code, Key const& key) const {
-        Node** place = const_cast<Node**>(&buckets_[bucketOf(code)]);
+        Node** place = &headOf(bucketOf(code));
         while (*place && before(**place, code, key))
             place = &Traits::next(**place);
         return place;
@@ -159,26 +197,36 @@ template <class Traits> class HashTable {
         return own != code ? own < code : Traits::key(node) < key;
     }
 
-    /// Doubles the buckets; each chain is dealt out in order, so that the new ones are in order too.
+    /// By then the old buckets are dealt out: there were as many insertions as buckets.
     void grow() {
-        std::vector<Node*> old(std::max(fewestBuckets, 2 * buckets_.size()));
-        old.swap(buckets_);
+        Buckets larger(std::max(fewestBuckets, 2 * buckets_.size()));
+        old_ = std::exchange(buckets_, std::move(larger));
+        dealt_ = 0;
         shift_ = 32 - static_cast<U32>(std::countr_zero(buckets_.size()));
-        for (Node* chain : old) {
-            Node** tail[2] = {nullptr, nullptr};
-            while (chain) {
-                std::size_t const bucket = bucketOf(Traits::code(*chain));
-                Node**& end = tail[bucket & 1];
-                if (!end)
-                    end = &buckets_[bucket];
-                *end = chain;
-                end = &Traits::next(*chain);
-                chain = std::exchange(Traits::next(*chain), nullptr);
-            }
-        }
+        if (isGrowing())
+            dealOne();
     }
 
-    std::vector<Node*> buckets_; // none until the first insertion, then a power of two
+    /// In order, so that the new chains are in order too.
+    void dealOne() {
+        Node* chain = old_[dealt_++];
+        Node** tail[2] = {nullptr, nullptr};
+        while (chain) {
+            std::size_t const bucket = bucketOf(Traits::code(*chain));
+            Node**& end = tail[bucket & 1];
+            if (!end)
+                end = &buckets_[bucket];
+            *end = chain;
+            end = &Traits::next(*chain);
+            chain = std::exchange(Traits::next(*chain), nullptr);
+        }
+        if (dealt_ == old_.size())
+            old_ = Buckets();
+    }
+
+    Buckets buckets_; // none until the first insertion, then a power of two
+    Buckets old_;     // half as many, while the table grows
+    std::size_t dealt_ = 0;
     std::size_t size_ = 0;
     U32 shift_ = 0; // from a code to its bucket
 };

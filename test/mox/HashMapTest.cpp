@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <map>
 #include <set>
 
@@ -52,6 +53,29 @@ TEST(HashMap, ARandomProgramDoesWhatASortedMapDoes) {
     }
     auto const copy = map;
     EXPECT_TRUE(std::ranges::equal(copy, model)) << "a copy";
+}
+
+struct CountedNode {
+    Key key;
+    CountedNode* next = nullptr;
+    static inline std::size_t looks = 0;
+};
+struct CountedTraits {
+    using Key = ::Key;
+    using Node = CountedNode;
+    static Key const& key(Node const& node) { return node.key; }
+    static U32 code(Node const& node) { return ++Node::looks, hashOrder(node.key); }
+    static Node*& next(Node& node) { return node.next; }
+};
+
+TEST(HashTable, GrowsInNoLongInsertion) {
+    std::deque<CountedNode> nodes;
+    HashTable<CountedTraits> table;
+    for (U32 number = 0; number < 100'000; ++number) {
+        CountedNode::looks = 0;
+        table.insert(&nodes.emplace_back(CountedNode{{3 * number}}));
+        ASSERT_LT(CountedNode::looks, 100u) << number;
+    }
 }
 
 } // namespace
