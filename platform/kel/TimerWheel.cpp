@@ -19,9 +19,9 @@ namespace {
 constexpr S64 farTick = S64{1} << 62;
 static_assert(static_cast<S64>(static_cast<Seconds>(farTick)) == farTick && farTick < WheelBuckets::never);
 
-// How many entries one poll takes out, so that a million lazily moved timers in one tick cannot hold the
-// thread; the rest is taken on the next turn.
-constexpr Mox::U32 takenPerPoll = 16384;
+// How many entries one poll takes out, which is a fraction of a millisecond: a million timers of one tick,
+// told or lazily moved, are not to hold the thread. The rest is taken on the next turn.
+constexpr Mox::U32 takenPerPoll = 256;
 
 } // namespace
 

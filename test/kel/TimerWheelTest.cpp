@@ -218,7 +218,7 @@ TEST_F(TimerWheelTest, WakesSeldomBesidesWhatIsDue) {
     EXPECT_EQ("f", order);
 }
 
-TEST_F(TimerWheelTest, MassOfMovedTimersIsWorkedOffOverTurns) {
+TEST_F(TimerWheelTest, MassOfTimersIsWorkedOffOverTurns) {
     std::vector<Ptr<Timer>> many(50'000);
     for (auto& one : many)
         one = timer('m', 1.0);
@@ -228,11 +228,14 @@ TEST_F(TimerWheelTest, MassOfMovedTimersIsWorkedOffOverTurns) {
     time.clock->nowIs(1.01);
     time.manager->runOnce();
     EXPECT_EQ("", order) << "they held the thread";
-    for (int turns = 1; turns < 10; ++turns)
+    for (int turns = 1; turns < 200; ++turns)
         time.manager->runOnce();
     EXPECT_EQ("ab", order);
-    time.manager->run();
-    EXPECT_EQ(many.size() + 2, order.size());
+    time.clock->nowIs(1000.0);
+    for (std::size_t before = 2; before < many.size() + 2; before = order.size()) {
+        time.manager->runOnce();
+        ASSERT_TRUE(before < order.size() && order.size() <= before + 256);
+    }
 }
 
 } // namespace
