@@ -22,9 +22,14 @@ class ByteShare
     ByteShare(ByteShare const&) = delete;
     ByteShare& operator=(ByteShare const&) = delete;
 
+    /// Bytes that there is always room for: who takes little does not go without because others take much.
+    static constexpr std::size_t always = 1 << 16;
+
     std::size_t size() const { return size_; }
     void sizeIs(std::size_t size);
     bool isOver() const;
+    /// The same, and this is one of those who take much.
+    bool isTooMuch() const { return isOver() && size_ > always; }
     /// Its owner has to go without.
     void refusedInc();
 

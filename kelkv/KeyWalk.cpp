@@ -56,7 +56,7 @@ void KeyWalk::gather() {
         search_.step([this](std::string_view key) { add(key); });
         isGathering_ = !search_.isDone();
         measure();
-        if (gathered_.isOver())
+        if (gathered_.isTooMuch())
             return giveUp();
     } while (isGathering_ && !task_->taskShouldYield());
     task_->taskWorkCountInc(search_.visited() - visitedBefore);

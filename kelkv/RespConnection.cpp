@@ -11,8 +11,6 @@ namespace KelKv {
 
 namespace {
 
-constexpr std::size_t always = 1 << 16; // bytes for which there is always room
-
 template <class Endpoint> std::string textOf(Endpoint const& endpoint, boost::system::error_code error) {
     return error ? std::string() : boost::lexical_cast<std::string>(endpoint);
 }
@@ -87,7 +85,7 @@ void RespConnection::account() {
 
 /// While all replies together are over their limit, a client is answered when it has read what it was told.
 bool RespConnection::mayAnswer() const {
-    return !walk_ && !closing_ && output_.unsent() < (replyBytes_.isOver() ? always : outputLimit);
+    return !walk_ && !closing_ && output_.unsent() < (replyBytes_.isOver() ? ByteShare::always : outputLimit);
 }
 
 /// One thing of those that can be done now; false when there is none. What is answered first makes room for
@@ -153,9 +151,10 @@ void RespConnection::boundRequest() {
         engine_.requestBytes.reclaim();
 }
 
+/// One that waits behind replies that the client does not read waits for as long as the client likes.
 bool RespConnection::Request::mayGiveUp() const {
-    return of_.isOpen() && of_.parser_.kept() > always &&
-           of_.parser_.state() == RequestParser::State::incomplete;
+    bool const waits = of_.parser_.state() == RequestParser::State::incomplete || !of_.mayAnswer();
+    return of_.isOpen() && !of_.left_ && of_.parser_.kept() > always && waits;
 }
 
 void RespConnection::Request::giveUp() {

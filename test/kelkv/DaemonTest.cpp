@@ -314,6 +314,15 @@ TEST_F(DaemonTest, RequestsThatComeInTogetherTakeNoMoreThanThereIsRoomFor) {
     client.expect("*3\r\n" + bulk("SET") + bulk("a") + bulk(std::string(100000, 'v')), "+OK\r\n");
     large.expect(set.substr(200000) + "PING\r\n",
                  "-OOM the request is too large beside those under way\r\n+PONG\r\n");
+    others.sizeIs(0);
+    engine().store.set("big", std::string(16 << 20, 'b'));
+    large.send("GET big\r\n" + set); // which waits until that is read
+    for (int turns = turnsMax; turns > 0 && engine().requestBytes.used() < 300000; --turns)
+        large.turn(turns);
+    others.sizeIs(engine().requestBytes.most() - 250000);
+    client.expect("*3\r\n" + bulk("SET") + bulk("a") + bulk(std::string(100000, 'v')), "+OK\r\n");
+    large.expect("", bulk(std::string(16 << 20, 'b')) +
+                         "-OOM the request is too large beside those under way\r\n");
     others.sizeIs(2 * engine().requestBytes.most());
     client.expect("SET a 1\r\n", "+OK\r\n");
     EXPECT_EQ(engine().store.find("k"), nullptr);
