@@ -196,13 +196,13 @@ void list(CommandContext& context, Arguments words) {
     if (isWord(type, types[0]))
         GatheredBulk::reply(context, SessionList(context.engine));
     else if (std::ranges::any_of(types, [&](std::string_view is) { return isWord(type, is); }))
-        context.reply.bulk(std::string_view());
+        context.reply.text(std::string_view());
     else
         context.reply.error("Unknown client type '" + std::string(type.substr(0, nameMax)) + "'");
 }
 
 void id(CommandContext& context, Arguments) { context.reply.integer(static_cast<S64>(context.session.id)); }
-void info(CommandContext& context, Arguments) { context.reply.bulk(describe(context.session)); }
+void info(CommandContext& context, Arguments) { context.reply.text(describe(context.session)); }
 
 /// What is so anyway.
 void noEvict(CommandContext& context, Arguments words) {

@@ -65,6 +65,17 @@ void appendBulk(std::string& reply, std::string_view text) {
     reply.append(text).append("\r\n");
 }
 
+void appendTextHead(std::string& reply, std::size_t size, bool isResp3) {
+    constexpr std::string_view form = "txt:";
+    appendNumber(reply, isResp3 ? '=' : '$', static_cast<std::int64_t>(size + (isResp3 ? form.size() : 0)));
+    reply += isResp3 ? form : std::string_view();
+}
+
+void ReplyWriter::text(std::string_view text) {
+    appendTextHead(output_.end(), text.size(), isResp3_);
+    output_.end().append(text).append("\r\n");
+}
+
 void ReplyWriter::error(std::string_view text, std::string_view code) {
     std::string& out = output_.end();
     out.append("-").append(code).append(" ");

@@ -45,6 +45,8 @@ class Output {
 /// A line that holds a number, and a text with its length before it.
 void appendNumber(std::string& reply, char type, std::int64_t number);
 void appendBulk(std::string& reply, std::string_view text);
+/// What stands before so many bytes of a text for people, and before their end.
+void appendTextHead(std::string& reply, std::size_t size, bool isResp3);
 
 /// Writes replies in RESP2, or in RESP3 where that differs.
 class ReplyWriter {
@@ -60,10 +62,16 @@ class ReplyWriter {
     void bulk(Text const& text) { bulk(text, 0, text.size()); }
     /// A part of it.
     void bulk(Text const& text, std::size_t from, std::size_t size);
+    /// One for people to read, which RESP3 tells apart.
+    void text(std::string_view text);
     void null() { output_.end().append(isResp3_ ? "_\r\n" : "$-1\r\n"); }
     /// The elements follow as replies of their own.
     void array(std::size_t elements) {
         appendNumber(output_.end(), '*', static_cast<std::int64_t>(elements));
+    }
+    /// The same, in no order.
+    void set(std::size_t elements) {
+        appendNumber(output_.end(), isResp3_ ? '~' : '*', static_cast<std::int64_t>(elements));
     }
     /// Keys and values follow in turn, which RESP2 has as an array.
     void map(std::size_t entries);

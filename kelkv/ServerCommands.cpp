@@ -206,7 +206,7 @@ void replyCommand(ReplyWriter& reply, Command const& command) {
     reply.array(6);
     reply.bulk(lowerCase(command.name));
     reply.integer(command.wordsMin == command.wordsMax ? words : -words);
-    reply.array(0); // of flags
+    reply.set(0); // of flags
     reply.integer(command.keys.first);
     reply.integer(command.keys.last);
     reply.integer(command.keys.step);

@@ -5,7 +5,7 @@ namespace KelKv {
 void GatheredBulk::reply(CommandContext& context, Parts parts) {
     std::string first;
     if (!parts(first))
-        return context.reply.bulk(first);
+        return context.reply.text(first);
     auto const gathered = std::make_shared<GatheredBulk>(std::move(parts), std::move(first),
                                                          context.engine.gatheredBy(context.session));
     context.rest = [gathered](CommandContext& step) { return gathered->step(step); };
@@ -23,15 +23,15 @@ bool GatheredBulk::step(CommandContext& context) {
         pieces_.pop_front();
         return !pieces_.empty();
     }
-    gather();
-    if (!gathered_.isOver())
+    gather(context.reply.isResp3());
+    if (!gathered_.isTooMuch())
         return true;
     gathered_.refusedInc();
     context.reply.error("texts that nobody has read take too much memory", "OOM");
     return false;
 }
 
-void GatheredBulk::gather() {
+void GatheredBulk::gather(bool isResp3) {
     std::string part;
     bool const isLast = !parts_(part);
     add(std::move(part));
@@ -39,7 +39,7 @@ void GatheredBulk::gather() {
         return;
     parts_ = nullptr;
     std::string head;
-    appendNumber(head, '$', static_cast<std::int64_t>(gathered_.size()));
+    appendTextHead(head, gathered_.size(), isResp3);
     add("\r\n");
     gathered_.sizeIs(gathered_.size() + head.size());
     pieces_.push_front(std::move(head));

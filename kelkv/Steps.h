@@ -61,7 +61,7 @@ inline Store::Value* findAny(Store& store, Word const& key) {
     return key.text ? nullptr : store.find(key.view);
 }
 
-/// A bulk that is made part by part, for one that takes long, and handed over as fast as the client takes it:
+/// A text that is made part by part, for one that takes long, and handed over as fast as the client takes it:
 /// its length comes first, so that it is gathered as a whole. When all that is gathered is over the limit,
 /// the reply is an error.
 class GatheredBulk {
@@ -77,7 +77,7 @@ class GatheredBulk {
     bool step(CommandContext& context);
 
   private:
-    void gather();
+    void gather(bool isResp3);
     void add(std::string&& piece);
 
     Parts parts_; // null: all are gathered

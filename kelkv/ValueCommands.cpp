@@ -212,8 +212,11 @@ void setManyNew(CommandContext& context, Arguments words) {
         return context.reply.error("MSETNX takes " + std::to_string(most / 2) +
                                    " pairs and a MiB at most, for nobody may come between");
     bool isNew = true;
-    for (std::size_t i = 0; i < pairs.size(); i += 2)
+    for (std::size_t i = 0; i < pairs.size(); i += 2) {
+        if (pairs[i].text)
+            return context.reply.error("a key is too long");
         isNew = isNew && !store(context).find(pairs[i]);
+    }
     for (std::size_t i = 0; isNew && i < pairs.size(); i += 2)
         store(context).set(pairs[i], pairs[i + 1]);
     context.reply.integer(isNew ? 1 : 0);

@@ -11,8 +11,13 @@ namespace {
 
 using namespace KelKv;
 
-/// Takes one reply from the beginning of the text; RESP3's forms only if they may be there.
-void takeReply(std::string_view& text, bool mayBeResp3) {
+/// What a reply may be, and what it has to be: a command may change the protocol.
+struct Resp3 {
+    bool may, must;
+};
+
+/// Takes one reply from the beginning of the text.
+void takeReply(std::string_view& text, Resp3 resp3) {
     std::size_t const end = text.find("\r\n");
     MOX_ASSERT(end != std::string_view::npos && end > 0);
     char const type = text[0];
@@ -23,17 +28,19 @@ void takeReply(std::string_view& text, bool mayBeResp3) {
     if (type == '-')
         MOX_ASSERT(line.starts_with("ERR ") || line.starts_with("NOPROTO "));
     else if (type == '_')
-        MOX_ASSERT(mayBeResp3 && line.empty());
+        MOX_ASSERT(resp3.may && line.empty());
     else if (type != '+')
         MOX_ASSERT(readNumber(line, number));
-    if (type == '$' && number != -1) {
+    MOX_ASSERT(resp3.may || std::string_view("=%~").find(type) == std::string_view::npos);
+    MOX_ASSERT(!resp3.must || type != '$' || number != -1);
+    if ((type == '$' && number != -1) || type == '=') {
         auto const size = static_cast<std::size_t>(number);
         MOX_ASSERT(text.size() >= size + 2 && text.substr(size, 2) == "\r\n");
         text.remove_prefix(size + 2);
-    } else if (type == '*' || (type == '%' && mayBeResp3)) {
+    } else if (type == '*' || type == '%' || type == '~') {
         MOX_ASSERT(number >= 0);
         for (number *= type == '%' ? 2 : 1; number > 0; --number)
-            takeReply(text, mayBeResp3);
+            takeReply(text, resp3);
     } else
         MOX_ASSERT(std::string_view("+-_:$").find(type) != std::string_view::npos);
 }
@@ -48,7 +55,7 @@ struct Client : CommandClient {
         if (!isDone())
             step();
         else if (!waiting.empty()) {
-            mayBeResp3 = session.isResp3;
+            wasResp3 = session.isResp3;
             begin(std::move(waiting.front()));
             waiting.pop_front();
         }
@@ -57,14 +64,14 @@ struct Client : CommandClient {
             return;
         MOX_ASSERT(context->next != CommandContext::Next::walk);
         std::string_view left = replies;
-        takeReply(left, mayBeResp3 || session.isResp3);
+        takeReply(left, {wasResp3 || session.isResp3, wasResp3 && session.isResp3});
         MOX_ASSERT(left.empty());
         replies.clear();
     }
 
     std::deque<Words> waiting;
     std::string replies;
-    bool mayBeResp3 = false;
+    bool wasResp3 = false;
 };
 
 } // namespace

@@ -99,10 +99,27 @@ struct CommandsModelTest : EngineTest {
 
     void readAndChange() {
         std::string const name = key(), value = text(), old = get(name);
-        switch (random.below(4)) {
+        bool const was = has(name), isMsec = random.oneIn(2);
+        switch (random.below(8)) {
         case 0: return expect({"GET", name}, old);
         case 1: return keys.erase(name), expect({"GETDEL", name}, old);
         case 2: return keys[name] = {value}, expect({"GETSET", name, value}, old);
+        case 3: return keys.try_emplace(name, Value{value}), expect({"SETNX", name, value}, number(!was));
+        case 4:
+            keys[name] = {value, Mox::now() + 2};
+            return expect({isMsec ? "PSETEX" : "SETEX", name, isMsec ? "2000" : "2", value}, ok);
+        case 5: {
+            std::string const text = was ? keys[name].text : "";
+            std::size_t const end = std::max<std::size_t>(text.size(), 2) - 1;
+            return expect({"GETRANGE", name, "1", "-2"},
+                          bulk(text.substr(std::min(text.size(), std::size_t{1}), end - 1)));
+        }
+        case 6: {
+            std::string const one = client.ask({"RANDOMKEY"});
+            auto const isIt = [&](auto const& entry) { return bulk(entry.first) == one; };
+            EXPECT_TRUE(keys.empty() ? one == null : std::ranges::any_of(keys, isIt)) << one;
+            return;
+        }
         default:
             Words words{"GETEX", name};
             double const due = random.oneIn(2) ? life(words) : (words.push_back("PERSIST"), never);
@@ -142,7 +159,7 @@ struct CommandsModelTest : EngineTest {
 
     void several() {
         bool const isDel = random.oneIn(2);
-        Words words{isDel ? "DEL" : "EXISTS"};
+        Words words{!isDel ? "EXISTS" : random.oneIn(2) ? "DEL" : "UNLINK"};
         std::size_t counted = 0;
         for (std::size_t i = 1 + random.below(40); i > 0; --i) {
             words.push_back(key());

@@ -81,7 +81,7 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
         CLIENT KILL > -ERR unknown subcommand 'KILL' of 'client'  CLIENT SETNAME > -ERR wrong number of arguments for 'client|setname' command
         HELLO 4 > -NOPROTO unsupported protocol version  HELLO 3 SETNAME z AUTH a b > -ERR AUTH is not supported: nobody has a password
         CLIENT GETNAME > $1 x  HELLO 3 SETNAME z > %7 $6 server $5 kelkv $7 version $5 7.0.0 $5 proto :3 $2 id :1 $4 mode $10 standalone $4 role $6 master $7 modules *0
-        CLIENT GETNAME > $1 z  GET none > _  CONFIG GET save > %1 $4 save $0  RESET > +RESET  CLIENT GETNAME > $-1
+        CLIENT GETNAME > $1 z  GET none > _  CLIENT LIST TYPE pubsub > =4 txt:  COMMAND INFO get > *1 *6 $3 get :2 ~0 :1 :1 :1  CONFIG GET save > %1 $4 save $0  RESET > +RESET  CLIENT GETNAME > $-1
         COMMAND INFO mset no ping > *3 *6 $4 mset :-3 *0 :1 :-1 :2 $-1 *6 $4 ping :-1 *0 :0 :0 :0  COMMAND DOCS get no > *2 $3 get *2 $7 summary $15 see man 1 kelkv
         MULTI > -ERR MULTI is not supported: no two commands are one step, multi has nothing to do
         SCHED RESET > -ERR SCHED is for the operator's port  INFO none > $0  DBSIZE exact > walk to count  KEYS b* > walk b*
@@ -221,7 +221,7 @@ TEST_F(CommandsTest, LongTextsAreAppendedToCopiedAndCutWithoutTheOthers) {
     expect(R"(
         GETRANGE a 0 6 > $7 12345xx  GETRANGE b -3 -1 > $3 xx?  GETRANGE a 262156 262161 > $6 xx!!xx
         INCR a > -ERR value is not an integer or out of range  EXISTS LONG a > :1  GET LONG | SET LONG v | SETEX b LONG v > -ERR an argument is too long
-        MSET b b LONG b > -ERR a key is too long; all others are set  GET b > $1 b  RENAME a c > +OK  RENAME c a > +OK
+        MSET b b LONG b > -ERR a key is too long; all others are set  MSETNX n 1 LONG b > -ERR a key is too long  EXISTS n > :0  GET b > $1 b  RENAME a c > +OK  RENAME c a > +OK
         SETRANGE a 1 x > -ERR SETRANGE is for texts of 262144 bytes at most)");
     LongTextPtr const block(new LongText(engine.scavenger)), longest(new LongText(engine.scavenger));
     block->append(std::string(LongText::blockSize, 'z'));
