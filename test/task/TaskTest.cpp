@@ -49,6 +49,13 @@ TEST_F(TaskTest, TracesWhatItDoes) {
     t->scheduleTaskDelay(0.004);
     t->scheduleTaskLowestDelay(5.5);
     t->stopTimerTask();
+    t->scheduleTaskJitterUp(10, 0), t->scheduleTaskJitterDown(8, 0);
+    t->taskSuspendedForTestIs(false);
+    t->scheduleTask(), t->scheduleTaskLowestDelay(1), t->unscheduleTask(), t->stopTimerTask();
+    t->taskForceYieldInTestIs(true), t->taskForceYieldInTestIs(false);
+    root->clearHistory(), root->handleTrimHistoryTaskRun();
+    root->suspendedIs(true), root->handleSchedulerRun(), root->suspendedIs(false);
+    root->schedulerHasRunnableTasksIs(false), root->schedulerHasRunnableTasksIs(true);
     reactor = nullptr, t = nullptr;
     EXPECT_EQ(R"(4 TaskScheduler taskRegister: root: Register root:'normal':a %s@
 9 Task taskQuantumIs: Set quantum root:'normal':a %s@ to 20000000 nanoseconds
@@ -60,6 +67,23 @@ TEST_F(TaskTest, TracesWhatItDoes) {
 8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':a %s@ delay 0.01
 8 Task scheduleTaskDelayedPrivate: Timer already running root:'normal':a %s@ expire 0.01 < 5.5
 8 Task stopTimerTask: Timer stopped root:'normal':a %s@, was running
+8 Task scheduleTaskJitterUp: Timer jitterUp root:'normal':a %s@ delay 10 + 0 = 10
+8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':a %s@ delay 10
+8 Task scheduleTaskJitterDown: Timer jitterDown root:'normal':a %s@ delay 8 - 0 = 8
+8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':a %s@ delay 8
+1 Task handleTaskSuspendedForTest: Unsuspend root:'normal':a %s@
+8 Task scheduleTask: Scheduled root:'normal':a %s@
+8 Task scheduleTaskDelayedPrivate: Already on runQueue root:'normal':a %s@
+8 Task unscheduleTaskPrivate: Unscheduled root:'normal':a %s@
+8 Task stopTimerTask: Timer stopped root:'normal':a %s@, was not running
+1 Task handleTaskForceYieldInTest: Set quantum root:'normal':a %s@ to 0
+9 Task taskQuantumIs: Set quantum root:'normal':a %s@ to 20000000 nanoseconds
+8 TaskScheduler clearHistory: root: history cleared
+8 TaskScheduler handleTrimHistoryTaskRun: root: Deleted 0 scheduler events older than 10 seconds
+8 TaskScheduler handleSchedulerRun: root: Suspended
+8 TaskScheduler trimHistoryTaskSchedule: root: trim history disabled
+8 TaskScheduler handleSchedulerHasRunnableTasks: root: Scheduler has runnable tasks, request run
+8 TaskScheduler handleSchedulerHasRunnableTasks: root: Scheduler has runnable tasks, request run
 4 TaskScheduler taskUnregister: root: Unregister root:'normal':a %s@
 )",
               traces.take());
