@@ -129,7 +129,7 @@ TEST_F(TaskGroupTest, LoopsNestWhenATaskRunsItsOwnGroup) {
 }
 
 TEST_F(TaskGroupTest, EveryParentTaskThatNamesItIsToldWhenItGoes) {
-    auto const other = group("other", root);
+    auto other = group("other", root);
     auto const second = newParent("second"), moved = newParent("moved");
     newParent("gone");
     std::string told;
@@ -149,6 +149,8 @@ TEST_F(TaskGroupTest, EveryParentTaskThatNamesItIsToldWhenItGoes) {
     other->parentTaskDel();
     for (int asked = 0; asked < 2; ++asked)
         EXPECT_EQ("the group has no parent task", other->problemOfRequest());
+    other = nullptr;
+    EXPECT_FALSE(moved->taskGroup());
 }
 
 // Each level's reset-stats task is of normal priority, which an enforcing group refuses from anybody else.

@@ -67,7 +67,7 @@ TEST_F(CommandsTest, LivesBeyondTheBoundAreRefusedAndLeaveTheKeyAlone) {
         GETEX k EX 9 PERSIST | GETEX k PERSIST PX 9 | GETEX k PERSIST EXAT | GETEX k NX > -ERR syntax error
         EXPIRE k 9 GT | EXPIRE k 9 XX | EXPIRE none 9 > :0  EXPIRE k 9 LT > :1  EXPIRE k 8 NX > :0  EXPIRE k 9 XX GT | EXPIRE k 9 lt > :0
         EXPIREAT k 1000000009 GT | EXPIREAT k 1000000009 LT > :0  EXPIREAT k 1000000010 xx gt > :1  PERSIST k > :1  PERSIST k > :0
-        PTTL k > :-1  EXPIRE k 4611686018427387 > :1  TTL k > :4611686018427387  EXPIRETIME k > :4611687018427387
+        PTTL k > :-1  PEXPIRE k 4611686018427387904 > :1  PEXPIRE k 4611686018427387905 > -ERR invalid expire time in 'pexpire' command  EXPIRE k 4611686018427387 > :1  TTL k > :4611686018427387  EXPIRETIME k > :4611687018427387
         PEXPIREAT k 9223372036854775807 > :1  TTL k > :9223371036854776  PEXPIREAT k -9223372036854775808 > :1  EXISTS k > :0
         SET k v PXAT 1 > +OK  GET k > $-1  SET k v EX 50 > +OK  TTL k > :50  PEXPIRE k 50499 > :1  TTL k > :50  PEXPIRE k 50500 > :1  TTL k > :51)");
 }
@@ -112,6 +112,7 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
 
 // Each figure is another number, so that none can stand in another's place.
 TEST_F(CommandsTest, FiguresAreToldUnderTheirNames) {
+    EXPECT_EQ(Kel::wholeText(*engine.metrics()).find("{port="), std::string::npos) << "there is none";
     engine.ports = [] {
         return Engine::Ports{{1, 2, 3, 4, 5, 6}, {11, 12, 13, 14, 15, 16}, {21, 22, 23, 24, 25, 26}};
     };

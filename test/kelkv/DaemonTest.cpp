@@ -28,7 +28,9 @@ constexpr int turnsMax = 200000;
 
 /// A client in the daemon's own thread: it turns the daemon's loop while it waits.
 struct Client {
-    Client(Kel::EventLoop& ofAll, Listener const& listener) : loop(ofAll) {
+    explicit Client(Kel::EventLoop& ofAll) : loop(ofAll) { socket.open(tcp::v4()); }
+    Client(Kel::EventLoop& ofAll, Listener const& listener) : Client(ofAll) { connect(listener); }
+    void connect(Listener const& listener) {
         socket.connect(listener.endpoint());
         socket.non_blocking(true);
     }
@@ -179,6 +181,23 @@ TEST_F(DaemonTest, PipelinedRequestsAreAnsweredInOrderAroundWalksThoughTheClient
     waitFor(daemon->clients(), 0);
 }
 
+TEST_F(DaemonTest, WithoutADescriptorAClientIsToldSoAndAnOperatorGetsIn) {
+    Client refused(*loop), asks(*loop);
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit const few{std::min<rlim_t>(before.rlim_cur, 256), before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    std::vector<int> held;
+    for (int descriptor = 0; (descriptor = dup(STDOUT_FILENO)) >= 0;)
+        held.push_back(descriptor);
+    refused.connect(daemon->clients());
+    EXPECT_THAT(refused.askAll(), StartsWith("-ERR max number of clients"));
+    asks.connect(daemon->operators());
+    asks.expect("PING\r\n", "+PONG\r\n");
+    std::ranges::for_each(held, close);
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
 TEST_F(DaemonTest, GetsAreAnsweredWhileWalksRunAndWalksMayBeUnderWayAtTheEnd) {
     fill(engine().store, 300000); // more than the sockets hold
     Client second = newClient(), other = newClient();
@@ -302,6 +321,13 @@ TEST_F(DaemonTest, WhatAConnectionReadsAndAnswersIsItsTasksWorkInTurns) {
         loop->runOnce();
     std::size_t const size = 5 + 16 * (10 + (1 << 20) + 2);
     EXPECT_EQ(other.receive(size).size(), size);
+    ByteShare others(engine().walkBytes);
+    others.sizeIs(engine().walkBytes.most());
+    newClient().expect("KEYS *\r\n", "-OOM replies to KEYS that nobody has read take too much memory");
+    EXPECT_EQ(engine().walkBytes.refused(), 1u);
+    Client asks = operatorClient();
+    asks.send("KEYS *\r\n");
+    EXPECT_EQ(asks.receive(size).size(), size) << "it has a room of its own";
 }
 
 // Somebody who does not send it all keeps no room from who asks less; who sends little always has some.

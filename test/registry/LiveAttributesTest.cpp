@@ -364,7 +364,7 @@ TEST_F(LiveAttributesTest, MessagesNameTypeMemberAndProblem) {
     EXPECT_THAT(call("explode"), HasSubstr("has no operation 'explode'"));
     EXPECT_THAT(call("taskRunInc"), HasSubstr("takes 1 arguments, not 0"));
     EXPECT_THAT(refusal([&] { callOperation(task, "taskRunInc", {"1", "1"}); }), HasSubstr("not 2"));
-    for (Seconds const written : {15e-9, 3e-8, 0.123456789}) {
+    for (Seconds const written : {15e-9, 3e-8, -15e-9, -3e-8, 0.123456789}) {
         attributeTextIs(task, "taskTotalRunTime", Mox::valueToStrep(written));
         EXPECT_EQ(task.taskTotalRunTime(), written);
     }

@@ -108,6 +108,7 @@ TEST_F(TaskTest, MisuseEndsTheProcess) {
          "Must override in derived"},
         {[&] { task("t", TaskPriority::oneBeyondLast); },
          "priority.isValid(), source TaskScheduler, function taskRegister"},
+        {[&] { task("t", TaskPriority::PriorityEnumInstance(8)); }, "priority.isValid()"},
         {[&] { root->taskRegister(t.ptr()); }, "__null == tasksRegistered( task->taskKey() )"},
         {[&] { t->scheduleTask(), t->taskDoRun({}, &end); }, "!taskRunQueueLink_.isLinked()"},
         {[&] { t->taskRunFromTest(); },

@@ -110,6 +110,9 @@ TEST(ValueForms, OfQueueStatsAreNoneAndWriterAndReaderOfTheLogEachKeepTheirOwn) 
     EXPECT_EQ(entries + terminator, logForm(record));
     EXPECT_EQ(record, fromLog<TaskSchedulerQueueStats>(spaced + terminator));
     EXPECT_THROW(fromLog<TaskSchedulerQueueStats>(logForm(record)), RangeException);
+    TaskSchedulerQueueStats other = record;
+    other.priorityIs(TaskSchedulerPriorityStats(TaskPriority::low));
+    EXPECT_NE(record, other);
 }
 
 TEST(ValueForms, AttributesStandInAnyOrderAreLeftOutAndSpacedAndAStatussValueCounts) {
