@@ -11,13 +11,9 @@ namespace {
 
 using namespace KelKv;
 
-/// What a reply may be, and what it has to be: a command may change the protocol.
-struct Resp3 {
-    bool may, must;
-};
-
-/// Takes one reply from the beginning of the text.
-void takeReply(std::string_view& text, Resp3 resp3) {
+/// Takes one reply from the beginning of the text. A command may change the protocol: RESP3's forms may be
+/// there, or have to be.
+void takeReply(std::string_view& text, bool mayBeResp3, bool isResp3) {
     std::size_t const end = text.find("\r\n");
     MOX_ASSERT(end != std::string_view::npos && end > 0);
     char const type = text[0];
@@ -28,11 +24,11 @@ void takeReply(std::string_view& text, Resp3 resp3) {
     if (type == '-')
         MOX_ASSERT(line.starts_with("ERR ") || line.starts_with("NOPROTO "));
     else if (type == '_')
-        MOX_ASSERT(resp3.may && line.empty());
+        MOX_ASSERT(mayBeResp3 && line.empty());
     else if (type != '+')
         MOX_ASSERT(readNumber(line, number));
-    MOX_ASSERT(resp3.may || std::string_view("=%~").find(type) == std::string_view::npos);
-    MOX_ASSERT(!resp3.must || type != '$' || number != -1);
+    MOX_ASSERT(mayBeResp3 || std::string_view("=%~").find(type) == std::string_view::npos);
+    MOX_ASSERT(!isResp3 || type != '$' || number != -1);
     if ((type == '$' && number != -1) || type == '=') {
         auto const size = static_cast<std::size_t>(number);
         MOX_ASSERT(text.size() >= size + 2 && text.substr(size, 2) == "\r\n");
@@ -40,7 +36,7 @@ void takeReply(std::string_view& text, Resp3 resp3) {
     } else if (type == '*' || type == '%' || type == '~') {
         MOX_ASSERT(number >= 0);
         for (number *= type == '%' ? 2 : 1; number > 0; --number)
-            takeReply(text, resp3);
+            takeReply(text, mayBeResp3, isResp3);
     } else
         MOX_ASSERT(std::string_view("+-_:$").find(type) != std::string_view::npos);
 }
@@ -64,7 +60,7 @@ struct Client : CommandClient {
             return;
         MOX_ASSERT(context->next != CommandContext::Next::walk);
         std::string_view left = replies;
-        takeReply(left, {wasResp3 || session.isResp3, wasResp3 && session.isResp3});
+        takeReply(left, wasResp3 || session.isResp3, wasResp3 && session.isResp3);
         MOX_ASSERT(left.empty());
         replies.clear();
     }

@@ -55,26 +55,25 @@ TEST(HashMap, ARandomProgramDoesWhatASortedMapDoes) {
     EXPECT_TRUE(std::ranges::equal(copy, model)) << "a copy";
 }
 
-struct CountedNode {
-    Key key;
-    CountedNode* next = nullptr;
-    static inline std::size_t looks = 0;
-};
-struct CountedTraits {
+/// A node, and how the table sees it, which counts how often that is.
+struct Counted {
     using Key = ::Key;
-    using Node = CountedNode;
-    static Key const& key(Node const& node) { return node.key; }
-    static U32 code(Node const& node) { return ++Node::looks, hashOrder(node.key); }
-    static Node*& next(Node& node) { return node.next; }
+    using Node = Counted;
+    static Key const& key(Node const& node) { return node.key_; }
+    static U32 code(Node const& node) { return ++looks, hashOrder(node.key_); }
+    static Node*& next(Node& node) { return node.next_; }
+    static inline std::size_t looks = 0;
+    Key key_;
+    Node* next_ = nullptr;
 };
 
 TEST(HashTable, GrowsInNoLongInsertion) {
-    std::deque<CountedNode> nodes;
-    HashTable<CountedTraits> table;
+    std::deque<Counted> nodes;
+    HashTable<Counted> table;
     for (U32 number = 0; number < 100'000; ++number) {
-        CountedNode::looks = 0;
-        table.insert(&nodes.emplace_back(CountedNode{{3 * number}}));
-        ASSERT_LT(CountedNode::looks, 100u) << number;
+        Counted::looks = 0;
+        table.insert(&nodes.emplace_back(Counted{{3 * number}}));
+        ASSERT_LT(Counted::looks, 100u) << number;
     }
 }
 
