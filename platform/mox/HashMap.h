@@ -58,9 +58,9 @@ template <class K> bool inMapOrder(K const& a, K const& b) {
 /// walk is that of (code, key) whatever the number of buckets, and survives growth. A walk across foreign
 /// code holds a key and resumes with `from(key)`, never a node.
 ///
-/// Growing takes no insertion longer than others: it doubles the buckets, and each insertion from then on
-/// deals out the chain of one old bucket, from the first on, which is through when the table is full again.
-/// So codes up to a bound have their chains in the new buckets, and those above in the old ones.
+/// Growing takes no insertion much longer than others: it doubles the buckets, and each insertion from then
+/// on deals out the chains of a few old ones, from the first on, which is through long before the table is
+/// full again. So codes up to a bound have their chains in the new buckets, and those above in the old ones.
 ///
 /// Traits names `Key` and `Node` and gives `key(node)`, `code(node)` and a reference `next(node)`.
 template <class Traits> class HashTable {
@@ -84,7 +84,7 @@ template <class Traits> class HashTable {
     void insert(Node* node) {
         if (size_ == buckets_.size())
             grow();
-        else if (isGrowing())
+        for (int i = 0; i < dealtPerInsertion && isGrowing(); ++i)
             dealOne();
         Node** const place = placeOf(Traits::code(*node), Traits::key(*node));
         MOX_ASSERT_IN("HashMap", "no node of that key is there",
@@ -136,6 +136,7 @@ template <class Traits> class HashTable {
     }
 
   private:
+    static constexpr int dealtPerInsertion = 4;
     static constexpr std::size_t fewestBuckets = 8;
     static_assert(std::has_single_bit(fewestBuckets) &&
                   fewestBuckets > 1); // a code is shifted by less than 32
@@ -197,14 +198,12 @@ template <class Traits> class HashTable {
         return own != code ? own < code : Traits::key(node) < key;
     }
 
-    /// By then the old buckets are dealt out: there were as many insertions as buckets.
+    /// By then the old buckets are dealt out: there were as many insertions as there are of them.
     void grow() {
         Buckets larger(std::max(fewestBuckets, 2 * buckets_.size()));
         old_ = std::exchange(buckets_, std::move(larger));
         dealt_ = 0;
         shift_ = 32 - static_cast<U32>(std::countr_zero(buckets_.size()));
-        if (isGrowing())
-            dealOne();
     }
 
     /// In order, so that the new chains are in order too.
