@@ -132,7 +132,7 @@ void TimerWheel::poll() {
 /// turn.
 void TimerWheel::wakeAtNextTurn() {
     wakeTick_ = -WheelBuckets::never;
-    wake_.atNextTurn();
+    wake_.goOnAtNextTurn();
 }
 
 /// Moves what is due to the due list, and on to their new ticks what was moved later. False when it stopped

@@ -165,9 +165,10 @@ void TurnLoop::run(bool waitsWhenIdle) {
     }
 }
 
-/// What is due at the very end still gets its call. Under a clock that is not real that goes on until nothing
-/// immediate is left, so that a run ends in the same state however long a budget lasts on the machine; on a
-/// real clock work that asks for itself again would never let it end.
+/// What is due at the very end still gets its call, and a wheel that is not through with it is waited for.
+/// Under a clock that is not real that goes on until nothing immediate is left, so that a run ends in the
+/// same state however long a budget lasts on the machine; on a real clock work that asks for itself again
+/// would never let it end.
 void TurnLoop::runUntil(Seconds time, bool waitsWhenIdle) {
     MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
     Driving const driving(*this);
@@ -177,10 +178,12 @@ void TurnLoop::runUntil(Seconds time, bool waitsWhenIdle) {
         if (immediate_.empty() && goesOn() && !wait(time, waitsWhenIdle))
             return;
     }
-    if (!stopped_)
+    auto const isLeft = [&](Wakeup const& call) { return call.goesOn() || !threadClock().isReal(); };
+    bool isOver = stopped_;
+    while (!isOver) {
         runBudget();
-    while (!threadClock().isReal() && !immediate_.empty() && !stopped_)
-        runBudget();
+        isOver = stopped_ || std::ranges::none_of(immediate_, isLeft);
+    }
 }
 
 /// Timers and descriptors come first, so that what they ask for is called in this same turn. A turn within a

@@ -30,6 +30,11 @@ void Wakeup::atNextTurn() {
     loop_.nextTurn(*this);
 }
 
+void Wakeup::goOnAtNextTurn() {
+    atNextTurn();
+    goesOnFrom_ = askedInTurn_;
+}
+
 /// In place of a time. Not inline, so that the frequent case keeps no registers for this one.
 [[gnu::noinline]] void Wakeup::atNextTurnInstead() {
     cancel();

@@ -26,6 +26,8 @@ class MOX_EXPORT Wakeup {
 
     /// Asks for a call at the next turn, in place of what was asked before.
     void atNextTurn();
+    /// The same, to go on with what is due already: runUntil() does not end before that.
+    void goOnAtNextTurn();
     /// Asks for a call once the clock shows the time; endOfTime cancels. Requires: not a NaN.
     void at(Seconds time);
     /// The same, the given seconds after now; as short as can be when that is not positive.
@@ -47,6 +49,7 @@ class MOX_EXPORT Wakeup {
     virtual void onWakeup() = 0;
 
     void atNextTurnInstead();
+    bool goesOn() const { return turnHook_.is_linked() && goesOnFrom_ == askedInTurn_; }
     TimerQueue& queue();
 
     TurnLoop& loop_;
@@ -55,7 +58,8 @@ class MOX_EXPORT Wakeup {
     TurnHook turnHook_;
     TimerHook timerHook_;
     Seconds due_ = endOfTime;
-    U64 askedInTurn_ = 0; // the loop's turn in which the next one was asked for
+    U64 askedInTurn_ = 0;      // the loop's turn in which the next one was asked for
+    U64 goesOnFrom_ = ~U64{0}; // the same, where that was to go on
 };
 
 } // namespace Mox

@@ -1,4 +1,4 @@
-#include <kel/EventLoop.h>
+#include <kel/EventLoopTimerWheel.h>
 
 #include <mox/SteadyClock.h>
 
@@ -9,6 +9,7 @@
 #include <boost/asio/post.hpp>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <ctime>
 #include <string>
 #include <thread>
@@ -53,6 +54,22 @@ TEST(EventLoopRealTime, SleepsUntilATimerIsDueOrAnotherThreadPosts) {
     loop->runUntil(7);
     EXPECT_EQ(7, now()) << "it did not wait";
     EXPECT_LT(processorSeconds() - usedBefore, 0.08) << "the loop went round instead of sleeping";
+}
+
+// More timers than a poll tells, and callbacks that read the clock, so that a budget is soon over.
+TEST(EventLoopRealTime, EndsBehindAllThatIsDueAtTheEnd) {
+    Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
+    Ptr<TimerWheel> const wheel =
+        EventLoopTimerWheel::EventLoopTimerWheelIs(nullptr, nullptr, 10, 1000, false, 16, loop);
+    Seconds const end = std::ceil(now() * 100 + 1) * 0.01;
+    std::size_t told = 0;
+    std::vector<Ptr<TimerCall<TimerWheel::NotifieeConst>>> timers(2000);
+    for (auto& timer : timers) {
+        timer = new TimerCall<TimerWheel::NotifieeConst>(wheel, [&] { ++told, SteadyClock::now(); });
+        timer->timeMinIs(end);
+    }
+    loop->runUntil(end);
+    EXPECT_EQ(timers.size(), told);
 }
 
 TEST(EventLoopRealTime, ApplicationsIoContextSleepsAndReturnsWhenNothingIsPending) {
