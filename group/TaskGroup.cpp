@@ -144,14 +144,15 @@ Mox::Problem TaskGroup::problemOfRequestHere() const {
     return problem;
 }
 
+/// Holds itself, since its last task may die in a pass. Work that is left waits for the parent task's next
+/// run, which nobody may have asked for yet.
 void TaskGroup::mox_handleParentTask_taskRun() {
     if (!schedulerHasRunnableTasks())
         return;
-    Mox::Ptr<TaskGroup> const self = this; // its last task may die in a pass
+    Mox::Ptr<TaskGroup> const self = this;
     ++loops_;
     runPasses();
     --loops_;
-    // Work that is left waits for the parent task's next run, which nobody may have asked for yet.
     if (Mox::Ptr<TaskGroupParentTask> const task = attachedTask(); task && schedulerHasRunnableTasks())
         task->scheduleTask();
 }

@@ -53,6 +53,8 @@ void TaskGroupParentTask::resetStats() {
         taskGroup_->resetStats();
 }
 
+bool TaskGroupParentTask::runsPasses() const { return taskGroup_ && taskGroup_->schedulerHasRunnableTasks(); }
+
 Mox::Problem TaskGroupParentTask::problemOfResetStats() const {
     if (!taskGroup_ || !taskGroup_->canBeRequested())
         return {};

@@ -30,6 +30,8 @@ class MOX_EXPORT TaskGroupParentTask : public Task {
     /// What stands in the way of that: after the task's own statistics are cleared nothing may fail, so also
     /// what the group tells by an exception.
     Mox::Problem problemOfResetStats() const;
+    /// Whether its run is passes of a group, behind which it is scheduled again.
+    bool runsPasses() const;
 
     /// Null once the group is gone.
     TaskGroup* taskGroup() const { return taskGroup_; }

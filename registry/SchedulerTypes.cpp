@@ -71,21 +71,6 @@ Mox::Attribute taskSchedulers() {
 
 // Problems
 
-/// Gaining runnable tasks asks for a run. Losing them while there are some would leave these in their queues
-/// for good: nobody asks for a run again until a task is scheduled. A root goes idle then, which arms the
-/// trim of its history.
-Problem problemOfRunnable(TaskScheduler const& scheduler, bool hasRunnableTasks) {
-    if (hasRunnableTasks == scheduler.schedulerHasRunnableTasks())
-        return {};
-    if (hasRunnableTasks)
-        return scheduler.problemOfRequest();
-    for (U32 p = 0; p <= TaskPriority::scavenge; ++p)
-        if (scheduler.runnableTaskCount(TaskPriority::PriorityEnumInstance(p)) > 0)
-            return "tasks are runnable";
-    auto const* const root = dynamic_cast<TaskSchedulerRoot const*>(&scheduler);
-    return root ? root->problemOfTrimming() : "";
-}
-
 Problem problemOfPriority(TaskScheduler const&, TaskPriority priority) {
     return priority.isValid() ? "" : Mox::valueToStrep(priority) + " is no priority of a task";
 }
@@ -164,7 +149,7 @@ void addScheduler(Mox::TypeRegistry& registry) {
         .writable("resetStatsTaskBookmark", &TaskScheduler::resetStatsTaskBookmark,
                   &TaskScheduler::resetStatsTaskBookmarkIs)
         .writable("schedulerHasRunnableTasks", &TaskScheduler::schedulerHasRunnableTasks,
-                  &TaskScheduler::schedulerHasRunnableTasksIs, {}, problemOfRunnable)
+                  &TaskScheduler::schedulerHasRunnableTasksIs, {}, &TaskScheduler::problemOfHasRunnableTasks)
         .operation("requestSchedulerRun", &TaskScheduler::requestSchedulerRun,
                    &TaskScheduler::problemOfRequest)
         .operation("resetStats", &TaskScheduler::resetStats, &TaskScheduler::problemOfResetStats)

@@ -44,8 +44,8 @@ template <class T, class Owner> class OwnTaskReactor : public Mox::OwnedReactor<
 
 /// The member of a scheduler that holds one of its own tasks by its reactor, or none. R is an OwnTaskReactor.
 ///
-/// Lifetime: the scheduler drops it in `zeroReferencesIs`, while it is whole: root, clock and parent are
-/// still there then for what the task's end tells.
+/// Lifetime: the task is dropped as soon as nobody refers to the scheduler, which is whole then: root, clock
+/// and parent are still there for what the task's end tells.
 template <class R> class OwnTask : public Mox::OwnReactor<R> {
   public:
     using Mox::OwnReactor<R>::OwnReactor;
@@ -67,6 +67,9 @@ template <class R> class OwnTask : public Mox::OwnReactor<R> {
             reactor->notifierIs(nullptr);
         return task;
     }
+
+  private:
+    void ownerEnds() override { dropTask(); }
 };
 
 } // namespace Kel

@@ -41,9 +41,8 @@ void ResetPass::begin() {
     scheduler_.schedulerMaxSchedulerSlipInternalIs(TaskTimeDuration(0));
 }
 
-/// Resetting a task may run foreign code, so that behind it only the
-/// task's key is known to be good. A run gets beyond the task that it resumed at, or a quantum of 0 would
-/// reset that one for ever.
+/// Resetting a task may run foreign code, so that behind it only the task's key is known to be good. A run
+/// gets beyond the task that it resumed at, or a quantum of 0 would reset that one for ever.
 bool ResetPass::resetTasks() {
     TaskKey const resumed = bookmark_;
     bool const begins = resumed == TaskKey();

@@ -22,6 +22,8 @@ class TaskRunQueues {
     TaskRunQueue const& operator[](TaskPriority priority) const { return queues_[priority.numericValue()]; }
     auto begin() { return queues_.begin(); }
     auto end() { return queues_.end(); }
+    auto begin() const { return queues_.begin(); }
+    auto end() const { return queues_.end(); }
 
     /// The next task of that or a lower priority, which has left its queue; null when there is none.
     Task* pick(TaskTimeStamp now, TaskPriority from);

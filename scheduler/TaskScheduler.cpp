@@ -6,9 +6,11 @@
 #include <mox/Type.h>
 #include <scheduler/TaskSchedulerReport.h>
 #include <scheduler/TaskSchedulerRoot.h>
+#include <scheduler/detail/IndentedPrint.h>
 #include <task/detail/Probes.h>
 #include <task/detail/TaskTrace.h>
 
+#include <algorithm>
 #include <optional>
 #include <ostream>
 #include <typeinfo>
@@ -78,7 +80,7 @@ void TaskScheduler::schedulerInit() { schedulerLastScheduleTimeStamp_ = Mox::Ste
 /// clock and parent, and reaches what derived classes override.
 void TaskScheduler::zeroReferencesIs(bool zero) {
     if (zero) {
-        resetStatsTask_.dropTask();
+        ownReactors_.ownerEnds();
         moxDoZombieReactors(true);
     }
     PtrInterface::zeroReferencesIs(zero);
@@ -301,13 +303,20 @@ U32 TaskScheduler::getDeadTaskStats(std::vector<TaskStat>* out, bool includeIdle
     return deadTasks_.collect(out, includeIdle);
 }
 
+/// All figures are collected before anything is printed: a sink may run tasks, and the tables are to fit
+/// together. Behind them nothing of the scheduler is touched, which the sink may let go.
 void TaskScheduler::printStats(Mox::Ptr<DumpContext const> const& context, U32 indent,
                                bool includeNeverRunTasks, bool includeDeadTasks,
                                bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const {
-    printSchedulerStats(context, indent, *this, includeNeverRunTasks, includeDeadTasks,
-                        displayMemoryAddressOfTasks);
+    std::vector<TaskStat> stats;
+    std::vector<TaskStat> deadStats;
+    U32 const leftOut = getTaskStats(&stats, includeNeverRunTasks);
+    U32 const deadLeftOut = includeDeadTasks ? getDeadTaskStats(&deadStats, includeNeverRunTasks) : 0;
+    printStatsImpl(context, indent, queueStats(), schedulerMaxSchedulerSlip(), &stats, leftOut,
+                   includeDeadTasks ? &deadStats : nullptr, deadLeftOut, displayMemoryAddressOfTasks);
     if (includeSchedulerHistory)
-        printHistoryIsInRoot(context, indent);
+        KEL_PRINT_INDENTED(context, indent,
+                           "Scheduler history for non root scheduler included in root scheduler");
 }
 
 void TaskScheduler::printHistory(Mox::Ptr<DumpContext const> const&, U32) const {
@@ -381,6 +390,19 @@ Mox::Problem TaskScheduler::problemOfRequest() const {
         return preconditions_.ofRequest(*this);
     bool const isBare = typeid(*this) == typeid(TaskScheduler) || typeid(*this) == typeid(TaskSchedulerRoot);
     return isBare ? "nothing runs the scheduler: it is neither a driver nor a group" : "";
+}
+
+/// Gaining runnable tasks asks for a run. Losing them while there are some would leave these in their queues
+/// for good: nobody asks for a run again until a task is scheduled. A root goes idle then, which arms the
+/// trim of its history.
+Mox::Problem TaskScheduler::problemOfHasRunnableTasks(bool hasRunnableTasks) const {
+    if (hasRunnableTasks == schedulerHasRunnableTasks_)
+        return {};
+    if (hasRunnableTasks)
+        return problemOfRequest();
+    if (std::ranges::any_of(runQueues_, [](auto const& queue) { return queue.runnableTasks() > 0; }))
+        return "tasks are runnable";
+    return root_ == this ? root_->problemOfTrimming() : "";
 }
 
 Mox::Problem TaskScheduler::problemOfResetStats() const {

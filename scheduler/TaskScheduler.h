@@ -180,6 +180,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     /// Of requestSchedulerRun(): a driver runs it, or a chain of groups below one. A class of an application
     /// counts as a driver: as every scheduler must, it overrides requestSchedulerRun().
     Mox::Problem problemOfRequest() const;
+    Mox::Problem problemOfHasRunnableTasks(bool hasRunnableTasks) const;
     Mox::Problem problemOfResetStats() const;
     /// Of making a task of that priority here.
     Mox::Problem problemOfRegistering(TaskPriority priority) const;

@@ -20,11 +20,11 @@ TaskSchedulerQueueStats::TaskSchedulerQueueStats(Mox::NboAttrLog::In* in) {
         priorityIs(TaskSchedulerPriorityStats(in));
 }
 
+/// A missing entry counts as an all-zero record, whose priority is absolute.
 TaskSchedulerQueueStats& TaskSchedulerQueueStats::operator+=(TaskSchedulerQueueStats const& rhs) {
     if (this == &rhs)
         return *this += TaskSchedulerQueueStats(rhs);
     for (auto const& [priority, right] : rhs.priorities_) {
-        // A missing entry counts as an all-zero record, whose priority is absolute.
         TaskSchedulerPriorityStats const* const left = priorities_.find(priority);
         priorityIs((left ? *left : TaskSchedulerPriorityStats()) + right);
     }

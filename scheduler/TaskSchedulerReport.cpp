@@ -243,20 +243,6 @@ void printStatsImpl(Context const& context, U32 indent, TaskSchedulerQueueStats 
         taskSchedulerDisplay(context, indent, deadStats, deadTitle, deadLeftOut, true, false);
 }
 
-/// All figures are collected before anything is printed: a sink may run tasks, and the tables are to fit
-/// together.
-void printSchedulerStats(Context const& context, U32 indent, TaskScheduler const& scheduler,
-                         bool includeNeverRunTasks, bool includeDeadTasks, bool displayMemoryAddressOfTasks) {
-    std::vector<TaskStat> stats;
-    std::vector<TaskStat> deadStats;
-    U32 const leftOut = scheduler.getTaskStats(&stats, includeNeverRunTasks);
-    U32 const deadLeftOut =
-        includeDeadTasks ? scheduler.getDeadTaskStats(&deadStats, includeNeverRunTasks) : 0;
-    printStatsImpl(context, indent, scheduler.queueStats(), scheduler.schedulerMaxSchedulerSlip(), &stats,
-                   leftOut, includeDeadTasks ? &deadStats : nullptr, deadLeftOut,
-                   displayMemoryAddressOfTasks);
-}
-
 std::unique_ptr<SlicedText> slicedStats(Mox::Ptr<TaskScheduler const> const& scheduler,
                                         bool includeNeverRunTasks, bool includeDeadTasks) {
     MOX_ASSERT(scheduler);
@@ -268,11 +254,6 @@ std::unique_ptr<SlicedLines> slicedHistory(Mox::Ptr<TaskSchedulerRoot const> con
     MOX_ASSERT(root);
     root->sanityCheckCurrentRunningThread();
     return std::make_unique<HistoryLines>(root);
-}
-
-void printHistoryIsInRoot(Context const& context, U32 indent) {
-    KEL_PRINT_INDENTED(context, indent,
-                       "Scheduler history for non root scheduler included in root scheduler");
 }
 
 } // namespace Kel

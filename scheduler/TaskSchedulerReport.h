@@ -50,13 +50,4 @@ MOX_EXPORT std::unique_ptr<SlicedText> slicedStats(Mox::Ptr<TaskScheduler const>
 /// It holds the root. Requires: a root.
 MOX_EXPORT std::unique_ptr<SlicedLines> slicedHistory(Mox::Ptr<TaskSchedulerRoot const> const& root);
 
-/// Collects the scheduler's statistics and prints them: the part of the report that root and others share.
-void printSchedulerStats(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent,
-                         TaskScheduler const& scheduler, bool includeNeverRunTasks, bool includeDeadTasks,
-                         bool displayMemoryAddressOfTasks);
-
-/// The line that stands for the history in the report of a scheduler that is no root; it ends without a
-/// newline.
-void printHistoryIsInRoot(Mox::Ptr<DumpContext const> const& context, Mox::U32 indent);
-
 } // namespace Kel

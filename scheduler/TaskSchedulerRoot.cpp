@@ -3,7 +3,6 @@
 
 #include <mox/Assert.h>
 #include <mox/Type.h>
-#include <scheduler/TaskSchedulerReport.h>
 #include <scheduler/detail/HistoryLines.h>
 #include <scheduler/detail/IndentedPrint.h>
 #include <task/detail/TaskTrace.h>
@@ -38,13 +37,6 @@ Mox::Ptr<TaskSchedulerRoot> taskSchedulerRootFactory(Mox::String8 const& name) {
 
 TaskSchedulerRoot::TaskSchedulerRoot(Mox::String8 const& name) : TaskScheduler(name, this) {
     registerScheduler(this);
-}
-
-/// The trim task goes before the base drops its own, and while history, wheel and clock are there.
-void TaskSchedulerRoot::zeroReferencesIs(bool zero) {
-    if (zero)
-        trimHistoryTask_.dropTask();
-    TaskScheduler::zeroReferencesIs(zero);
 }
 
 TaskSchedulerRoot::~TaskSchedulerRoot() { unregisterScheduler(this); }
@@ -127,8 +119,8 @@ void TaskSchedulerRoot::printStats(Mox::Ptr<DumpContext const> const& context, M
                                    bool includeNeverRunTasks, bool includeDeadTasks,
                                    bool displayMemoryAddressOfTasks, bool includeSchedulerHistory) const {
     Mox::Ptr<TaskSchedulerRoot const> const self = this;
-    printSchedulerStats(context, indent, *this, includeNeverRunTasks, includeDeadTasks,
-                        displayMemoryAddressOfTasks);
+    TaskScheduler::printStats(context, indent, includeNeverRunTasks, includeDeadTasks,
+                              displayMemoryAddressOfTasks, false);
     if (includeSchedulerHistory)
         printHistory(context, indent);
 }

@@ -28,7 +28,6 @@ class MOX_EXPORT TaskSchedulerRoot : public TaskScheduler {
     static Mox::Ptr<TaskSchedulerRoot> TaskSchedulerRootIs(Mox::String8 const& name);
     explicit TaskSchedulerRoot(Mox::String8 const& name);
 
-    void zeroReferencesIs(bool zero) override;
     Mox::Type const* fwkType() const override;
     ~TaskSchedulerRoot() override;
     using TaskScheduler::printStats;

@@ -16,4 +16,9 @@ void OwnReactors::moxDoZombieReactors(bool zombie) const {
             reactor->moxDoZombieReactors(zombie);
 }
 
+void OwnReactors::ownerEnds() {
+    for (Slot& slot : boost::adaptors::reverse(slots_))
+        slot.ownerEnds();
+}
+
 } // namespace Mox

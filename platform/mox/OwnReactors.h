@@ -23,6 +23,8 @@ class MOX_EXPORT OwnReactors {
     void hasNotificationActiveIs(bool active) const;
     /// The other way round: what a derived class added stands on what is below it.
     void moxDoZombieReactors(bool zombie) const;
+    /// Nobody refers to the owner any more, and it is still whole. In that order, too.
+    void ownerEnds();
 
   private:
     using Hook = boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>>;
@@ -44,6 +46,7 @@ class MOX_EXPORT OwnReactors::Slot : public Hook {
   private:
     friend class OwnReactors;
     virtual Reactor* reactor() const = 0;
+    virtual void ownerEnds() {}
 };
 
 /// A reactor of the given base that an Owner made for itself; it refers to the owner, and does not hold it.

@@ -15,7 +15,7 @@ namespace {
 
 bool runsGroup(Task const& task) {
     auto const* const parentTask = dynamic_cast<TaskGroupParentTask const*>(&task);
-    return parentTask && parentTask->taskGroup() && parentTask->taskGroup()->schedulerHasRunnableTasks();
+    return parentTask && parentTask->runsPasses();
 }
 
 bool resets(Task const& task, TaskScheduler const& scheduler) {
