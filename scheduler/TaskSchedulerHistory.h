@@ -118,6 +118,9 @@ class MOX_EXPORT TaskSchedulerHistory::Event {
     EventType eventType_;
 };
 
+// Ten thousand of them are most of what a scheduler takes.
+static_assert(sizeof(void*) != 8 || sizeof(TaskSchedulerHistory::Event) == 24);
+
 inline TaskSchedulerHistory::Event& TaskSchedulerHistory::nextSlot() noexcept {
     return newest_ == lowest_ ? nextSlotAtSeam() : *--newest_;
 }

@@ -57,13 +57,19 @@ Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority, Mox:
     taskQuantumIs(taskQuantumDefault);
 }
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof" // of a type with bases, which both compilers know
 /// The reference to the scheduler is taken only once the task is registered: a registration that refuses the
 /// task by an exception leaves nothing to be given back.
 void Task::handleInitialized() {
     MOX_ASSERT_AS("__null != taskScheduler_", taskScheduler_);
     taskScheduler_->taskRegister(this);
     intrusive_ptr_add_ref(taskScheduler_);
+    static_assert(sizeof(void*) != 8 || (offsetof(Task, taskRunQueueLink_) == 4 * sizeof(void*) &&
+                                         offsetof(Task, reactors_) == 8 * sizeof(void*)),
+                  "prefetchHead() reckons with it");
 }
+#pragma GCC diagnostic pop
 
 /// The task leaves its scheduler while it is whole: a derived class's status and reactors belong to what is
 /// kept of it. Its reactors come first, so that no timer schedules it any more.

@@ -135,14 +135,11 @@ Seconds TimerTask::currentExpirationTime() const {
 
 // Scheduling
 
-/// Suspended, the task stays off its queue and has lost its timer: it is busy no more. Nothing else happens
-/// in Task::scheduleTask() then, so that the task is still there.
+/// Suspended, the task stays off its queue and has lost its timer, and is as busy as it was until its next
+/// operation.
 void TimerTask::scheduleTask() {
     disarm();
-    bool const isSuspended = taskSuspendedForTest();
     Task::scheduleTask();
-    if (isSuspended)
-        updateTaskBusy();
 }
 
 /// Busy is asked once more behind the run: the run may have armed the timer, or it was armed when the run
@@ -183,16 +180,15 @@ void TimerTask::scheduleTaskJitterUp(Seconds delayIntoFuture, Mox::U8 maxJitterP
     scheduleTaskDelayedPrivate(delay, true);
 }
 
+/// In the order in which the offset is computed no rounding takes it beyond the delay: the factor is at most
+/// 1.
 void TimerTask::scheduleTaskJitterDown(Seconds delayIntoFuture, Mox::U8 maxJitterPercentage) {
     sanityCheckCurrentRunningThread();
     MOX_ASSERT_AS("!std::isnan( delayIntoFuture )", !std::isnan(delayIntoFuture));
     if (delayIntoFuture > std::numeric_limits<Seconds>::max())
         return stopTimerTask();
     MOX_ASSERT(maxJitterPercentage <= 100);
-    // A negative delay has no offset that is at most the delay.
-    MOX_ASSERT_AS("offset <= delayIntoFuture", delayIntoFuture >= 0.0);
     MOX_ASSERT_AS("__null != taskScheduler_", scheduler());
-    // In this order no rounding takes the offset beyond the delay: the factor is at most 1.
     Seconds const offset =
         delayIntoFuture * (scheduler()->root()->jitterDraw() * maxJitterPercentage / 10000.0);
     MOX_ASSERT(offset <= delayIntoFuture);

@@ -87,9 +87,7 @@ class TaskProgram : HandTree {
         queued_ = !suspended_;
         record(queued_ ? "schedule" : "scheduleSus");
         if (queued_)
-            queuedAt_ = steady.now();
-        if (queued_ || timer_)
-            updateBusy();
+            queuedAt_ = steady.now(), updateBusy();
     }
     void leaveQueue() {
         queued_ = false;
@@ -248,8 +246,11 @@ class TaskProgram : HandTree {
     void change() {
         constexpr std::array delays{0.0,  -5., -endOfTime, .004, .00999, .01,
                                     .011, 1.,  2.,         5.,   most,   endOfTime};
-        std::size_t const choices = operations_.size() - (timer_ ? 0 : ofTimers);
-        operations_[random_->below(choices)].second(random_->of(delays));
+        auto const& [name, operation] =
+            operations_[random_->below(operations_.size() - (timer_ ? 0 : ofTimers))];
+        Seconds const with = random_->of(delays);
+        random_->doing(name, with);
+        operation(with);
         if (!isOver())
             expectAlike();
     }
@@ -306,7 +307,7 @@ TEST(TaskModel, PromisesTheseEvents) {
         {false, "runFromTest", "running 0 runFromTest", "run start; run start; run end; run end; "},
         {true, "delay 2 clock 2 pass", "", "timerStart; busy; schedule; run start; run end; idle; "},
         {true, "delay 2 stop stop", "", "timerStart; busy; timerStop; idle; "},
-        {true, "delay 2 suspend clock 2", "", "timerStart; busy; suspendOn; scheduleSus; idle; "},
+        {true, "delay 2 suspend clock 2", "", "timerStart; busy; suspendOn; scheduleSus; "},
         {true, "schedule delay 5 delay 0", "", "schedule; busy; unschedule; timerStart; schedule; "},
         {true, "delay 2 lowest 5 lowest 1 clock 1", "", "timerStart; busy; timerStart; schedule; "},
         {true, "schedule pass", "delay 2", "schedule; busy; run start; timerStart; run end; "},
