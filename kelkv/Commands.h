@@ -29,6 +29,8 @@ struct CommandContext {
     Session& session;
     ReplyWriter reply;
 
+    /// Bytes that were neither asked nor told, and cost as much.
+    std::size_t copied = 0;
     Next next = Next::nothing;
     std::optional<std::string> pattern = std::nullopt; // of the walk
     /// What is left when the command returns: it is called again and again, between other clients' turns and

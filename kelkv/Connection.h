@@ -71,6 +71,8 @@ class Connection : public Kel::Task::Notifiee {
     void needsWork();
     /// Whether the turn under way goes ahead of those that ask much.
     bool isAhead() const { return &turn() == task_.ptr(); }
+    /// Whether it is in the task's place, of an operator, while the scheduler does not run.
+    bool isInItsPlace() const { return isHeld_; }
     /// Counts what is no reading or sending, but costs as much.
     void spend(std::size_t bytes) { allowance_.spend(bytes); }
     /// Closes when the time is over, unless that is asked for again by then.

@@ -81,7 +81,7 @@ void HttpConnection::onWork() {
     while (isStep && mayGoOn());
     if (!isOpen())
         return;
-    isStep ? needsWork() : rest();
+    isStep ? needsWork() : waitForMore();
 }
 
 /// One thing of those that can be done now; false when there is none.
@@ -102,7 +102,7 @@ bool HttpConnection::step() {
     return isOpen();
 }
 
-void HttpConnection::rest() {
+void HttpConnection::waitForMore() {
     if (isAnswering())
         return;
     if (atEnd())

@@ -53,7 +53,7 @@ class HttpConnection : public Connection {
     void onClose() override;
 
     bool step();
-    void rest();
+    void waitForMore();
 
     void requestIsNext();
     void takeInput();

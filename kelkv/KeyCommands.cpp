@@ -98,6 +98,8 @@ void copy(CommandContext& context, Arguments words) {
     bool const isTaken = !mayReplace && isThere(store(context), words[2]);
     Store::Value const* const value = store(context).find(words[1]);
     bool const isCopied = value && !isTaken;
+    if (isCopied && !value->text.isLong())
+        context.copied += value->text.size();
     if (isCopied)
         put(context, words[2], value->text.clone(store(context).scavenger()), value->due);
     context.reply.integer(isCopied ? 1 : 0);

@@ -18,7 +18,8 @@ class LeastPass : public Kel::Task::Notifiee {
 
     /// Behind the group's own reactor, which came first.
     void onTaskRun() override {
-        if (group_.schedulerHasRunnableTasks() && group_.schedulerLastRunTimeStamp() == last_)
+        if (group_.hasNotificationActive() && group_.schedulerHasRunnableTasks() &&
+            group_.schedulerLastRunTimeStamp() == last_)
             group_.handleSchedulerRun();
         last_ = group_.schedulerLastRunTimeStamp();
     }

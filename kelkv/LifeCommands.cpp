@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 // Commands on times to live.
 
@@ -10,10 +11,13 @@ namespace KelKv {
 
 using Mox::S64;
 
+/// Of a text that is longer than any, nothing is read.
 std::optional<S64> readInteger(std::string_view text) {
+    constexpr std::size_t longest = std::numeric_limits<S64>::digits10 + 2; // a digit more, and a sign
     S64 value = 0;
     bool const hasZeros = text.size() > 1 && (text.starts_with('0') || text.starts_with("-0"));
-    return !hasZeros && readNumber(text, value) ? std::optional(value) : std::nullopt;
+    return text.size() <= longest && !hasZeros && readNumber(text, value) ? std::optional(value)
+                                                                          : std::nullopt;
 }
 
 void replyNoInteger(CommandContext& context) {

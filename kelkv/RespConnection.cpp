@@ -38,7 +38,7 @@ RespConnection::RespConnection(Engine& engine, Role const& role, Socket accepted
 
 void RespConnection::onStart() {
     operatorIsThere();
-    rest();
+    waitForMore();
 }
 
 /// Who asks nothing for long leaves the place to another.
@@ -71,7 +71,7 @@ void RespConnection::onWork() {
     if (isStep || (output_.unsent() > 0 && isWritable()))
         needsWork();
     else
-        rest();
+        waitForMore();
     account();
 }
 
@@ -95,6 +95,8 @@ bool RespConnection::step() {
         sendSome();
     else if (left_ && mayAnswer())
         goOn();
+    else if (walk_ && isInItsPlace() && output_.unsent() == 0)
+        walk_->onTaskRun(); // which no scheduler has run
     else if (hasRequest())
         answerRequest();
     else if (parser_.state() == RequestParser::State::incomplete && !closing_ && !unparsed().empty())
@@ -107,7 +109,7 @@ bool RespConnection::step() {
 }
 
 /// With nothing to do until something comes, can be sent, or a walk is through.
-void RespConnection::rest() {
+void RespConnection::waitForMore() {
     bool const isDone = closing_ || (atEnd() && !left_);
     if (isDone && !walk_ && output_.unsent() == 0)
         return finish();
@@ -154,13 +156,17 @@ void RespConnection::boundRequest() {
 /// One that waits behind replies that the client does not read waits for as long as the client likes.
 bool RespConnection::Request::mayGiveUp() const {
     bool const waits = of_.parser_.state() == RequestParser::State::incomplete || !of_.mayAnswer();
-    return of_.isOpen() && !of_.left_ && of_.parser_.kept() > always && waits;
+    return of_.isOpen() && of_.parser_.kept() > always && waits;
 }
 
+/// A reply that has begun cannot end in words.
 void RespConnection::Request::giveUp() {
-    of_.parser_.discard();
-    of_.account();
-    of_.engine_.log.line("requests under way take too much memory: one is given up", of_.session_.peer);
+    Mox::Ptr<RespConnection> const of = &of_; // closing lets it go
+    of->engine_.log.line("requests under way take too much memory: one is given up", of->session_.peer);
+    if (of->left_)
+        return of->close();
+    of->parser_.discard();
+    of->account();
 }
 
 // Answering
@@ -215,6 +221,7 @@ void RespConnection::goOn() {
 
 /// What the command, or a step of it, has left to do.
 void RespConnection::took(CommandContext const& context) {
+    spend(context.copied);
     if (!isOpen() || left_) // it may have had the connection closed
         return;
     if (context.next == CommandContext::Next::walk)

@@ -48,7 +48,7 @@ class RespConnection : public Connection, private KeyWalk::Client {
     void walkFailed() noexcept override { close(); }
 
     bool step();
-    void rest();
+    void waitForMore();
 
     bool takeInput();
     void parse();

@@ -8,7 +8,7 @@ namespace KelKv {
 
 namespace {
 
-constexpr std::size_t any = Limits::words;
+constexpr std::size_t callMax = 10; // words: no operation has more arguments
 
 Kel::SchedulerTree tree(CommandContext& context) { return Kel::SchedulerTree(context.engine.root); }
 
@@ -48,8 +48,8 @@ void call(CommandContext& context, Arguments words) {
 }
 
 constexpr Command subcommands[] = {
-    {"HISTORY", 0, 0, history}, {"TRACE", 0, 0, trace}, {"RESET", 0, 0, reset}, {"LS", 0, 1, list},
-    {"GET", 1, 1, get},         {"SET", 2, 2, set},     {"CALL", 2, any, call},
+    {"HISTORY", 0, 0, history}, {"TRACE", 0, 0, trace}, {"RESET", 0, 0, reset},     {"LS", 0, 1, list},
+    {"GET", 1, 1, get},         {"SET", 2, 2, set},     {"CALL", 2, callMax, call},
 };
 
 void sched(CommandContext& context, Arguments words) {
@@ -65,7 +65,7 @@ void sched(CommandContext& context, Arguments words) {
     at->run(context, behind);
 }
 
-constexpr Command commands[] = {{"SCHED", 2, any, sched}};
+constexpr Command commands[] = {{"SCHED", 2, callMax + 2, sched}};
 
 } // namespace
 

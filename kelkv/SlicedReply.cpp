@@ -12,41 +12,41 @@ constexpr std::size_t linesAtATime = 50;
 constexpr int stepsAtOnce = 4; // some ten microseconds each
 
 /// A text under way, which is left to the scavenger when nobody wants the rest.
-template <class T> class UnderWay {
+class TextUnderWay {
   public:
-    UnderWay(Engine& engine, std::unique_ptr<T> text)
-        : scavenger_(engine.scavenger), text_(std::move(text)) {}
-    ~UnderWay() {
+    TextUnderWay(Engine& engine, SlicedTextPtr text) : scavenger_(engine.scavenger), text_(std::move(text)) {}
+    ~TextUnderWay() {
         if (!isDone_)
             scavenger_->add(std::make_unique<RemainsOfText>(std::move(text_)));
     }
-    UnderWay(UnderWay const&) = delete;
-    UnderWay& operator=(UnderWay const&) = delete;
+    TextUnderWay(TextUnderWay const&) = delete;
+    TextUnderWay& operator=(TextUnderWay const&) = delete;
 
-    /// `next` tells whether there is more, or throws.
-    template <class Next> bool take(Next next) {
+    /// One that throws is done, too.
+    bool next(std::string& part) {
         isDone_ = true;
-        isDone_ = !next(*text_);
+        isDone_ = !text_->next(part);
         return !isDone_;
     }
-    T const& text() const { return *text_; }
 
   private:
     Mox::Ptr<Scavenger> const scavenger_;
-    std::unique_ptr<T> text_;
+    SlicedTextPtr text_;
     bool isDone_ = false;
 };
 
-class Answer : UnderWay<Kel::SchedulerTree::Answer> {
+/// It has a thousand lines and some at most, so that it may be dropped in one go; what is left of an
+/// operation is not carried out then.
+class Answer {
   public:
-    using UnderWay::UnderWay;
+    explicit Answer(std::unique_ptr<Kel::SchedulerTree::Answer> text) : text_(std::move(text)) {}
 
     bool step(CommandContext& context) try {
         if (isGathering_)
-            isGathering_ = take([&](Kel::SchedulerTree::Answer& text) { return text.nextLines(lines_); });
+            isGathering_ = text_->nextLines(lines_);
         if (isGathering_)
             return true;
-        return text().isList() ? replySome(context) : replyText(context);
+        return text_->isList() ? replySome(context) : replyText(context);
     } catch (Mox::Exception const& e) {
         context.reply.error(e.what());
         return false;
@@ -69,6 +69,7 @@ class Answer : UnderWay<Kel::SchedulerTree::Answer> {
         return replied_ < lines_.size();
     }
 
+    std::unique_ptr<Kel::SchedulerTree::Answer> const text_;
     bool isGathering_ = true;
     std::vector<std::string> lines_;
     std::size_t replied_ = 0;
@@ -77,14 +78,12 @@ class Answer : UnderWay<Kel::SchedulerTree::Answer> {
 } // namespace
 
 GatheredBulk::Parts partsOf(Engine& engine, SlicedTextPtr text) {
-    auto const underWay = std::make_shared<UnderWay<Kel::SlicedText>>(engine, std::move(text));
-    return [underWay](std::string& part) {
-        return underWay->take([&](Kel::SlicedText& of) { return of.next(part); });
-    };
+    auto const underWay = std::make_shared<TextUnderWay>(engine, std::move(text));
+    return [underWay](std::string& part) { return underWay->next(part); };
 }
 
 void answerInSlices(CommandContext& context, std::unique_ptr<Kel::SchedulerTree::Answer> answer) {
-    auto const underWay = std::make_shared<Answer>(context.engine, std::move(answer));
+    auto const underWay = std::make_shared<Answer>(std::move(answer));
     for (int i = 0; i < stepsAtOnce; ++i)
         if (!underWay->step(context))
             return;

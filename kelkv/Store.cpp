@@ -70,10 +70,14 @@ Store::Value& Store::set(std::string_view key, Text&& text) {
         at = shard.try_emplace(Key{std::string(key), view.hash}).first;
         ++size_;
     }
-    leave(at->second.text);
-    at->second.text = std::move(text);
+    textIs(at->second, std::move(text));
     expiryDel(at->second);
     return at->second;
+}
+
+void Store::textIs(Value& value, Text&& text) {
+    leave(value.text);
+    value.text = std::move(text);
 }
 
 bool Store::erase(std::string_view key) {

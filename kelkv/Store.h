@@ -60,6 +60,8 @@ class Store {
     /// Writes the key; it has no expiry then. Good until the next change of the store.
     Value& set(std::string_view key, Word const& word) { return set(key, Text(word, scavenger_)); }
     Value& set(std::string_view key, Text&& text);
+    /// The value is another text from now on, and keeps its life.
+    void textIs(Value& value, Text&& text);
     /// False when there was no such key.
     bool erase(std::string_view key);
     /// Takes everything out at once, in the time that it takes to go through the shards that have room; the

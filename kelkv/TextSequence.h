@@ -4,6 +4,7 @@
 
 #include <kel/SlicedText.h>
 
+#include <exception>
 #include <memory>
 #include <string>
 #include <utility>
@@ -46,9 +47,12 @@ class TextSequence : public Kel::SlicedText {
 class RemainsOfText : public Remains {
   public:
     explicit RemainsOfText(SlicedTextPtr text) : text_(std::move(text)) {}
-    bool dropOne() override {
+    /// Nobody is left to be told what went wrong.
+    bool dropOne() override try {
         dropped_.clear();
         return text_->next(dropped_);
+    } catch (std::exception const&) {
+        return false;
     }
 
   private:

@@ -86,7 +86,7 @@ void setAs(CommandContext& context, Arguments words, SetOptions const& options) 
     if (!isSet)
         return;
     if (old && options.keepsDue) {
-        old->text = Text(words[2], store(context).scavenger());
+        store(context).textIs(*old, Text(words[2], store(context).scavenger()));
         return;
     }
     Store::Value& value = store(context).set(words[1], words[2]);
@@ -203,11 +203,11 @@ void setMany(CommandContext& context, Arguments words) {
 void setManyNew(CommandContext& context, Arguments words) {
     constexpr std::size_t most = stepBytes / wordBytes; // words
     Arguments const pairs = words.subspan(1);
-    std::size_t bytes = 0;
-    for (Word const& word : pairs)
-        bytes += word.view.size();
     if (words.size() % 2 == 0)
         return replyWrongCount(context, words[0]);
+    std::size_t bytes = 0;
+    for (Word const& word : pairs.first(std::min(pairs.size(), most)))
+        bytes += word.view.size();
     if (pairs.size() > most || bytes > Limits::wordInOnePiece)
         return context.reply.error("MSETNX takes " + std::to_string(most / 2) +
                                    " pairs and a MiB at most, for nobody may come between");
@@ -263,6 +263,14 @@ void getRange(CommandContext& context, Arguments words) {
                        static_cast<std::size_t>(end - begin + 1));
 }
 
+/// The value becomes that text, and keeps its life.
+void replace(CommandContext& context, std::string_view key, Store::Value* value, std::string&& text) {
+    if (value)
+        store(context).textIs(*value, Text(std::move(text)));
+    else
+        store(context).set(key, Text(std::move(text)));
+}
+
 /// A long text is not changed in place: it may be being sent, and copying it takes long.
 void setRange(CommandContext& context, Arguments words) {
     std::optional<S64> const at = readInteger(words[2]);
@@ -285,21 +293,11 @@ void setRange(CommandContext& context, Arguments words) {
     text.resize(std::max(size, begin + bytes.size()));
     bytes.copy(text.data() + begin, bytes.size());
     context.reply.integer(static_cast<S64>(text.size()));
-    if (value)
-        value->text = Text(std::move(text));
-    else
-        store(context).set(words[1], Text(std::move(text)));
+    context.copied += text.size();
+    replace(context, words[1], value, std::move(text));
 }
 
 // Numbers
-
-/// The value becomes that text, and keeps its life.
-void replace(CommandContext& context, std::string_view key, Store::Value* value, std::string&& text) {
-    if (value)
-        value->text = Text(std::move(text));
-    else
-        store(context).set(key, Text(std::move(text)));
-}
 
 void add(CommandContext& context, std::string_view key, S64 more) {
     Store::Value* const value = store(context).find(key);
@@ -332,8 +330,12 @@ void subtractGiven(CommandContext& context, Arguments words) {
         add(context, words[1], -*less);
 }
 
+/// Of a text that is longer than any number is written, nothing is read.
 std::optional<long double> readFloat(std::string_view text) {
+    constexpr std::size_t longest = std::numeric_limits<long double>::max_exponent10 + 64;
     long double value = 0;
+    if (text.size() > longest)
+        return std::nullopt;
     if (text.starts_with('+'))
         text.remove_prefix(1);
     return readNumber(text, value) && !std::isnan(value) ? std::optional(value) : std::nullopt;

@@ -1,15 +1,12 @@
 #include "EngineTest.h"
 
-#include <kelkv/Allowance.h>
-#include <kelkv/Options.h>
+#include <kelkv/Daemon.h>
 
 #include <support/ManualClock.h>
 #include <support/TraceLog.h>
 
 #include <sys/resource.h>
 #include <unistd.h>
-
-#include <boost/lexical_cast.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -103,64 +100,6 @@ struct DaemonTest : Test {
 };
 
 } // namespace
-
-TEST(Allowance, IsThereAgainAfterASecondHoweverMuchWasSpent) {
-    TestSupport::ManualClock steady;
-    Mox::SteadyClock::now();
-    Allowance allowance;
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_FALSE(allowance.isSpent());
-        allowance.spend(3000);
-        EXPECT_FALSE(allowance.isSpent());
-        allowance.spend(10'000'000);
-        for (auto const& [time, isSpent] : {std::pair(0ms, true), {1000ms, true}, {300ms, false}}) {
-            steady.advance(time);
-            Mox::SteadyClock::now();
-            EXPECT_EQ(allowance.isSpent(), isSpent) << time.count();
-        }
-    }
-}
-
-TEST(Log, SaysALineASecondOfAKindAndHowManyItLeftOut) {
-    TestSupport::ManualClock steady;
-    Log log;
-    testing::internal::CaptureStderr();
-    for (auto const& [kind, wait] : {std::pair("a", 0ms),
-                                     {"a", 999ms},
-                                     {"b", 0ms},
-                                     {"a", 0ms},
-                                     {"a", 1ms},
-                                     {"a", 999ms},
-                                     {"a", 1ms},
-                                     {"b", 0ms},
-                                     {"b", 1000ms}}) {
-        steady.advance(wait);
-        log.line(kind, std::to_string(steady.now() / 1ms));
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "kelkv: a: 1000000\nkelkv: b: 1000999\nkelkv: a: 1001000 (2 more before)\n"
-              "kelkv: a: 1002000 (1 more before)\nkelkv: b: 1002000\nkelkv: b: 1003000\n");
-}
-
-TEST(Options, LeaveAClientOrSayWhyNot) {
-    auto const fitAll = [] {
-        int tooFew = 0;
-        for (rlim_t most = 300; most > 30; --most) {
-            rlimit const limit{most, most};
-            setrlimit(RLIMIT_NOFILE, &limit);
-            Daemon::Options options;
-            try {
-                EXPECT_THAT(fitDescriptors(options), HasSubstr("in place of"));
-                EXPECT_TRUE(tooFew == 0 && options.clientsMax > 0 && options.descriptors() == most);
-            } catch (OptionError const&) {
-                ++tooFew;
-            }
-        }
-        return tooFew > 0 && !HasFailure();
-    };
-    GTEST_FLAG_SET(death_test_style, "threadsafe"); // in a process of its own, which lowers its limit
-    EXPECT_EXIT(_exit(!fitAll()), ExitedWithCode(0), "");
-}
 
 TEST_F(DaemonTest, PipelinedRequestsAreAnsweredInOrderAroundWalksThoughTheClientSendsNoMore) {
     fill(engine().store, 20000);
@@ -272,7 +211,10 @@ TEST_F(DaemonTest, OperatorIsAnsweredWhileTheSchedulerIsSuspended) {
     std::string const much(9000, 'x'); // of which clients' is not to starve
     op.expect("ECHO " + much + "\r\nSCHED GET kelkv/operator;more/taskPriority\r\n",
               bulk(much) + bulk("'low'"));
+    fill(engine().store, 3000);
     op.expect("SCHED CALL kelkv/client resetStats\r\nSCHED SET kelkv/suspended True\r\n", "+OK\r\n+OK\r\n");
+    op.expect("DBSIZE EXACT\r\nKEYS *999\r\n", ":3000\r\n*3\r\n");
+    op.receive(bulk("key999").size() + 2 * bulk("key1999").size());
     EXPECT_THAT(other.askAll("SCHED HISTORY\r\nSCHED TRACE\r\nPING\r\nQUIT\r\nPING\r\n"),
                 AllOf(HasSubstr("schedulerSuspended"), HasSubstr("run end    N client"),
                       HasSubstr("\"traceEvents\""), EndsWith("+PONG\r\n+OK\r\n")));
@@ -358,6 +300,15 @@ TEST_F(DaemonTest, RequestsThatComeInTogetherTakeNoMoreThanThereIsRoomFor) {
     others.sizeIs(0);
     large.expect(set, "+OK\r\n");
     EXPECT_EQ(engine().requestBytes.used(), 0u);
+    std::string mget = "*200\r\n" + bulk("MGET"); // of which it reads nothing
+    for (int i = 0; i < 198; ++i)
+        mget += bulk("big");
+    large.send(mget + bulk(std::string(200000, 'k')));
+    for (int turns = turnsMax; turns > 0 && engine().replyBytes.used() == 0; --turns)
+        large.turn(turns);
+    others.sizeIs(engine().requestBytes.most() - 250000);
+    client.expect("*3\r\n" + bulk("SET") + bulk("a") + bulk(std::string(100000, 'v')), "+OK\r\n");
+    EXPECT_THAT(large.askAll(), StartsWith("*199\r\n"));
 }
 
 TEST_F(DaemonTest, HttpIsGetAndHeadOfAFewPagesAndOnLoopbackForWhoNamesThisHost) {
@@ -475,37 +426,6 @@ TEST_F(DaemonTest, HttpAnswersOnceWhoeverRunsItsTaskAndWhileSuspendedAndLeavesNo
     half.send("GET / HT");
     daemon.reset();
     EXPECT_EQ(half.askAll(), "");
-}
-
-// Command lines, and what they ask for, or what is said of them, behind " > ".
-TEST(OptionsTest, WhatIsWrongWithACommandLineIsSaid) {
-    for (std::string const& row : rowsOf(R"(
-             --port=1 --port 2 --http-port=3 --http-address ::1 --clients=5 > 2 5 [::1]:3
-             --operator-timeout 0 > 7379 10000 -   --version --http-address ::1 > kelkv   --help > usage: kelkv
-             --prot 1 > unknown option '--prot'    1 > unexpected word '1'   --help=1 > --help takes no value
-             --port > --port needs a number from 0 to 65535  --port= > --port: '' is not a number from 0 to 65535
-             --port 65536 > --port: '65536' is not a number from 0 to 65535
-             --clients 0 > --clients: '0' is not a number from 1 to 1000000
-             --http-port 1 --http-address x > --http-address: 'x' is not an address
-             --http-address ::1 > --http-address is of no use without --http-port)")) {
-        std::size_t const mark = row.find(" > ");
-        Words words;
-        std::vector<char const*> pointers;
-        boost::split(words, row.substr(0, mark), boost::is_any_of(" "));
-        std::ranges::transform(words, std::back_inserter(pointers), [](auto& word) { return word.c_str(); });
-        std::ostringstream said;
-        try {
-            auto const asked = readOptions(pointers);
-            if (auto const* const options = std::get_if<Daemon::Options>(&asked))
-                (said << options->port << " " << options->clientsMax << " ")
-                    << (options->http ? boost::lexical_cast<std::string>(*options->http) : "-");
-            else
-                said << std::get<std::string>(asked);
-        } catch (OptionError const& e) {
-            said << e.what();
-        }
-        EXPECT_THAT(said.str(), StartsWith(row.substr(mark + 3))) << row;
-    }
 }
 
 } // namespace KelKv
