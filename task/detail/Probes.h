@@ -2,15 +2,7 @@
 
 /// Static probes of the provider "keltask", for bpftrace, perf and their like: with KELTASK_USDT each is a
 /// no-op instruction and a note in the library, beside what it takes to have its arguments at hand; without
-/// it nothing.
-///
-///     run_start   task, its name, the name's bytes, priority, latency in nanoseconds
-///     run_end     task, its name, the name's bytes, priority, the run's nanoseconds
-///     violation   as run_end, and the quantum's nanoseconds
-///     timer       task, its name, the name's bytes, priority: its timer has fired
-///     idle        scheduler's name, the name's bytes: it has nothing more to run
-///
-/// Names do not end with a zero: `str(arg1, arg2)`. Priorities are 0 to 4, from absolute to scavenge.
+/// it nothing. docs/operating.md has their arguments.
 #ifdef KELTASK_USDT
 #define SDT_USE_VARIADIC
 #include <sys/sdt.h>
