@@ -123,7 +123,9 @@ class LoopProgram {
         for (std::size_t left = random_.below(limit); left > 0; --left) {
             Slot& slot = random_.of(slots_);
             bool const on = !random_.oneIn(3);
-            switch (random_.below(20)) {
+            std::size_t const what = random_.below(20);
+            random_.doing("change " + std::to_string(what) + " of", static_cast<double>(&slot - &slots_[0]));
+            switch (what) {
             case 0: slot.reactor->hasNotificationActiveIs(on); break;
             case 1: slot.reactor->isRegisteredNotifieeIs(on); break;
             case 2: slot.notifier->hasNotificationActiveIs(on); break;

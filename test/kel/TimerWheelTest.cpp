@@ -82,6 +82,7 @@ class WheelProgram {
     void change() {
         Slot& slot = random_.of(slots_);
         std::size_t const what = random_.below(40);
+        random_.doing("change " + std::to_string(what) + " of", static_cast<double>(&slot - &slots_[0]));
         if (what > 2)
             forget(slot);
         else

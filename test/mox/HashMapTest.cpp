@@ -37,10 +37,12 @@ TEST(HashMap, ARandomProgramDoesWhatASortedMapDoes) {
     for (std::size_t step = 0; step < steps && !testing::Test::HasFatalFailure(); ++step) {
         // The keys in use grow, so that the table grows while it is walked, and holds few and many.
         Key const key{static_cast<U32>(random.below(10 + step / 10))};
-        if (random.oneIn(2)) {
+        std::size_t const what = random.below(4);
+        random.doing("operation " + std::to_string(what) + " of", key.number);
+        if (what < 2) {
             map.valueIs(key, static_cast<int>(step));
             model[key] = static_cast<int>(step);
-        } else if (random.oneIn(2)) {
+        } else if (what < 3) {
             ASSERT_EQ(model.erase(key) > 0, map.erase(key));
         } else {
             int const* const value = map.find(key);

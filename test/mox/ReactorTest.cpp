@@ -93,7 +93,9 @@ struct RandomWalks {
     }
     void change() {
         Ptr<Member>& member = members[random.below(members.size())];
-        switch (member ? random.below(10) : 9) {
+        std::size_t const what = member ? random.below(10) : 9;
+        random.doing("change " + std::to_string(what) + " of", static_cast<double>(&member - &members[0]));
+        switch (what) {
         case 0: tickets.erase(std::exchange(member->ticket, 0)), member->notifierIs(lamp); break;
         case 1: member->notifierIs(nullptr); break;
         case 2: member->moxDoZombieReactors(member->zombie = true); break;

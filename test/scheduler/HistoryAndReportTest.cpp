@@ -1,5 +1,6 @@
 #include <scheduler/TaskSchedulerReport.h>
 
+#include <support/Golden.h>
 #include <support/HandRoot.h>
 #include <support/Random.h>
 #include <support/TaskReactors.h>
@@ -8,8 +9,6 @@
 
 #include <algorithm>
 #include <deque>
-#include <filesystem>
-#include <fstream>
 
 namespace {
 
@@ -17,13 +16,6 @@ using namespace TestSupport;
 using Event = TaskSchedulerHistory::Event;
 using EventType = TaskSchedulerEventType;
 using testing::HasSubstr;
-
-/// The text of a file that states a report to the letter.
-std::string golden(std::string const& name) {
-    std::ifstream file(std::filesystem::path(__FILE__).parent_path() / "golden" / (name + ".txt"),
-                       std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 struct HistoryAndReportTest : HandTreeTest {
     HistoryAndReportTest() { steady.nowIs(0ns); }

@@ -182,14 +182,30 @@ class RandomSchedule {
                   tree_.root->pickOneTask({}, priority(p)));
     }
     void expectRan(int expected) { ASSERT_EQ(expected, std::exchange(ran_, -1)); }
+    /// How far the streaks are from letting a low task run, where so many tasks are of high and normal
+    /// priority: what docs/design.md calls the rank.
+    std::function<S64()> rank() const {
+        auto const high = static_cast<S64>(model_.queues[1].tasks.size());
+        auto const normal = static_cast<S64>(model_.queues[2].tasks.size());
+        auto const left = [this](std::size_t p, S64 streak) {
+            return std::max(S64{0}, streak - tree_.root->runQueue(priority(p)).backToBackRunCount());
+        };
+        return [=] { return left(2, 8 * normal + 1) * (64 * high + 2) + left(1, 64 * high + 1) + 1; };
+    }
     void pass() {
         if (!isSuspended_) {
             lastPass_ = tree_.steady.now();
             slip_ = std::max(slip_, lastPass_ - askedAt_);
         }
+        bool const lowWaits = !model_.queues[3].tasks.empty();
+        auto const rank = this->rank();
+        S64 const before = rank();
         int const expected = isSuspended_ ? -1 : model_.pick();
+        std::size_t const ran = expected < 0 ? 0 : slots_.at(expected).priority;
         tree_.root->handleSchedulerRun();
         expectRan(expected);
+        bool const mustFall = lowWaits && (ran == 1 || ran == 2);
+        ASSERT_TRUE(!mustFall || rank() < before) << "the low one may wait for ever";
         if (isSuspended_)
             return expectNewest("schedulerRunIgnoredWhileSuspended");
         if (expected >= 0)

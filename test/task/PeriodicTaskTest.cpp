@@ -65,7 +65,9 @@ TEST_F(PeriodicTaskTest, KeepsItsDueTimesWhateverHappensInBetween) {
     };
     for (std::size_t left = operations(100'000); left > 0 && !HasFailure(); --left) {
         some = static_cast<Seconds>(random.below(12)) / 4;
-        changes[random.below(random.oneIn(2) ? 2 : std::size(changes))]();
+        std::size_t const what = random.below(random.oneIn(2) ? 2 : std::size(changes));
+        random.doing("change " + std::to_string(what) + " by", some);
+        changes[what]();
         EXPECT_EQ(std::tuple(model.runs, model.due, model.missed),
                   std::tuple(runs, periodic->nextDue(), periodic->missed()));
     }

@@ -1,5 +1,6 @@
 #include <task/TimerTask.h>
 
+#include <support/Golden.h>
 #include <support/HandRoot.h>
 #include <support/TaskReactors.h>
 #include <support/TraceLog.h>
@@ -57,36 +58,7 @@ TEST_F(TaskTest, TracesWhatItDoes) {
     root->suspendedIs(true), root->handleSchedulerRun(), root->suspendedIs(false);
     root->schedulerHasRunnableTasksIs(false), root->schedulerHasRunnableTasksIs(true);
     reactor = nullptr, t = nullptr;
-    EXPECT_EQ(R"(4 TaskScheduler taskRegister: root: Register root:'normal':a %s@
-9 Task taskQuantumIs: Set quantum root:'normal':a %s@ to 20000000 nanoseconds
-8 Task scheduleTask: Scheduled root:'normal':a %s@
-8 Task taskDoRun: Running root:'normal':a %s@
-5 Task taskDoRun: Ran root:'normal':a %s@ used 60000000 nanoseconds 300% violation
-8 TaskScheduler handleSchedulerRun: root: Scheduler completed task, request run
-1 Task handleTaskSuspendedForTest: Suspend root:'normal':a %s@
-8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':a %s@ delay 0.01
-8 Task scheduleTaskDelayedPrivate: Timer already running root:'normal':a %s@ expire 0.01 < 5.5
-8 Task stopTimerTask: Timer stopped root:'normal':a %s@, was running
-8 Task scheduleTaskJitterUp: Timer jitterUp root:'normal':a %s@ delay 10 + 0 = 10
-8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':a %s@ delay 10
-8 Task scheduleTaskJitterDown: Timer jitterDown root:'normal':a %s@ delay 8 - 0 = 8
-8 Task scheduleTaskDelayedPrivate: Timer started root:'normal':a %s@ delay 8
-1 Task handleTaskSuspendedForTest: Unsuspend root:'normal':a %s@
-8 Task scheduleTask: Scheduled root:'normal':a %s@
-8 Task scheduleTaskDelayedPrivate: Already on runQueue root:'normal':a %s@
-8 Task unscheduleTaskPrivate: Unscheduled root:'normal':a %s@
-8 Task stopTimerTask: Timer stopped root:'normal':a %s@, was not running
-1 Task handleTaskForceYieldInTest: Set quantum root:'normal':a %s@ to 0
-9 Task taskQuantumIs: Set quantum root:'normal':a %s@ to 20000000 nanoseconds
-8 TaskScheduler clearHistory: root: history cleared
-8 TaskScheduler handleTrimHistoryTaskRun: root: Deleted 0 scheduler events older than 10 seconds
-8 TaskScheduler handleSchedulerRun: root: Suspended
-8 TaskScheduler trimHistoryTaskSchedule: root: trim history disabled
-8 TaskScheduler handleSchedulerHasRunnableTasks: root: Scheduler has runnable tasks, request run
-8 TaskScheduler handleSchedulerHasRunnableTasks: root: Scheduler has runnable tasks, request run
-4 TaskScheduler taskUnregister: root: Unregister root:'normal':a %s@
-)",
-              traces.take());
+    EXPECT_EQ(golden("traces"), traces.take());
 }
 
 TEST_F(TaskTest, MisuseEndsTheProcess) {
@@ -95,7 +67,9 @@ TEST_F(TaskTest, MisuseEndsTheProcess) {
     auto const bare = TaskSchedulerRoot::TaskSchedulerRootIs("bare");
     auto const base = TaskScheduler::TaskSchedulerIs("base", root.ptr());
     auto const rootless = TaskScheduler::TaskSchedulerIs("rootless", nullptr);
+    auto only = task("only");
     Ptr<OnRun> const destroys = new OnRun(t, [&] { t->taskRecord()->destroyed(); });
+    Ptr<OnRun> letsGo = new OnRun(only, [&] { only = nullptr, letsGo = nullptr; });
     TaskTimeStamp end, late = SteadyClock::now() + Nanoseconds(1);
     std::pair<std::function<void()>, char const*> const cases[] = {
         {[&] { Task::TaskIs(nullptr, TaskPriority::normal, "t"); },
@@ -113,6 +87,7 @@ TEST_F(TaskTest, MisuseEndsTheProcess) {
         {[&] { t->scheduleTask(), t->taskDoRun({}, &end); }, "!taskRunQueueLink_.isLinked()"},
         {[&] { t->taskRunFromTest(); },
          "taskMagicNumber_ == taskMagicNumberConstructed(), source Task, function taskDoRun"},
+        {[&] { only->taskDoRun({}, &end); }, "taskMagicNumberConstructed(), source Task, function taskDoRun"},
         {[&] { t->taskLastRunTimeStampIs(late), t->taskShouldYield(); }, "now >= taskLastRunTimeStamp_"},
         {[&] { t->taskQuantumIs(9e-10); }, "taskQuantumInternal_ > TaskTimeDuration( 0 )"},
         {[&] { t->taskQuantumIs(1.000000002); }, "taskQuantumInternal_ <= boost::chrono::seconds( 1 )"},
@@ -129,7 +104,11 @@ TEST_F(TaskTest, ForeignThreadEndsTheProcess) {
     using T = Ptr<TimerTask>&;
     void (*const cases[])(T) = {
         [](T t) { t->scheduleTask(); },
-        [](T t) { t->scheduleTaskDelay(1.0); },
+        [](T t) { t->scheduleTaskDelayedPrivate(std::nan(""), true); }, // which comes after this
+        [](T t) { t->scheduleTaskLowestDelay(endOfTime); },
+        [](T t) { t->stopTimerTask(); },
+        [](T t) { t->taskStatus(); },
+        [](T t) { t->currentExpirationTime(); },
         [](T t) { Task::TaskIs(t->taskScheduler(), TaskPriority::low, "another"); },
         [](T t) { t = nullptr; },
     };
