@@ -39,6 +39,7 @@ TEST_F(CallbacksTest, EachHearsItsOwnNotificationAndNoOther) {
     // In another order, so that one that hears its neighbour's shows.
     parent->taskGroupIs(group.ptr());
     timer->timerTaskInitCompleteIs(false);
+    timer->hasNotificationActiveIs(false), timer->timerTaskInitCompleteIs(true); // muted
     t->taskCurrentlyRunningIs(true);
     t->taskRunInc(1);
     t->taskQuantumViolation200Is(1);

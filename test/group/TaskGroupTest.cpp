@@ -78,6 +78,7 @@ TEST_F(TaskGroupTest, IsBoundedByItsQuantumAndTheRestWaits) {
     root->suspendedIs(true);
     parent->taskRunFromTest();
     EXPECT_THAT(trace.take(), HasSubstr("Suspended, none of its runnable tasks ran"));
+    EXPECT_TRUE(parent->taskScheduled()) << "it goes on when the root does";
     root->suspendedIs(false);
     steady.perReadingIs(1us); // the shortest quantum is over when the first pass is reached
     g->taskGroupQuantumIs(1e-9);

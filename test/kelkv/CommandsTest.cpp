@@ -80,6 +80,7 @@ TEST_F(CommandsTest, ClientProgramsAreAnsweredAsTheyBegin) {
         CONFIG SET save x > -ERR CONFIG SET is not supported: settings are options that the daemon starts with
         CONFIG GET save APPEND* > *4 $10 appendonly $2 no $4 save $0  CONFIG GET x > *0  SELECT 0 > +OK  SELECT x > -ERR value is not an integer or out of range
         CLIENT GETNAME > $-1  CLIENT SETNAME x > +OK  CLIENT GETNAME > $1 x  CLIENT ID > :1  CLIENT SETINFO lib-name y > +OK
+        CLIENT ID x > -ERR wrong number of arguments for 'client|id' command
         CLIENT KILL > -ERR unknown subcommand 'KILL' of 'client'  CLIENT SETNAME > -ERR wrong number of arguments for 'client|setname' command
         HELLO 4 > -NOPROTO unsupported protocol version  HELLO 3 SETNAME z AUTH a b > -ERR AUTH is not supported: nobody has a password
         CLIENT GETNAME > $1 x  HELLO 3 SETNAME z > %7 $6 server $5 kelkv $7 version $5 7.0.0 $5 proto :3 $2 id :1 $4 mode $10 standalone $4 role $6 master $7 modules *0

@@ -69,8 +69,8 @@ TEST(Options, LeaveAClientOrSayWhyNot) {
 // Command lines, and what they ask for, or what is said of them, behind " > ".
 TEST(Options, WhatIsWrongWithACommandLineIsSaid) {
     for (std::string const& row : rowsOf(R"(
-             --port=1 --port 2 --http-port=3 --http-address ::1 --clients=5 > 2 5 [::1]:3
-             --operator-timeout 0 > 7379 10000 -   --version --http-address ::1 > kelkv   --help > usage: kelkv
+             --port=1 --port 2 --http-port=3 --http-address ::1 --clients=5 > 2 5 600 [::1]:3
+             --operator-timeout 0 > 7379 10000 315360000 -   --version --http-address ::1 > kelkv   --help > usage: kelkv
              --prot 1 > unknown option '--prot'    1 > unexpected word '1'   --help=1 > --help takes no value
              --port > --port needs a number from 0 to 65535  --port= > --port: '' is not a number from 0 to 65535
              --port 65536 > --port: '65536' is not a number from 0 to 65535
@@ -86,7 +86,8 @@ TEST(Options, WhatIsWrongWithACommandLineIsSaid) {
         try {
             auto const asked = readOptions(pointers);
             if (auto const* const options = std::get_if<Daemon::Options>(&asked))
-                (said << options->port << " " << options->clientsMax << " ")
+                (said << options->port << " " << options->clientsMax << " "
+                      << options->operatorPatience.count() << " ")
                     << (options->http ? boost::lexical_cast<std::string>(*options->http) : "-");
             else
                 said << std::get<std::string>(asked);
