@@ -439,6 +439,15 @@ void Task::taskCurrentlyRunningIs(bool running) {
     notify<NotifieeConst::taskCurrentlyRunningChanged>();
 }
 
+void Task::NotifieeConst::onTaskBusy() {}
+void Task::NotifieeConst::onTaskSuspendedForTest() {}
+void Task::NotifieeConst::onTaskForceYieldInTest() {}
+void Task::NotifieeConst::onTaskWorkCount() {}
+void Task::NotifieeConst::onTaskQuantumViolation500() {}
+void Task::NotifieeConst::onTaskQuantumViolation200() {}
+void Task::NotifieeConst::onTaskRun() {}
+void Task::NotifieeConst::onTaskCurrentlyRunning() {}
+
 void Task::NotifieeConst::handleNotification(U32 notification) {
     if (Callback const onNotification = callback(notification))
         (this->*onNotification)();

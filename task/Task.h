@@ -265,15 +265,16 @@ class MOX_EXPORT Task::NotifieeConst : public Mox::NotifieeOf<Task> {
         notificationsOfTask // types that extend Task count on from here
     };
 
-    virtual void onTaskBusy() {}
-    virtual void onTaskSuspendedForTest() {}
-    virtual void onTaskForceYieldInTest() {}
-    virtual void onTaskWorkCount() {}
-    virtual void onTaskQuantumViolation500() {}
-    virtual void onTaskQuantumViolation200() {}
+    // Not inline: whether one is overridden is told by its address, which is to be the same in all modules.
+    virtual void onTaskBusy();
+    virtual void onTaskSuspendedForTest();
+    virtual void onTaskForceYieldInTest();
+    virtual void onTaskWorkCount();
+    virtual void onTaskQuantumViolation500();
+    virtual void onTaskQuantumViolation200();
     /// The task runs: do its work.
-    virtual void onTaskRun() {}
-    virtual void onTaskCurrentlyRunning() {}
+    virtual void onTaskRun();
+    virtual void onTaskCurrentlyRunning();
 
     void handleNotification(Mox::U32 notification) override;
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mox/Override.h>
 #include <mox/Prefetch.h>
 #include <mox/Reactor.h>
 
@@ -94,19 +95,20 @@ template <class R> class ReactorList : public ReactorChain {
         Reactor* const reactor = first();
         if (!reactor)
             return;
-        if (reactor == last()) // as with most notifiers: no place in a list to keep
-            tellOnly<notification, Derived>(reactor);
-        else
+        if (reactor != last())
             tellAll<notification, Derived>(reactor, last());
+        else if (cares<notification, Derived>(reactor)) // as with most notifiers: no place in a list to keep
+            tellOnly<notification, Derived>(reactor);
     }
 
     /// Calls one reactor that the notifier keeps track of in its own way.
-    template <U32 notification> static void notifyOne(R* reactor) { tellOnly<notification, R>(reactor); }
+    template <U32 notification> static void notifyOne(R* reactor) {
+        if (reactor->notificationActive(notification))
+            tellOnly<notification, R>(reactor);
+    }
 
   private:
     template <U32 notification, class Derived> static void tellOnly(Reactor* reactor) {
-        if (!reactor->notificationActive(notification))
-            return;
         Walk walk(reactor);
         tell<notification, Derived>(walk, reactor);
     }
@@ -115,8 +117,18 @@ template <class R> class ReactorList : public ReactorChain {
     [[gnu::noinline]] static void tellAll(Reactor* first, Reactor* last) {
         Walk walk(first, last);
         while (Reactor* reactor = walk.step())
-            if (reactor->notificationActive(notification))
+            if (cares<notification, Derived>(reactor))
                 tell<notification, Derived>(walk, reactor);
+    }
+
+    /// Most reactors override one callback of many; the others need no call.
+    template <U32 notification, class Derived> static bool cares(Reactor const* reactor) {
+        if (!reactor->notificationActive(notification))
+            return false;
+        if constexpr (std::is_same_v<Derived, R>)
+            return Override<R, R::callback(notification)>::isIn(static_cast<R const*>(reactor));
+        else
+            return true;
     }
 
     template <U32 notification, class Derived> static void tell(Walk& walk, Reactor* reactor) {

@@ -38,6 +38,27 @@ class Lamp::NotifieeConst : public NotifieeOf<Lamp> {
     static constexpr auto callback(U32) { return &NotifieeConst::onLight; }
 };
 
+/// Is told, and attached, while its class is not whole yet, or no more.
+struct Early : Lamp::Notifiee {
+    Early(Ptr<Lamp> const& on, std::string& toldTo) : lamp(on), told(toldTo) {
+        notifierIs(lamp);
+        lamp->lightUp();
+    }
+    ~Early() override { lamp->lightUp(); }
+    void onLight() override { told += 'e'; }
+
+    Ptr<Lamp> const lamp;
+    std::string& told;
+};
+struct Whole : Early {
+    using Early::Early;
+    void onLight() override { told += 'w'; }
+};
+struct WholeBehindAnother : std::string, Whole {
+    using Whole::Whole;
+    void onLight() override { told += 'b'; }
+};
+
 /// A random program of walks, nested ones too, whose callbacks change the list, against a model: each joining
 /// draws a ticket, and a walk tells the tickets drawn before it that are still good. What a callback throws
 /// goes to its handler, or to the trace when the reactor is gone.
@@ -120,6 +141,25 @@ struct RandomWalks {
     std::size_t made = 0;
     std::string thrown, caught;
 };
+
+TEST(Override, IsFoundInEachOfAnObjectsClassesAsItsTurnComes) {
+    Ptr<Lamp> const lamp = new Lamp;
+    std::string told;
+    Ptr<Lamp::Notifiee> const plain = new Lamp::Notifiee;
+    for (bool const isAlone : {true, false}) {
+        plain->notifierIs(isAlone ? nullptr : lamp);
+        Ptr<Early> reactor = new Whole(lamp, told);
+        lamp->lightUp();
+        reactor = new WholeBehindAnother(lamp, told); // the other one is told, too
+        lamp->lightUp();
+        reactor = nullptr;
+        told += ' ';
+    }
+    EXPECT_EQ(told, "ewweebbe ewweebbe ");
+    using OnLight = Override<Lamp::NotifieeConst, &Lamp::NotifieeConst::onLight>;
+    EXPECT_FALSE(OnLight::isIn(plain.ptr()));
+    EXPECT_TRUE(OnLight::isIn(Ptr<Early>(new Whole(lamp, told)).ptr()));
+}
 
 TEST(RandomWalks, TellWhomTheModelTells) {
     RandomWalks program;
