@@ -34,6 +34,30 @@ template <class Item> class FloorRing {
     std::size_t at_ = 0;
 };
 
+#if defined(__x86_64__) || defined(__i386__)
+/// The time-stamp counter, at a rate that is measured once.
+struct CounterRate {
+    static constexpr unsigned bits = 20;
+
+    std::uint64_t const start = __builtin_ia32_rdtsc();
+    std::uint64_t const rate = [](std::uint64_t begin) {
+        std::int64_t const from = steadyNanoseconds();
+        while (steadyNanoseconds() - from < 10'000'000) {
+        }
+        return (static_cast<std::uint64_t>(steadyNanoseconds() - from) << bits) /
+               (__builtin_ia32_rdtsc() - begin);
+    }(start);
+};
+inline CounterRate const counterRate;
+
+inline std::int64_t counterNanoseconds() {
+    return static_cast<std::int64_t>((__builtin_ia32_rdtsc() - counterRate.start) * counterRate.rate >>
+                                     CounterRate::bits);
+}
+#else
+inline std::int64_t counterNanoseconds() { return steadyNanoseconds(); }
+#endif
+
 /// The figures of what is measured at every run, as a task has them.
 struct Measured {
     std::uint32_t references = 1; // its owner's, and the ring's
@@ -50,8 +74,10 @@ struct Measured {
 /// What a run with statistics and history cannot do without, whoever runs it: three readings of the steady
 /// clock, three ring entries of 24 bytes with a plain counted reference each, the counters and maxima.
 ///
-/// The parts can be left out, to see what they cost. `Item` derives from `Measured`.
-template <class Item, bool clock = true, bool ring = true, bool statistics = true> class Bookkeeping {
+/// The parts can be left out, to see what they cost, and the clock may be the processor's counter. `Item`
+/// derives from `Measured`.
+template <class Item, bool clock = true, bool ring = true, bool statistics = true, bool counter = false>
+class Bookkeeping {
   public:
     void queued(Item& item) {
         item.addedAt = read();
@@ -90,9 +116,9 @@ template <class Item, bool clock = true, bool ring = true, bool statistics = tru
     static constexpr std::int64_t quantum = 20'000'000;
 
     static std::int64_t read() {
-        if constexpr (clock)
-            return steadyNanoseconds();
-        return 0;
+        if constexpr (clock && counter)
+            return counterNanoseconds();
+        return clock ? steadyNanoseconds() : 0;
     }
     void record(Item& item, std::int64_t time, std::uint8_t type) {
         if constexpr (ring)

@@ -4,6 +4,8 @@
 #include <bench/Rows.h>
 #include <bench/TaskLoad.h>
 
+#include <mox/SteadyClock.h>
+
 namespace {
 
 using Bench::FloorLoad;
@@ -24,6 +26,37 @@ void taskRun(Options const& options, std::uint64_t n) {
     Bench::compare("task run, ns", n, compareRuns(options, ours, floor, n));
 }
 
+/// With the time told by the processor's counter, where that is to be had: against the floor as it is, and
+/// against one that reads nothing but the counter.
+void taskRunWithFastClock(Options const& options, std::uint64_t n) {
+    using Mox::SteadyClock;
+    FloorLoad<> floor(n);
+    FloorLoad<true, true, true, true> floorWithCounter(n);
+    Bench::TaskLoad ours(n);
+    if (Mox::Problem const problem = SteadyClock::sourceIs(SteadyClock::Source::counter); !problem.empty()) {
+        std::fprintf(stderr, "no fast clock: %s\n", problem.c_str());
+        return;
+    }
+    Bench::compare("task run, fast clock, ns", n, compareRuns(options, ours, floor, n));
+    Bench::compare("task run, fast clock / floor with it, ns", n,
+                   compareRuns(options, ours, floorWithCounter, n));
+}
+
+/// How far readings were from the POSIX clock, which was read before and behind.
+void fastClockOverTime(Options const& options) {
+    std::int64_t most = 0, ended = 0;
+    std::int64_t const end =
+        Bench::steadyNanoseconds() + (options.quick ? 5 : 60) * std::int64_t{1'000'000'000};
+    do {
+        std::int64_t const before = Bench::steadyNanoseconds();
+        std::int64_t const reading = Mox::SteadyClock::now().time_since_epoch().count();
+        ended = Bench::steadyNanoseconds();
+        most = std::max({most, before - reading, reading - ended});
+    } while (ended < end);
+    Bench::figure("fast clock away from the POSIX clock, ns, at most", options.quick ? 5 : 60,
+                  static_cast<double>(most));
+}
+
 /// What a part of the measurement costs: the whole floor against one without the part.
 template <bool... parts> void partOfFloor(Options const& options, char const* name, std::uint64_t n) {
     FloorLoad<> whole(n);
@@ -38,6 +71,9 @@ int main(int argc, char** argv) {
     Bench::pinToCore(0);
     for (unsigned const n : {1u, 16u, 1000u, 100'000u, 1'000'000u})
         taskRun(options, n);
+    for (unsigned const n : {1u, 16u, 1000u})
+        taskRunWithFastClock(options, n);
+    fastClockOverTime(options);
     if (options.quick)
         return 0;
     for (unsigned const n : {16u, 100'000u}) {

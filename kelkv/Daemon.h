@@ -28,6 +28,8 @@ class Daemon {
         std::size_t httpMax = 16;
         std::chrono::seconds operatorPatience{600}; // until an idle operator is closed
 
+        bool fastClock = false; // of the whole process
+
         /// The descriptors that these connections, and what the process has besides, may need.
         std::size_t descriptors() const;
     };

@@ -74,6 +74,8 @@ constexpr Option optionTable[] = {
     {"--operator-timeout", "SECONDS", "until an idle operator is closed, 0: never (600)",
      "a number of seconds, up to ten years",
      [](auto& to, auto text) { return readPatience(text, to.daemon.operatorPatience); }},
+    {"--fast-clock", "", "the processor's time-stamp counter tells the time", "",
+     [](auto& to, auto) { return to.daemon.fastClock = true; }},
     {"--help", "", "prints this", "", [](auto& to, auto) { return to.wantsHelp = true; }},
     {"--version", "", "prints the version", "", [](auto& to, auto) { return to.wantsVersion = true; }},
 };

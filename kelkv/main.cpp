@@ -3,6 +3,8 @@
 #include "HeapTrim.h"
 #include "Options.h"
 
+#include <mox/SteadyClock.h>
+
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 
@@ -88,6 +90,10 @@ void run(std::span<char const* const> words) {
     auto& options = std::get<KelKv::Daemon::Options>(asked);
     if (std::string const warning = KelKv::fitDescriptors(options); !warning.empty())
         std::cerr << "kelkv: " << warning << std::endl;
+    if (options.fastClock)
+        if (Mox::Problem const problem = Mox::SteadyClock::sourceIs(Mox::SteadyClock::Source::counter);
+            !problem.empty())
+            std::cerr << "kelkv: --fast-clock is of no effect: " << problem << std::endl;
     std::signal(SIGPIPE, SIG_IGN); // whoever read our lines may have gone
     serve(options);
 }

@@ -1,3 +1,117 @@
 #include <mox/SteadyClock.h>
 
-constinit thread_local Mox::S64 Mox::SteadyClock::latest_ = 0;
+#include <mox/TraceHandle.h>
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string_view>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#endif
+
+namespace Mox {
+
+constinit std::atomic<SteadyClock::Mode> SteadyClock::mode_ = SteadyClock::Mode::posix;
+constinit thread_local SteadyClock::Thread SteadyClock::thread_;
+
+namespace {
+
+void trace(std::string_view text) noexcept {
+    try {
+        TraceHandle::traceHandle("Mox").record(0, "SteadyClock", "source", text);
+    } catch (...) { // a sink that fails has nobody to tell
+    }
+}
+
+/// Intel SDM volume 3, 17.17.1; AMD APM volume 3, appendix E: leaf 80000007H, EDX bit 8.
+bool isInvariant() {
+#if defined(__x86_64__) || defined(__i386__)
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    return __get_cpuid(0x80000007, &a, &b, &c, &d) && (d >> 8 & 1) != 0;
+#else
+    return false;
+#endif
+}
+
+/// What the kernel found wrong it leaves out of the list.
+bool isTrusted() {
+    std::ifstream list("/sys/devices/system/clocksource/clocksource0/available_clocksource");
+    return std::find(std::istream_iterator<std::string>(list), {}, "tsc") !=
+           std::istream_iterator<std::string>();
+}
+
+/// Whether what programs call is in another module than the C library's other functions.
+bool isInterposed() {
+    Dl_info called{}, own{};
+    void* const function = dlsym(RTLD_DEFAULT, "clock_gettime");
+    return !function || dladdr(function, &called) == 0 ||
+           dladdr(dlsym(RTLD_DEFAULT, "__libc_start_main"), &own) == 0 || called.dli_fbase != own.dli_fbase;
+}
+
+Problem problemOfCounter() {
+    if (!isInvariant())
+        return "the processor has no invariant time-stamp counter";
+    if (!isTrusted())
+        return "the kernel does not list the time-stamp counter among its clock sources";
+    if (isInterposed())
+        return "clock_gettime is interposed";
+    return {};
+}
+
+} // namespace
+
+Problem SteadyClock::sourceIs(Source source) {
+    if (Problem problem = source == Source::counter ? problemOfCounter() : ""; !problem.empty())
+        return problem;
+    if (source == Source::counter)
+        mode_ = Mode::counter;
+    else if (mode_ == Mode::counter)
+        mode_ = Mode::posixAgain;
+    return {};
+}
+
+/// Of some tries the one in which the least time passed, as the thread may be stopped within one.
+CounterScale::Pair SteadyClock::readBoth() noexcept {
+    std::array<CounterScale::Pair, 3> pairs;
+    for (CounterScale::Pair& pair : pairs) {
+        U64 const before = counterNow();
+        S64 const time = posixNow();
+        U64 const within = counterNow() - before;
+        pair = {before + within / 2, time, within};
+    }
+    return *std::ranges::min_element(pairs, {}, &CounterScale::Pair::within);
+}
+
+/// What the POSIX clock shows, or the latest reading where that was ahead.
+S64 SteadyClock::bound() noexcept {
+    Thread& thread = thread_;
+    CounterScale::Pair const pair = readBoth();
+    if (mode_ == Mode::counter && thread.scale.bind(pair, thread.latest) == CounterScale::State::departed) {
+        mode_ = Mode::posixAgain;
+        trace("the time-stamp counter departs from the POSIX clock, which is read again");
+    }
+    return std::max(thread.latest, pair.time);
+}
+
+namespace {
+
+/// For programs that know nothing of it.
+[[maybe_unused]] bool const isAsked = [] {
+    char const* const asked = std::getenv("KELTASK_CLOCK");
+    if (!asked || std::string_view(asked) != "fast")
+        return false;
+    Problem const problem = SteadyClock::sourceIs(SteadyClock::Source::counter);
+    if (!problem.empty())
+        trace("KELTASK_CLOCK=fast: " + problem);
+    return problem.empty();
+}();
+
+} // namespace
+
+} // namespace Mox

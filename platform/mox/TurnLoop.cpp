@@ -297,6 +297,7 @@ bool TurnLoop::wait(Seconds limit, bool waitsWhenIdle) {
             ++(*loop)->io_->ownHandlers;
     });
     io_->context.run_one();
+    SteadyClock::slept();
     io_->timer.cancel();
     return true;
 }

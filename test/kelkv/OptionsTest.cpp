@@ -70,7 +70,7 @@ TEST(Options, LeaveAClientOrSayWhyNot) {
 TEST(Options, WhatIsWrongWithACommandLineIsSaid) {
     for (std::string const& row : rowsOf(R"(
              --port=1 --port 2 --http-port=3 --http-address ::1 --clients=5 > 2 5 600 [::1]:3
-             --operator-timeout 0 > 7379 10000 315360000 -   --version --http-address ::1 > kelkv   --help > usage: kelkv
+             --operator-timeout 0 > 7379 10000 315360000 -   --fast-clock > 7379 10000 600 - fast   --version --http-address ::1 > kelkv   --help > usage: kelkv
              --prot 1 > unknown option '--prot'    1 > unexpected word '1'   --help=1 > --help takes no value
              --port > --port needs a number from 0 to 65535  --port= > --port: '' is not a number from 0 to 65535
              --port 65536 > --port: '65536' is not a number from 0 to 65535
@@ -88,7 +88,8 @@ TEST(Options, WhatIsWrongWithACommandLineIsSaid) {
             if (auto const* const options = std::get_if<Daemon::Options>(&asked))
                 (said << options->port << " " << options->clientsMax << " "
                       << options->operatorPatience.count() << " ")
-                    << (options->http ? boost::lexical_cast<std::string>(*options->http) : "-");
+                    << (options->http ? boost::lexical_cast<std::string>(*options->http) : "-")
+                    << (options->fastClock ? " fast" : "");
             else
                 said << std::get<std::string>(asked);
         } catch (OptionError const& e) {
