@@ -88,11 +88,13 @@ CounterScale::Pair SteadyClock::readBoth() noexcept {
     return *std::ranges::min_element(pairs, {}, &CounterScale::Pair::within);
 }
 
-/// What the POSIX clock shows, or the latest reading where that was ahead.
+/// Where the thread's latest reading was ahead, that one.
 S64 SteadyClock::bound() noexcept {
     Thread& thread = thread_;
+    if (mode_ != Mode::counter)
+        return std::max(thread.latest, posixNow());
     CounterScale::Pair const pair = readBoth();
-    if (mode_ == Mode::counter && thread.scale.bind(pair, thread.latest) == CounterScale::State::departed) {
+    if (thread.scale.bind(pair, thread.latest) == CounterScale::State::departed) {
         mode_ = Mode::posixAgain;
         trace("the time-stamp counter departs from the POSIX clock, which is read again");
     }
