@@ -48,9 +48,9 @@ struct CounterRate {
                (__builtin_ia32_rdtsc() - begin);
     }(start);
 };
-inline CounterRate const counterRate;
 
 inline std::int64_t counterNanoseconds() {
+    static CounterRate const counterRate;
     return static_cast<std::int64_t>((__builtin_ia32_rdtsc() - counterRate.start) * counterRate.rate >>
                                      CounterRate::bits);
 }

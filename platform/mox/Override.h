@@ -13,8 +13,8 @@ namespace Mox {
 /// is that of the class whose turn it is, and so an object that attaches in a constructor needs no care.
 ///
 /// Where the C++ binary interface is not one on which a pointer to a virtual function holds the entry's
-/// offset (Itanium C++ ABI, 2.3), where R is abstract, and until the program's static objects are made, the
-/// answer is yes, which costs a call of a function that does nothing.
+/// offset (Itanium C++ ABI, 2.3), where R cannot be made, and until the program's static objects are made,
+/// one R for each function among them, the answer is yes, which costs a call of a function that does nothing.
 template <class R, auto function> class Override {
   public:
     static bool isIn([[maybe_unused]] R const* object) {
@@ -42,6 +42,8 @@ template <class R, auto function> class Override {
         static_assert(sizeof(function) == sizeof(Representation));
         Representation representation;
         std::memcpy(&representation, &pointer, sizeof representation);
+        if (representation.entry % 2 == 0 || representation.adjustment != 0)
+            return object; // not virtual, or of another base: no entry of this table
         char const* table = nullptr;
         std::memcpy(&table, object, sizeof table);
         void const* entry = nullptr;
@@ -51,7 +53,8 @@ template <class R, auto function> class Override {
     static void const* plainEntry() {
         if constexpr (isKnown) {
             R const plain;
-            return entryOf(&plain);
+            void const* const entry = entryOf(&plain);
+            return entry == &plain ? nullptr : entry;
         } else {
             return nullptr;
         }

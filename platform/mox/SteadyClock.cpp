@@ -22,6 +22,8 @@ constinit thread_local SteadyClock::Thread SteadyClock::thread_;
 
 namespace {
 
+constexpr U32 unsureMost = 1000; // bindings in a row
+
 void trace(std::string_view text) noexcept {
     try {
         TraceHandle::traceHandle("Mox").record(0, "SteadyClock", "source", text);
@@ -67,13 +69,23 @@ Problem problemOfCounter() {
 } // namespace
 
 Problem SteadyClock::sourceIs(Source source) {
-    if (Problem problem = source == Source::counter ? problemOfCounter() : ""; !problem.empty())
-        return problem;
-    if (source == Source::counter)
+    if (source == Source::posix) {
+        Mode counter = Mode::counter; // and no other
+        mode_.compare_exchange_strong(counter, Mode::posixAgain);
+        return {};
+    }
+    Problem problem =
+        mode_ == Mode::departed ? "the time-stamp counter was given up before" : problemOfCounter();
+    if (problem.empty() && readBoth().within > CounterScale::withinMost)
+        problem = "reading the POSIX clock takes too long";
+    if (problem.empty())
         mode_ = Mode::counter;
-    else if (mode_ == Mode::counter)
-        mode_ = Mode::posixAgain;
-    return {};
+    return problem;
+}
+
+void SteadyClock::giveUp(char const* reason) noexcept {
+    if (mode_.exchange(Mode::departed) != Mode::departed)
+        trace(reason);
 }
 
 /// Of some tries the one in which the least time passed, as the thread may be stopped within one.
@@ -94,10 +106,12 @@ S64 SteadyClock::bound() noexcept {
     if (mode_ != Mode::counter)
         return std::max(thread.latest, posixNow());
     CounterScale::Pair const pair = readBoth();
-    if (thread.scale.bind(pair, thread.latest) == CounterScale::State::departed) {
-        mode_ = Mode::posixAgain;
-        trace("the time-stamp counter departs from the POSIX clock, which is read again");
-    }
+    CounterScale::State const state = thread.scale.bind(pair, thread.latest);
+    thread.unsure = state == CounterScale::State::unsure ? thread.unsure + 1 : 0;
+    if (state == CounterScale::State::departed)
+        giveUp("the time-stamp counter departs from the POSIX clock, which is read again");
+    else if (thread.unsure > unsureMost)
+        giveUp("reading the POSIX clock takes too long to bind the counter to it, which is given up");
     return std::max(thread.latest, pair.time);
 }
 

@@ -22,9 +22,10 @@ namespace Mox {
 /// It is the ordinary monotonic POSIX clock: a program that interposes `clock_gettime` moves it. When that is
 /// asked for, by `sourceIs()` or by KELTASK_CLOCK=fast in the environment, the processor's time-stamp counter
 /// tells the same time in half the time of a call. Each thread binds the counter to the POSIX clock anew at
-/// its first reading in a millisecond, and when its loop has slept (CounterScale), so that its readings are
-/// within some microseconds of that clock, and comparable with other threads' and programs'; they never go
-/// back. A counter that departs is given up for good, with a line on the trace handle "Mox" at level 0.
+/// its first reading in a millisecond, and when a loop of its own has slept (CounterScale), so that its
+/// readings are within some microseconds of that clock, and comparable with other threads' and programs';
+/// they never go back. A counter that departs is given up for good, with a line on the trace handle "Mox" at
+/// level 0.
 class SteadyClock {
   public:
     using TimePoint = boost::chrono::steady_clock::time_point;
@@ -36,25 +37,29 @@ class SteadyClock {
 
     /// Of all threads, from their next readings on. Returns why the counter is refused, and then nothing
     /// changes: the processor's counter is not invariant, the kernel does not list it among its clock sources
-    /// (as it does not when it found it wrong), or `clock_gettime` is interposed.
+    /// (as it does not when it found it wrong), `clock_gettime` is interposed or takes too long to bind the
+    /// counter to it, or the counter was given up before.
     [[nodiscard]] MOX_EXPORT static Problem sourceIs(Source source);
     static Source source() { return mode_ == Mode::counter ? Source::counter : Source::posix; }
 
     static TimePoint now() noexcept {
-        Mode const mode = mode_.load(std::memory_order_relaxed);
         Thread& thread = thread_;
-        if (mode == Mode::posix)
-            thread.latest = posixNow();
-        else if (U64 const ticks = counterNow(); mode == Mode::counter && thread.scale.covers(ticks))
-            thread.latest = std::max(thread.latest, thread.scale.at(ticks));
-        else
-            thread.latest = bound();
+        switch (mode_.load(std::memory_order_relaxed)) {
+        case Mode::posix: thread.latest = posixNow(); break;
+        case Mode::counter:
+            if (U64 const ticks = counterNow(); thread.scale.covers(ticks)) {
+                thread.latest = std::max(thread.latest, thread.scale.at(ticks));
+                break;
+            }
+            [[fallthrough]];
+        default: thread.latest = bound();
+        }
         return TimePoint(Nanoseconds(thread.latest));
     }
 
-    /// The calling thread has slept: whatever happened to the counter meanwhile, its next reading goes by the
-    /// POSIX clock.
-    static void slept() noexcept { thread_.scale.end(); }
+    /// The calling thread may sleep now: whatever happens to the counter meanwhile, its next reading goes by
+    /// the POSIX clock.
+    static void sleeps() noexcept { thread_.scale.end(); }
 
     /// The calling thread's latest reading; the epoch when there was none.
     static TimePoint latest() noexcept { return TimePoint(Nanoseconds(thread_.latest)); }
@@ -63,11 +68,13 @@ class SteadyClock {
     enum class Mode : U8 {
         posix,
         counter,
-        posixAgain ///< the counter was in use: where it was ahead the POSIX clock has to catch up
+        posixAgain, ///< the counter was in use: where it was ahead the POSIX clock has to catch up
+        departed    ///< the same, for good
     };
     struct Thread {
         S64 latest = 0;
         CounterScale scale;
+        U32 unsure = 0; // bindings in a row
     };
 
     static S64 posixNow() noexcept { return boost::chrono::steady_clock::now().time_since_epoch().count(); }
@@ -81,6 +88,7 @@ class SteadyClock {
     }
     MOX_EXPORT static S64 bound() noexcept;
     static CounterScale::Pair readBoth() noexcept;
+    static void giveUp(char const* reason) noexcept;
 
     MOX_EXPORT static constinit std::atomic<Mode> mode_;
     MOX_EXPORT static constinit thread_local Thread thread_ MOX_FAST_TLS;

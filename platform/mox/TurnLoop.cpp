@@ -296,8 +296,8 @@ bool TurnLoop::wait(Seconds limit, bool waitsWhenIdle) {
         if (*loop)
             ++(*loop)->io_->ownHandlers;
     });
+    SteadyClock::sleeps();
     io_->context.run_one();
-    SteadyClock::slept();
     io_->timer.cancel();
     return true;
 }
@@ -337,6 +337,7 @@ Seconds TurnLoop::dueOn(Clock const& clock, Seconds limit) const {
 /// Without the guard the io_context returns at once when no descriptor is waited for, which is how a run
 /// ends; with it, it waits until another thread posts something.
 bool TurnLoop::waitForDescriptors(bool waitsWhenIdle) {
+    SteadyClock::sleeps();
     if (!waitsWhenIdle)
         return io_->context.run_one() > 0;
     auto const guard = boost::asio::make_work_guard(io_->context);

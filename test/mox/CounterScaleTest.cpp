@@ -1,4 +1,4 @@
-#include <mox/SteadyClock.h>
+#include <mox/CounterScale.h>
 
 #include <support/Random.h>
 
@@ -94,27 +94,5 @@ TEST(CounterScale, FollowsTheClockNeverGoesBackAndIsGivenUpWhereTheCounterIsWron
         ASSERT_EQ(state, late > 0                       ? State::unsure
                          : time < second + 10 * goodFor ? State::learning
                                                         : State::known);
-    }
-}
-
-// Of a process of its own, whose clock nobody takes in hand.
-TEST(SteadyClock, IsTheSameTimeFromEitherSource) {
-    using Clock = SteadyClock;
-    constexpr auto bound = boost::chrono::microseconds(20);
-    Problem const problem = Clock::sourceIs(Clock::Source::counter);
-    EXPECT_EQ(Clock::source(), problem.empty() ? Clock::Source::counter : Clock::Source::posix) << problem;
-    for (bool const isFast : {true, false}) {
-        auto latest = Clock::now();
-        for (int i = 0; i < 300'000; ++i) {
-            auto const before = boost::chrono::steady_clock::now();
-            auto const reading = Clock::now();
-            auto const behind = boost::chrono::steady_clock::now();
-            ASSERT_LE(latest, reading);
-            ASSERT_TRUE(before - bound < reading && reading < behind + bound) << problem;
-            latest = reading;
-        }
-        EXPECT_EQ(Clock::latest(), latest);
-        EXPECT_EQ(isFast ? Clock::sourceIs(Clock::Source::posix) : "", "");
-        EXPECT_EQ(Clock::source(), Clock::Source::posix);
     }
 }
