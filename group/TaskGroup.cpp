@@ -157,28 +157,30 @@ void TaskGroup::mox_handleParentTask_taskRun() {
         task->scheduleTask();
 }
 
-/// One pass a turn of this loop, so that the quantum is looked at between tasks. While the root is suspended
-/// a pass is ignored and leaves the tasks where they are: the loop would not end. A group that runs nothing
-/// asks again and again; who wonders why finds it in the trace.
+/// One pass a turn of this loop, so that the quantum is looked at between tasks: the reading that tells
+/// whether it is used is the pass's, too. While the root is suspended a pass is ignored and leaves the tasks
+/// where they are: the loop would not end. A group that runs nothing asks again and again; who wonders why
+/// finds it in the trace.
 void TaskGroup::runPasses() {
     for (bool isFirst = true; schedulerHasRunnableTasks(); isFirst = false) {
         bool const ignored = root()->suspended();
-        bool const isUsed = quantumIsUsed();
+        TaskTimeStamp const now = Mox::SteadyClock::now();
+        bool const isUsed = quantumIsUsed(now);
         if (isFirst && (isUsed || ignored))
             MOX_TRACE_AT(taskSchedulerTrace, 5,
                          this << (isUsed ? " Quantum used before the first pass" : " Suspended")
                               << ", none of its runnable tasks ran");
         if (isUsed)
             return;
-        handleSchedulerRun();
+        runPass(now);
         if (ignored)
             return;
     }
 }
 
-bool TaskGroup::quantumIsUsed() const {
+bool TaskGroup::quantumIsUsed(TaskTimeStamp const& now) const {
     Mox::Ptr<TaskGroupParentTask> const task = attachedTask();
-    return task && task->taskShouldYield();
+    return task && task->taskShouldYieldAt(now);
 }
 
 void TaskGroup::MoxParentTask::onTaskRun() {

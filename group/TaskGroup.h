@@ -72,7 +72,7 @@ class MOX_EXPORT TaskGroup : public TaskScheduler {
     void mox_handleTaskGroupQuantum();
     void mox_handleThis();
     void runPasses();
-    bool quantumIsUsed() const;
+    bool quantumIsUsed(TaskTimeStamp const& now) const;
     bool canBeRequested() const;
     static Mox::Problem problemOfRequestOf(TaskScheduler const& scheduler);
     static Mox::Problem problemOfPriorityOf(TaskScheduler const& scheduler, TaskPriority priority);

@@ -215,15 +215,13 @@ void TaskScheduler::handleSchedulerHasRunnableTasks() {
 /// The scheduler holds itself, since its last task may die in the run and take it along; the task is held,
 /// since its last owner may let go of it in the run. The next pass is asked for even if no task is left: that
 /// pass finds the queues empty and turns the flag off, in one place.
-void TaskScheduler::handleSchedulerRun() {
-    MOX_ASSERT_AS("__null != root_", root_);
+void TaskScheduler::runPass(TaskTimeStamp const& now) {
     Mox::Ptr<TaskScheduler> const self = this;
     if (root_->suspended()) {
-        MOX_TRACE_AT(taskSchedulerTrace, 8, this << " Suspended");
-        root_->historyInsert({Mox::SteadyClock::now(), EventType::schedulerRunIgnoredWhileSuspended});
+        MOX_TRACE_OF("handleSchedulerRun", taskSchedulerTrace, 8, this << " Suspended");
+        root_->historyInsert({now, EventType::schedulerRunIgnoredWhileSuspended});
         return;
     }
-    TaskTimeStamp const now = Mox::SteadyClock::now();
     schedulerLastRunTimeStamp_ = now;
     TaskTimeDuration const slip = elapsed(schedulerLastScheduleTimeStamp_, now);
     if (slip > schedulerMaxSchedulerSlip_)
@@ -236,8 +234,14 @@ void TaskScheduler::handleSchedulerRun() {
     }
     TaskTimeStamp end{};
     task->taskDoRun(now, &end);
-    MOX_TRACE_AT(taskSchedulerTrace, 8, this << " Scheduler completed task, request run");
+    MOX_TRACE_OF("handleSchedulerRun", taskSchedulerTrace, 8,
+                 this << " Scheduler completed task, request run");
     requestSchedulerRunAndRecord(end);
+}
+
+void TaskScheduler::handleSchedulerRun() {
+    MOX_ASSERT_AS("__null != root_", root_);
+    runPass(Mox::SteadyClock::now());
 }
 
 Task* TaskScheduler::pickOneTask(TaskTimeStamp const& now, TaskPriority from) {

@@ -244,6 +244,8 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
 
     void schedulerInit();
     void handleSchedulerHasRunnableTasks();
+    /// handleSchedulerRun() for who has just read the clock.
+    void runPass(TaskTimeStamp const& now);
 
     /// True while the scheduler makes a task for itself, whose registration goes by no rule for others.
     bool makesOwnTask() const { return makesOwnTask_; }

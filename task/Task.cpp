@@ -287,11 +287,13 @@ void Task::countViolation(TaskTimeDuration runTime) {
 }
 
 /// A clock that ran backwards would let the task run for ever: that is told, not hidden.
-bool Task::taskShouldYield() const {
-    TaskTimeStamp const now = Mox::SteadyClock::now();
-    MOX_ASSERT_AS("now >= taskLastRunTimeStamp_", now >= taskLastRunTimeStamp_);
+bool Task::taskShouldYieldAt(TaskTimeStamp const& now) const {
+    if (now < taskLastRunTimeStamp_) [[unlikely]]
+        Mox::assertionFailed("now >= taskLastRunTimeStamp_", MOX_SOURCE_NAME, "taskShouldYield", __LINE__);
     return elapsed(taskLastRunTimeStamp_, now) >= record_->taskQuantum();
 }
+
+bool Task::taskShouldYield() const { return taskShouldYieldAt(Mox::SteadyClock::now()); }
 
 /// The trace comes before the assertions, so that a quantum out of bounds is on the record when the process
 /// ends.

@@ -96,6 +96,8 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     void unscheduleTask();
     /// Whether the current run has used its quantum.
     bool taskShouldYield() const;
+    /// The same at a reading of the clock that was taken since the run began.
+    bool taskShouldYieldAt(TaskTimeStamp const& now) const;
     /// Runs the task once; the run pass calls it, with the task off its queue. `end` gets the end of the run.
     void taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end);
     TaskStat getStats() const;
