@@ -12,6 +12,7 @@ Mox::Ptr<TaskGroupParentTask>
 TaskGroupParentTask::TaskGroupParentTaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
                                            Mox::String8 const& name, TaskGroup* taskGroup) {
     Mox::Ptr<TaskGroupParentTask> task = new TaskGroupParentTask(scheduler, priority, name, taskGroup);
+    task->stepsAreOwn();
     task->hasNotificationActiveIs(true);
     return task;
 }

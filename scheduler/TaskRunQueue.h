@@ -33,7 +33,10 @@ class MOX_EXPORT TaskRunQueue {
         if (!task.record_)
             __builtin_unreachable(); // a task has one all its life
         history.insert({now, TaskSchedulerEventType::schedule, task.record_});
-        task.taskLastAddedToRunQueueTimeStampIs(now);
+        if (task.stepsAreOwn_) [[likely]]
+            task.taskLastAddedToRunQueueTimeStamp_ = now;
+        else
+            task.taskLastAddedToRunQueueTimeStampIs(now);
         list_.pushBack(task.taskRunQueueLink_);
         if (runnableTasks() > cached) [[unlikely]]
             noteAhead(task.taskRunQueueLink_);

@@ -38,6 +38,7 @@ MOX_DEFINE_TYPE(Task, "Kel::Task", &Mox::PtrInterface::type())
 Mox::Ptr<Task> Task::TaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
                             Mox::String8 const& name) {
     Mox::Ptr<Task> task = new Task(scheduler, priority, name);
+    task->stepsAreOwn();
     task->hasNotificationActiveIs(true);
     return task;
 }
@@ -219,6 +220,18 @@ void Task::unscheduleTaskPrivate() {
 
 // Running
 
+template <U32 notification> void Task::notify() const {
+    if (hasNotificationActive())
+        reactors_.notify<notification>();
+}
+
+template <U32 notification, class T> void Task::change(T& attribute, T value) {
+    if (attribute == value)
+        return;
+    attribute = value;
+    notify<notification>();
+}
+
 /// Holds itself: nobody else need hold a task that a test runs by hand.
 void Task::taskRunFromTest() {
     sanityCheckCurrentRunningThread();
@@ -240,6 +253,13 @@ inline void Task::measureRun(TaskTimeDuration runTime) {
     taskTotalRunTime_ = sum(taskTotalRunTime_, runTime);
 }
 
+inline void Task::tellRunning(bool running) {
+    if (stepsAreOwn_) [[likely]]
+        change<NotifieeConst::taskCurrentlyRunningChanged>(taskCurrentlyRunning_, running);
+    else
+        taskCurrentlyRunningIs(running);
+}
+
 /// A run may be nested in another one of the same task, which is told by the runs under way: the attribute
 /// can be set by anybody. The outer run goes on as what is running when the inner one is over.
 ///
@@ -249,12 +269,15 @@ inline void Task::tellRun(TaskTimeStamp const& start) {
     Mox::Ptr<TaskRecord> const record = record_;
     bool const isNested = std::exchange(isInRun_, true);
     TaskTimeStamp const outerStart = std::exchange(taskLastRunTimeStamp_, start);
-    taskCurrentlyRunningIs(true);
+    tellRunning(true);
     requireAlive(*record);
-    taskRunInc(1);
+    if (stepsAreOwn_) [[likely]]
+        change<NotifieeConst::taskRunChanged>(taskRun_, taskRun_ + 1);
+    else
+        taskRunInc(1);
     requireAlive(*record);
     isInRun_ = isNested;
-    taskCurrentlyRunningIs(isNested);
+    tellRunning(isNested);
     requireAlive(*record);
     if (isNested) [[unlikely]]
         taskLastRunTimeStamp_ = outerStart;
@@ -347,11 +370,6 @@ void Task::resetStats() {
 
 // Attributes that notify
 
-template <U32 notification> void Task::notify() const {
-    if (hasNotificationActive())
-        reactors_.notify<notification>();
-}
-
 void Task::taskBusyIs(bool busy) {
     if (taskBusy_ == busy)
         return;
@@ -405,13 +423,6 @@ void Task::handleTaskForceYieldInTest() {
         taskHistoryInsertNow(EventType::frcYieldOff);
         taskQuantumIs(taskQuantumDefault);
     }
-}
-
-template <U32 notification, class T> void Task::change(T& attribute, T value) {
-    if (attribute == value)
-        return;
-    attribute = value;
-    notify<notification>();
 }
 
 void Task::taskWorkCountInc(U64 const& count) {

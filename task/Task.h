@@ -158,6 +158,8 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     void unscheduleTaskPrivate();
     /// The scheduler drops a task of its own that others may hold.
     void orphan();
+    /// For factories: the task's class overrides none of the steps of a run, which then need no call each.
+    void stepsAreOwn() { stepsAreOwn_ = true; }
     /// Makes taskBusy what taskScheduled() is; nothing is asked where a task that is queued is busy already.
     /// The last statement of every operation: a callback of it may release the task.
     void updateTaskBusy() {
@@ -182,6 +184,7 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     void record(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
     template <Mox::U32 notification> void notify() const;
     template <Mox::U32 notification, class T> void change(T& attribute, T value);
+    void tellRunning(bool running);
     void measureRun(TaskTimeDuration runTime);
     void countViolation(TaskTimeDuration runTime);
     void doUpdateSchedulingLatency(TaskTimeStamp const& now) {
@@ -208,6 +211,7 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     bool taskSuspendedForTest_ : 1 = false;
     bool taskForceYieldInTest_ : 1 = false;
     bool holdsScheduler_ : 1 = true;
+    bool stepsAreOwn_ : 1 = false;
 
     // Fixed at construction
     TaskScheduler* taskScheduler_; // counted while holdsScheduler_

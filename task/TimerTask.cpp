@@ -36,6 +36,7 @@ MOX_DEFINE_TYPE(TimerTask, "Kel::TimerTask", &Task::type())
 Mox::Ptr<TimerTask> TimerTask::TimerTaskIs(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority,
                                            Mox::String8 const& name) {
     Mox::Ptr<TimerTask> task = new TimerTask(scheduler, priority, name);
+    task->stepsAreOwn();
     task->hasNotificationActiveIs(true);
     return task;
 }
