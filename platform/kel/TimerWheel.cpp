@@ -52,7 +52,7 @@ TimerWheel::~TimerWheel() = default;
 // Ticks and seconds: a tick's time is timeOf(tick), rounding included, and the search below is exact against
 // it; so a wake-up asked for at a tick's time finds that tick reached.
 
-S64 TimerWheel::tickNotBefore(Seconds time) const {
+inline S64 TimerWheel::tickNotBefore(Seconds time) const {
     constexpr auto far = static_cast<Seconds>(farTick);
     Seconds const exact = std::clamp(time * ticksPerSecond_, -far, far);
     auto tick = static_cast<S64>(exact);
@@ -67,7 +67,7 @@ S64 TimerWheel::tickNotBefore(Seconds time) const {
 /// Moved to a later tick, a lazy timer stays under its old one, which is never too late to look at it. The
 /// loop is asked only for a tick before the one asked for, since nothing is filed under an earlier one; while
 /// the wheel collects, it asks once at the end instead.
-void TimerWheel::file(NotifieeConst& timer) {
+inline void TimerWheel::file(NotifieeConst& timer) {
     S64 const tick = tickNotBefore(timer.timeMin_);
     if (timer.isLinked()) {
         if (movesLazily_ && tick >= timer.tick())
@@ -83,15 +83,9 @@ void TimerWheel::file(NotifieeConst& timer) {
 /// A wake-up for a timer that is disarmed now is left as it is: it costs one look, where finding the next
 /// tick costs a scan each time. The last timer takes it along, so that a wheel with nothing armed lets a loop
 /// end.
-void TimerWheel::unfile(NotifieeConst& timer) {
-    if (!timer.isLinked())
-        return;
-    buckets_.remove(timer);
-    timer.keptFrom_ = Mox::endOfTime;
-    if (buckets_.size() == 0) {
-        wakeTick_ = WheelBuckets::never;
-        wake_.cancel();
-    }
+void TimerWheel::lastIsDisarmed() {
+    wakeTick_ = WheelBuckets::never;
+    wake_.cancel();
 }
 
 void TimerWheel::requestWake() {
@@ -184,11 +178,6 @@ void TimerWheel::NotifieeConst::handleNotifier() {
 void TimerWheel::NotifieeConst::file(Seconds time) {
     MOX_ASSERT_AS("!std::isnan( time )", !std::isnan(time));
     timeMin_ = time;
-    if (time == Mox::endOfTime) {
-        if (isLinked())
-            wheel_->unfile(*this);
-        return;
-    }
     MOX_ASSERT_AS("notifier()", wheel_);
     wheel_->file(*this);
 }

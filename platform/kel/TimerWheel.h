@@ -74,6 +74,7 @@ class MOX_EXPORT TimerWheel : public Mox::PtrInterface {
 
     void file(NotifieeConst& timer);
     void unfile(NotifieeConst& timer);
+    void lastIsDisarmed();
     void poll();
     bool collect(Mox::Seconds now);
     void fire();
@@ -110,8 +111,13 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
     ~NotifieeConst() override;
 
     /// Requires: not a NaN; attached to a wheel, unless the time is endOfTime.
+    ///
+    /// Here, since with many timers a processor waits for memory, and for as many of these at once as their
+    /// instructions fit into its window.
     void timeMinIs(Mox::Seconds time) {
-        if (time >= keptFrom_ && time < Mox::endOfTime)
+        if (time == Mox::endOfTime)
+            disarm();
+        else if (time >= keptFrom_)
             timeMin_ = time;
         else
             file(time);
@@ -137,6 +143,7 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
     friend class TimerWheel;
 
     void file(Mox::Seconds time);
+    void disarm();
 
     // These two, which are all that a move to a later time touches, lie in one line of the cache: together
     // they stand at a multiple of 16 bytes, to which objects are aligned on 64 bits.
@@ -147,5 +154,18 @@ class MOX_EXPORT TimerWheel::NotifieeConst : public Mox::NotifieeOf<TimerWheel>,
 
     TimerWheel* wheel_ = nullptr; // the notifier, beside what the other moves touch
 };
+
+inline void TimerWheel::NotifieeConst::disarm() {
+    timeMin_ = Mox::endOfTime;
+    if (isLinked())
+        wheel_->unfile(*this);
+}
+
+inline void TimerWheel::unfile(NotifieeConst& timer) {
+    buckets_.remove(timer);
+    timer.keptFrom_ = Mox::endOfTime;
+    if (buckets_.size() == 0) [[unlikely]]
+        lastIsDisarmed();
+}
 
 } // namespace Kel

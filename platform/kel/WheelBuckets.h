@@ -61,10 +61,15 @@ class MOX_EXPORT WheelBuckets {
     }
 
     /// Takes the entry out of its bucket, or out of a list that `take` filled. Requires: the entry is linked.
+    ///
+    /// The only one in a bucket is told by its own link, which is at hand: both its neighbours are the
+    /// bucket's end.
     void remove(WheelEntry& entry) {
+        auto const node = Entries::value_traits::to_node_ptr(entry);
+        bool const isOnly = Entries::node_traits::get_next(node) == Entries::node_traits::get_previous(node);
         entry.hook_.unlink();
         --size_;
-        if (entry.tick_ != never && bucketOf(entry.tick_).entries.empty())
+        if (isOnly && entry.tick_ != never)
             emptied(entry.tick_);
     }
 
