@@ -4,8 +4,16 @@
 #include <bench/IdleTasks.h>
 #include <bench/Rows.h>
 
+#include <boost/container_hash/hash.hpp>
+#include <boost/unordered/unordered_flat_map.hpp>
+
+#include <algorithm>
+#include <array>
 #include <bit>
+#include <functional>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -52,8 +60,27 @@ class OurTasks {
     Names names_;
 };
 
-/// The floor: two allocations of the sizes of a task and its record, and a registration in a hash table whose
-/// links are in the objects.
+/// Figures as a task has them, of which some are added and of the others the greatest stays.
+struct Figures {
+    std::array<std::uint64_t, 6> sums{};
+    std::array<std::int64_t, 2> maxima{};
+
+    Figures& operator+=(Figures const& other) {
+        std::ranges::transform(sums, other.sums, sums.begin(), std::plus<>());
+        std::ranges::transform(maxima, other.maxima, maxima.begin(),
+                               [](auto a, auto b) { return std::max(a, b); });
+        return *this;
+    }
+};
+
+struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const { return boost::hash<std::string_view>()(name); }
+};
+
+/// The floor, which is what has to be done: two allocations of the sizes of a task and its record,
+/// initialised, the name copied, a registration in a hash table whose links are in the objects, and at the
+/// end the figures merged with those of the name.
 class BareTasks {
   public:
     explicit BareTasks(std::uint64_t alive) : buckets_(std::bit_ceil(alive + 1)) {
@@ -76,12 +103,14 @@ class BareTasks {
   private:
     static constexpr std::size_t nameSize = 16;
     struct Record {
-        char bytes[sizeof(Kel::TaskRecord) + nameSize];
+        std::array<char, sizeof(Kel::TaskRecord)> bytes;
+        std::array<char, nameSize> name;
     };
     struct Object {
         Object* next;
         Record* record;
-        char rest[sizeof(Kel::Task) - 2 * sizeof(void*)];
+        Figures figures;
+        std::array<char, sizeof(Kel::Task) - sizeof(Figures) - 2 * sizeof(void*)> rest;
     };
 
     Object*& bucketOf(Object const* object) {
@@ -89,9 +118,9 @@ class BareTasks {
         return buckets_[spread >> 32 & (buckets_.size() - 1)];
     }
     Object* make(Mox::String8 const& name) {
-        auto* const object = new Object;
-        object->record = new Record;
-        name.copy(object->record->bytes, nameSize);
+        auto* const object = new Object{};
+        object->record = new Record{};
+        name.copy(object->record->name.data(), nameSize);
         object->next = std::exchange(bucketOf(object), object);
         return object;
     }
@@ -100,12 +129,24 @@ class BareTasks {
         while (*at != object)
             at = &(*at)->next;
         *at = object->next;
+        merge(*object);
         delete object->record;
         delete object;
     }
 
+    void merge(Object const& object) {
+        auto const& bytes = object.record->name;
+        std::string_view const name(bytes.data(), std::ranges::find(bytes, '\0') - bytes.begin());
+        auto const dead = dead_.find(name);
+        if (dead == dead_.end())
+            dead_.emplace(name, object.figures);
+        else
+            dead->second += object.figures;
+    }
+
     std::vector<Object*> buckets_;
     std::vector<Object*> tasks_;
+    boost::unordered_flat_map<std::string, Figures, NameHash, std::equal_to<>> dead_;
     Names names_;
 };
 

@@ -20,10 +20,10 @@ Bench::Comparison compareRuns(Options const& options, Load& load, Other& other, 
     return Bench::alternate(options.samples(n), sample(load), sample(other));
 }
 
-void taskRun(Options const& options, std::uint64_t n) {
-    Bench::TaskLoad ours(n);
+void taskRun(Options const& options, char const* name, std::uint64_t n, Bench::Shape const& shape = {}) {
+    Bench::TaskLoad ours(n, Kel::EventLoop::EventLoopIs(), shape);
     FloorLoad<> floor(n);
-    Bench::compare("task run, ns", n, compareRuns(options, ours, floor, n));
+    Bench::compare(name, n, compareRuns(options, ours, floor, n));
 }
 
 /// With the time told by the processor's counter, where that is to be had: against the floor as it is, and
@@ -70,7 +70,8 @@ int main(int argc, char** argv) {
     Options const options(argc, argv);
     Bench::pinToCore(0);
     for (unsigned const n : {1u, 16u, 1000u, 100'000u, 1'000'000u})
-        taskRun(options, n);
+        taskRun(options, "task run, ns", n);
+    taskRun(options, "task run in a group / floor, ns", 16, {.groups = 1});
     for (unsigned const n : {1u, 16u, 1000u})
         taskRunWithFastClock(options, n);
     fastClockOverTime(options);

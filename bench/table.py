@@ -20,8 +20,8 @@ def ratio(figure, floor):
 
 
 def limits(goal):
-    """What the goal limits, and how: ("ratio", "at most")."""
-    return next((field, goal[field]) for field in ("ratio", "ours") if field in goal)
+    """What the goal limits, and how: ("ratio", "at most"). What is "above" is ours without the floor."""
+    return next((field, goal[field]) for field in ("ratio", "ours", "above") if field in goal)
 
 
 class Row:
@@ -31,6 +31,7 @@ class Row:
         self.name, self.n = measured["name"], measured["n"]
         self.ours, self.floor = measured["ours"], measured.get("floor")
         self.ratio = ratio(self.ours, self.floor)
+        self.above = self.ours - self.floor if self.floor is not None else None
         self.peers = {peer: ratio(figure, self.floor) for peer, figure in measured.get("peers", {}).items()}
         self.spread = measured.get("spread")
         self.limited, self.goal, self.holds, self.verdict = None, None, None, ""
