@@ -16,7 +16,7 @@ constexpr std::uint64_t tasks = 16;
 constexpr std::uint64_t runs = 100'000;
 
 auto sample(TaskLoad& load) {
-    return [&load] { return Bench::costOf(runs, [&] { load.run(runs); }); };
+    return [&load] { return Bench::costOfRuns(load, runs); };
 }
 
 void added(Options const& options, char const* name, Shape const& shape) {

@@ -136,7 +136,7 @@ class BareTasks {
 
     void merge(Object const& object) {
         auto const& bytes = object.record->name;
-        std::string_view const name(bytes.data(), std::ranges::find(bytes, '\0') - bytes.begin());
+        std::string_view const name(bytes.begin(), std::ranges::find(bytes, '\0'));
         auto const dead = dead_.find(name);
         if (dead == dead_.end())
             dead_.emplace(name, object.figures);

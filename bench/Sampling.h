@@ -81,6 +81,14 @@ template <class Work> double costOf(std::uint64_t operations, Work&& work) {
     return (cpuNanoseconds() - before - looking) / static_cast<double>(operations);
 }
 
+/// The same for each run that a load makes: a load says how many it made, since a group goes on to the end of
+/// its quantum.
+template <class Load> double costOfRuns(Load& load, std::uint64_t runs) {
+    std::uint64_t made = 0;
+    double const cost = costOf(1, [&] { made = load.run(runs); });
+    return cost / static_cast<double>(made);
+}
+
 /// Medians of alternating samples.
 struct Comparison {
     double ours = 0;

@@ -44,9 +44,11 @@ class TaskLoad {
             reactors_[i]->notifier()->scheduleTask();
     }
 
-    void run(std::uint64_t runs) {
+    /// Returns how many it made, so many at least.
+    std::uint64_t run(std::uint64_t runs) {
         left_ = runs;
         loop_->run();
+        return runs - left_;
     }
 
   private:
@@ -80,7 +82,7 @@ class TaskLoad {
 
     Mox::Ptr<Kel::EventLoop> const loop_;
     Mox::Ptr<Kel::TaskSchedulerEventLoop> const root_;
-    std::uint64_t left_ = 0;
+    std::uint64_t left_ = 0; // wraps below 0
     std::vector<Mox::Ptr<Kel::TaskGroup>> groups_;
     std::vector<Mox::Ptr<Rescheduling>> reactors_; // the tasks go with them
     std::vector<Mox::Ptr<Kel::Task::Notifiee>> others_;
@@ -96,7 +98,10 @@ template <bool... parts> class FloorLoad {
             floor_.schedule(*items_[i]);
     }
 
-    void run(std::uint64_t runs) { floor_.run(runs); }
+    std::uint64_t run(std::uint64_t runs) {
+        floor_.run(runs);
+        return runs;
+    }
 
   private:
     class Rescheduling : public FloorItem {

@@ -14,9 +14,7 @@ using Bench::Options;
 template <class Load, class Other>
 Bench::Comparison compareRuns(Options const& options, Load& load, Other& other, std::uint64_t n) {
     std::uint64_t const runs = std::max<std::uint64_t>(n, options.quick ? 50'000 : 200'000);
-    auto const sample = [runs](auto& of) {
-        return [runs, &of] { return Bench::costOf(runs, [&] { of.run(runs); }); };
-    };
+    auto const sample = [runs](auto& of) { return [runs, &of] { return Bench::costOfRuns(of, runs); }; };
     return Bench::alternate(options.samples(n), sample(load), sample(other));
 }
 

@@ -29,14 +29,10 @@ void row(char const* name, std::uint64_t n, std::vector<double> const& medians,
 constexpr std::uint64_t runs = 200'000;
 
 template <class Load> auto runsOf(Load& load) {
-    return [&load] { return Bench::costOf(runs, [&] { load.run(runs); }); };
+    return [&load] { return Bench::costOfRuns(load, runs); };
 }
 std::function<double()> runsOf(std::shared_ptr<Bench::Items> const& items) {
-    return [items] {
-        std::uint64_t done = 0;
-        double const cost = Bench::costOf(1, [&] { done = items->run(runs); });
-        return cost / static_cast<double>(done);
-    };
+    return [items] { return Bench::costOfRuns(*items, runs); };
 }
 
 void sameWork(Options const& options, char const* name, std::uint64_t n, bool requeued) {
