@@ -7,6 +7,7 @@
 #include <boost/intrusive/circular_list_algorithms.hpp>
 
 #include <exception>
+#include <typeinfo>
 
 namespace Mox {
 
@@ -116,8 +117,13 @@ template <class X, class Base = Reactor> class NotifieeOf : public Base {
         if constexpr (std::is_same_v<Base, Reactor>)
             return static_cast<X const*>(this->rawNotifier());
         else // attached through the base's notifierIs, it may react to a plain base
-            return dynamic_cast<X const*>(this->rawNotifier());
+            return isExactly(this->rawNotifier()) ? static_cast<X const*>(this->rawNotifier())
+                                                  : dynamic_cast<X const*>(this->rawNotifier());
     }
+
+  private:
+    /// As most notifiers are, which takes no search among bases.
+    static bool isExactly(PtrInterface const* notifier) { return notifier && typeid(*notifier) == typeid(X); }
 };
 
 /// Adds the non-const view of the notifier; Const is the type's NotifieeConst.
