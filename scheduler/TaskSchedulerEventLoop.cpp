@@ -22,6 +22,7 @@ Mox::Ptr<TaskSchedulerEventLoop>
 TaskSchedulerEventLoop::TaskSchedulerEventLoopIs(Mox::String8 const& name,
                                                  Mox::Ptr<EventLoop> const& evLoop) {
     Mox::Ptr<TaskSchedulerEventLoop> root = new TaskSchedulerEventLoop(name, evLoop);
+    root->stepsAreOwn();
     root->hasNotificationActiveIs(true);
     return root;
 }
@@ -87,9 +88,15 @@ void TaskSchedulerEventLoop::keepEventLoopAlive() {
         keepAliveClock_->notifier()->timeMinIs(keepAlive);
 }
 
+/// Passes follow each other here for as long as nobody else wants the loop's next turn: the road through the
+/// loop and the event is longer than a short run. Holds itself, since a run may let the root go.
 void TaskSchedulerEventLoop::MoxClock::onClock() {
-    if (owner())
-        owner()->handleSchedulerRun();
+    Mox::Ptr<MoxClock> const self = this;
+    bool const isFired = rawEvent() && rawEvent()->fires();
+    do
+        if (owner())
+            owner()->handleSchedulerRun();
+    while (isFired && rawEvent() && rawEvent()->firesAgainFor(*this));
 }
 
 void TaskSchedulerEventLoop::MoxEventLoopKeepAliveClock::onClock() {

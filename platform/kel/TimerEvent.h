@@ -3,7 +3,7 @@
 #include <kel/EventLoop.h>
 
 #include <mox/ReactorList.h>
-#include <mox/Wakeup.h>
+#include <mox/TurnLoop.h>
 
 namespace Kel {
 
@@ -28,6 +28,12 @@ class MOX_EXPORT TimerEvent : public Mox::PtrInterface {
             wakeup_.in(delay);
     }
     bool armed() const { return wakeup_.pending(); }
+    /// For a reactor that goes on with the next firing where it is: whether the event fires, and nobody has
+    /// asked yet; and whether it was armed anew, would fire at once and tell nobody else. It has fired then.
+    bool fires() { return wakeup_.isCalled(); }
+    bool firesAgainFor(NotifieeConst const& reactor) {
+        return hasNotificationActive() && reactors_.isOnly<0>(&reactor) && wakeup_.takesNextTurn();
+    }
 
     Mox::ReactorChain* moxReactors() const { return &reactors_; }
 

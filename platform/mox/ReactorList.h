@@ -107,6 +107,11 @@ template <class R> class ReactorList : public ReactorChain {
             tellOnly<notification, R>(reactor);
     }
 
+    /// Whether the notification would be told to that reactor, and to nobody else.
+    template <U32 notification> bool isOnly(R const* reactor) const {
+        return first() == reactor && last() == reactor && reactor->notificationActive(notification);
+    }
+
   private:
     template <U32 notification, class Derived> static void tellOnly(Reactor* reactor) {
         Walk walk(reactor);

@@ -22,9 +22,8 @@ namespace {
 
 // How long a busy loop goes on without a look at timers and descriptors, and how long these are served while
 // calls wait. A longer budget makes a turn cheaper, since fewer turns pay for the look, and has the other
-// side wait longer. The number of calls is the bound for callbacks that never read the clock.
+// side wait longer.
 constexpr Nanoseconds budgetTime = boost::chrono::microseconds(10);
-constexpr U32 budgetCallsMax = 256;
 // The most that descriptors are given to make up for calls that took longer than their budget.
 constexpr Nanoseconds descriptorTimeMax = boost::chrono::milliseconds(1);
 constexpr Seconds sleepMax = 86400.0; // well inside what the system's timers take
@@ -146,7 +145,9 @@ TimerQueue& TurnLoop::queueOf(Ptr<Clock const> const& clock) {
 inline void TurnLoop::callFirst() {
     Wakeup& wakeup = immediate_.front();
     immediate_.pop_front();
+    called_ = &wakeup;
     wakeup.onWakeup();
+    called_ = nullptr;
 }
 
 /// One list serves the turn under way and the next, since its front tells whose turn it is; nested turns
@@ -194,8 +195,10 @@ U64 TurnLoop::runOnce() {
     U64 calls = pollDescriptors();
     ++budget_.calls;
     auto const start = SteadyClock::latest();
+    bool const outerFollow = std::exchange(turnsFollow_, false);
     for (U64 const turn = ++turn_; hasCallsOf(turn) && !stopped_; ++calls)
         callFirst();
+    turnsFollow_ = outerFollow;
     turnsTook_ = SteadyClock::latest() - start;
     return calls;
 }
@@ -206,19 +209,13 @@ void TurnLoop::runBudget() {
     runTurns();
 }
 
-/// Turns go by readings that others took, so that none is paid for. A clock that went back tells nothing
-/// about the time used, and ends the budget too.
-inline bool TurnLoop::Budget::isSpent(SteadyClock::TimePoint now) const {
-    Nanoseconds const used = now - start;
-    return used >= time || used < Nanoseconds(0) || calls >= budgetCallsMax;
-}
-
 /// One test between two calls: a busy scheduler makes turns of one call, and would otherwise test both list
 /// and budget for each. Whether a clock is virtual is asked once a budget for the same reason.
 void TurnLoop::runTurns() {
     bool const hasVirtualTimers =
         std::ranges::any_of(queues_, [](auto const& queue) { return !queue->clock().isReal(); });
     budget_ = {SteadyClock::latest(), budgetTime};
+    bool const outerFollow = std::exchange(turnsFollow_, !hasVirtualTimers);
     for (; !stopped_; callFirst())
         if (!hasCallsOf(turn_)) {
             if (hasVirtualTimers)
@@ -228,6 +225,7 @@ void TurnLoop::runTurns() {
             ++turn_;
             ++budget_.calls;
         }
+    turnsFollow_ = outerFollow;
     turnsTook_ = SteadyClock::latest() - budget_.start;
 }
 

@@ -8,6 +8,7 @@
 #include <boost/intrusive/list.hpp>
 
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace boost::asio {
@@ -77,7 +78,14 @@ class MOX_EXPORT TurnLoop {
         SteadyClock::TimePoint start{};
         Nanoseconds time{};
         U32 calls = 0;
-        bool isSpent(SteadyClock::TimePoint now) const;
+
+        static constexpr U32 callsMax = 256; // for callbacks that never read the clock
+        /// Turns go by readings that others took, so that none is paid for. A clock that went back tells
+        /// nothing about the time used, and ends the budget too.
+        bool isSpent(SteadyClock::TimePoint now) const {
+            Nanoseconds const used = now - start;
+            return used >= time || used < Nanoseconds(0) || calls >= callsMax;
+        }
     };
 
     explicit TurnLoop(std::unique_ptr<Io> io);
@@ -97,6 +105,7 @@ class MOX_EXPORT TurnLoop {
     }
     TimerQueue& queueOf(Ptr<Clock const> const& clock);
 
+    bool begins(Wakeup& wakeup);
     void callFirst();
     bool hasCallsOf(U64 turn) const;
     void runBudget();
@@ -124,7 +133,9 @@ class MOX_EXPORT TurnLoop {
     bool const isAttached_;
     U32 driven_ = 0; // run functions under way
 
-    Budget budget_;           // of the turns under way
+    Budget budget_;            // of the turns under way
+    bool turnsFollow_ = false; // with nothing to be looked at in between
+    Wakeup const* called_ = nullptr;
     Nanoseconds turnsTook_{}; // the latest ones
     bool handlersLeft_ = false;
 
@@ -132,5 +143,29 @@ class MOX_EXPORT TurnLoop {
     std::unique_ptr<Io> io_;
     TurnLoop* nextOfThread_ = nullptr; // the loops that a fork has to tell
 };
+
+// What a busy scheduler asks of its loop in each run stands here, to cost no calls.
+
+inline bool TurnLoop::begins(Wakeup& wakeup) {
+    bool const isOnly =
+        !immediate_.empty() && &immediate_.front() == &wakeup && &immediate_.back() == &wakeup;
+    if (!isOnly || !turnsFollow_ || stopped_ || budget_.isSpent(SteadyClock::latest()))
+        return false;
+    ++turn_;
+    ++budget_.calls;
+    immediate_.pop_front();
+    return true;
+}
+
+inline bool Wakeup::isCalled() { return std::exchange(loop_.called_, nullptr) == this; }
+inline bool Wakeup::takesNextTurn() { return loop_.begins(*this); }
+
+inline void Wakeup::atNextTurn() {
+    if (turnHook_.is_linked())
+        return;
+    if (timerHook_.is_linked()) [[unlikely]]
+        return atNextTurnInstead();
+    loop_.nextTurn(*this);
+}
 
 } // namespace Mox

@@ -21,15 +21,6 @@ TimerQueue& Wakeup::queue() {
     return *queue_;
 }
 
-/// One that stands in the list of turns keeps its place there: asking twice is asking once.
-void Wakeup::atNextTurn() {
-    if (turnHook_.is_linked())
-        return;
-    if (timerHook_.is_linked()) [[unlikely]]
-        return atNextTurnInstead();
-    loop_.nextTurn(*this);
-}
-
 void Wakeup::goOnAtNextTurn() {
     atNextTurn();
     goesOnFrom_ = askedInTurn_;

@@ -24,7 +24,8 @@ class MOX_EXPORT Wakeup {
     Wakeup& operator=(Wakeup const&) = delete;
     virtual ~Wakeup();
 
-    /// Asks for a call at the next turn, in place of what was asked before.
+    /// Asks for a call at the next turn, in place of what was asked before. One that stands in the list of
+    /// turns keeps its place there: asking twice is asking once.
     void atNextTurn();
     /// The same, to go on with what is due already: runUntil() does not end before that.
     void goOnAtNextTurn();
@@ -35,6 +36,11 @@ class MOX_EXPORT Wakeup {
     void cancel();
 
     bool pending() const;
+    /// Turns that are one wakeup's alone need not leave its call: whether the call is its loop's, and nobody
+    /// has asked yet; and whether the next turn would come at once and be this wakeup's alone. That has begun
+    /// then, and what the caller does in place of another `onWakeup()` is its work.
+    bool isCalled();
+    bool takesNextTurn();
 
     /// The clock that `at` and `in` go by.
     Clock const& clock();
