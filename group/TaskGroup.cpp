@@ -16,6 +16,7 @@ Mox::Ptr<TaskGroup> TaskGroup::TaskGroupIs(Mox::String8 const& name, TaskPriorit
                                            bool enforceTaskGroupPriority,
                                            Mox::Ptr<TaskScheduler> const& parentScheduler) {
     Mox::Ptr<TaskGroup> group = new TaskGroup(name, priority, enforceTaskGroupPriority, parentScheduler);
+    group->stepsAreOwn();
     group->hasNotificationActiveIs(true);
     return group;
 }

@@ -11,6 +11,11 @@ TaskStat DeadTasks::merge(Mox::String const& name, TaskStat const& stat) {
     return entry ? *entry += stat : TaskStat() + stat;
 }
 
+void DeadTasks::merge(std::string_view name, TaskStat const& unnamed) {
+    TaskStat* const entry = stats_.find(name);
+    (entry ? *entry : stats_.valueIs(name, {})).merge(unnamed, name);
+}
+
 Mox::U32 DeadTasks::collect(std::vector<TaskStat>* out, bool includeIdle) const {
     Mox::U32 leftOut = 0;
     for (auto const& [name, stat] : stats_)

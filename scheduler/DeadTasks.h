@@ -6,6 +6,7 @@
 #include <boost/intrusive/list.hpp>
 
 #include <list>
+#include <string_view>
 #include <vector>
 
 namespace Kel {
@@ -43,6 +44,9 @@ class DeadTasks {
     /// Merges the record into the entry of that name, in place; returns the merged one. Where a callback has
     /// dropped the entry meanwhile, nothing is kept.
     TaskStat merge(Mox::String const& name, TaskStat const& stat);
+    /// The same for the record of a task of that name which does not have the name itself; the entry is made
+    /// when there is none.
+    void merge(std::string_view name, TaskStat const& unnamed);
     /// Appends the records; returns how many were left out because they never ran.
     Mox::U32 collect(std::vector<TaskStat>* out, bool includeIdle) const;
 
@@ -52,9 +56,10 @@ class DeadTasks {
     bool hasRetired() const { return !retired_.empty(); }
 
     void watch(TaskDeathWatch& watch) const { watches_.push_back(watch); }
+    bool isWatched() const { return !watches_.empty(); }
     /// Tells of a task whose record was merged.
     void tell(TaskStat const& stat, TaskPriority mergedPriority) const {
-        if (!watches_.empty()) [[unlikely]]
+        if (isWatched()) [[unlikely]]
             tellWatches(stat, mergedPriority);
     }
 

@@ -17,6 +17,7 @@ void TaskRunQueue::noteTakenBack(Task& task, TaskTimeStamp const& now) {
     if (earlier)
         earlier->aheadIs(&added);
     earlier = &added;
+    hasRecent_ = true;
 }
 
 /// Has the caches fetch, while the taken task runs, first the head of a task some runs ahead, then, two runs

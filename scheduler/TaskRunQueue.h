@@ -58,7 +58,8 @@ class MOX_EXPORT TaskRunQueue {
     }
     /// The task dies: nothing here leads to it any more. Requires: the task is not linked.
     void forget(Task const& task) {
-        std::ranges::replace(recent_, const_cast<TaskRunQueueLink*>(&task.taskRunQueueLink_), nullptr);
+        if (hasRecent_) [[unlikely]]
+            std::ranges::replace(recent_, const_cast<TaskRunQueueLink*>(&task.taskRunQueueLink_), nullptr);
     }
 
     /// The oldest task; bookmarks are skipped. Null when there is none.
@@ -108,6 +109,7 @@ class MOX_EXPORT TaskRunQueue {
 
     IntrusiveLinkedListBase list_;
     Mox::U32 backToBackRunCount_ = 0;
+    bool hasRecent_ = false; // there was a time when the queue was long
     Mox::U64 tasksAdded_ = 0;
     Mox::U64 tasksRun_ = 0;
     Mox::U64 tasksRunBase_ = 0;

@@ -65,6 +65,7 @@ MOX_DEFINE_TYPE(TaskScheduler, "Kel::TaskScheduler", &Mox::PtrInterface::type())
 
 Mox::Ptr<TaskScheduler> TaskScheduler::TaskSchedulerIs(Mox::String8 const& name, TaskSchedulerRoot* root) {
     Mox::Ptr<TaskScheduler> scheduler = new TaskScheduler(name, root);
+    scheduler->stepsAreOwn();
     scheduler->hasNotificationActiveIs(true);
     return scheduler;
 }
@@ -156,9 +157,11 @@ void TaskScheduler::taskRegister(Task* task) {
     TaskPriority const priority = task->taskPriority();
     MOX_ASSERT_AS("priority.isValid()", priority.isValid());
     MOX_TRACE_AT(taskSchedulerTrace, 4, this << " Register " << task);
-    MOX_ASSERT_AS("__null == tasksRegistered( task->taskKey() )", !tasksRegistered(task->taskKey()));
     MOX_ASSERT_AS("this == task->taskScheduler()", task->scheduler() == this);
-    tasksRegisteredIs(task);
+    bool const isNew = stepsAreOwn_ ? tasksRegistered_.insertNew(task) : !tasksRegistered(task->taskKey());
+    MOX_ASSERT_AS("__null == tasksRegistered( task->taskKey() )", isNew);
+    if (!stepsAreOwn_)
+        tasksRegisteredIs(task);
     tasksPerPriorityInc(priority, 1);
 }
 
@@ -173,14 +176,22 @@ void TaskScheduler::taskUnregister(Task* task) {
     if (task->taskRunQueueLink().isLinked())
         queue.leave(*task, Mox::SteadyClock::now(), Leaving::removed);
     queue.forget(*task);
-    TaskStat const stat = task->getStats();
-    deadTasks_.tell(stat, deadTaskStatsInc(stat.taskName(), stat).taskPriority());
-    MOX_ASSERT_AS("__null != tasksRegistered( task->taskKey() )", tasksRegistered(task->taskKey()));
+    fileStats(*task);
     Task* const deletedTask = tasksRegisteredDel(task->taskKey());
+    MOX_ASSERT_AS("__null != tasksRegistered( task->taskKey() )", deletedTask);
     MOX_ASSERT(task == deletedTask);
-    MOX_ASSERT_AS("0 < tasksPerPriority( priority )", 0 < tasksPerPriority(priority));
-    tasksPerPriorityDec(priority, 1);
+    U32 const left = tasksPerPriorityDec(priority, 1);
+    MOX_ASSERT_AS("0 < tasksPerPriority( priority )", left != ~U32{0});
     deadTasksPerPriorityInc(priority, 1);
+}
+
+/// Where nobody else is told, the record goes straight into that of its name, and takes no memory.
+void TaskScheduler::fileStats(Task const& task) {
+    TaskStat stat = task.getStatsUnnamed();
+    if (stepsAreOwn_ && !deadTasks_.isWatched()) [[likely]]
+        return deadTasks_.merge(task.taskRecord()->taskName(), stat);
+    stat.taskNameIs(task.taskName());
+    deadTasks_.tell(stat, deadTaskStatsInc(stat.taskName(), stat).taskPriority());
 }
 
 // The run pass
@@ -233,7 +244,7 @@ void TaskScheduler::runPass(TaskTimeStamp const& now) {
         return schedulerHasRunnableTasksIs(false);
     }
     TaskTimeStamp end{};
-    task->taskDoRun(now, &end);
+    task->taskDoRunHeld(now, &end);
     MOX_TRACE_OF("handleSchedulerRun", taskSchedulerTrace, 8,
                  this << " Scheduler completed task, request run");
     requestSchedulerRunAndRecord(end);
@@ -429,10 +440,8 @@ void TaskScheduler::tasksRegisteredIs(Task* task) {
     if (!task)
         throw Mox::RangeException("null _tasksRegistered parameter to mutator for "
                                   "Kel::TaskScheduler::tasksRegistered not allowed");
-    if (tasksRegistered(task->taskKey()) == task)
-        return;
-    tasksRegistered_.insert(task);
-    tasksRegisteredNotify(task->taskKey());
+    if (tasksRegistered_.insertNew(task))
+        tasksRegisteredNotify(task->taskKey());
 }
 
 Task* TaskScheduler::tasksRegisteredDel(TaskKey const& key) {

@@ -247,6 +247,9 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     /// handleSchedulerRun() for who has just read the clock.
     void runPass(TaskTimeStamp const& now);
 
+    /// For factories: the scheduler's class overrides nothing of what happens when a task comes or goes.
+    void stepsAreOwn() { stepsAreOwn_ = true; }
+
     /// True while the scheduler makes a task for itself, whose registration goes by no rule for others.
     bool makesOwnTask() const { return makesOwnTask_; }
 
@@ -254,6 +257,8 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     bool schedulerHasRunnableTasks_ = false;
 
   private:
+    void fileStats(Task const& task);
+
     // Fixed at construction
     Mox::Ptr<SchedulerName const> const name_;
     TaskSchedulerRoot* const root_;
@@ -273,6 +278,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
     ResetPass resetPass_{*this};
     OwnTask<MoxResetStatsTask> resetStatsTask_{ownReactors_};
     bool makesOwnTask_ = false;
+    bool stepsAreOwn_ = false;
 };
 
 /// Runs the scheduler's reset pass when its task runs.

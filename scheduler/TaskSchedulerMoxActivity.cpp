@@ -19,6 +19,7 @@ MOX_DEFINE_TYPE(TaskSchedulerMoxActivity, "Kel::TaskSchedulerMoxActivity", &Task
 Mox::Ptr<TaskSchedulerMoxActivity>
 TaskSchedulerMoxActivity::TaskSchedulerMoxActivityIs(Mox::String8 const& name) {
     Mox::Ptr<TaskSchedulerMoxActivity> root = new TaskSchedulerMoxActivity(name);
+    root->stepsAreOwn();
     root->hasNotificationActiveIs(true);
     return root;
 }

@@ -27,6 +27,7 @@ MOX_DEFINE_TYPE(TaskSchedulerRoot, "Kel::TaskSchedulerRoot", &TaskScheduler::typ
 
 Mox::Ptr<TaskSchedulerRoot> TaskSchedulerRoot::TaskSchedulerRootIs(Mox::String8 const& name) {
     Mox::Ptr<TaskSchedulerRoot> root = new TaskSchedulerRoot(name);
+    root->stepsAreOwn();
     root->hasNotificationActiveIs(true);
     return root;
 }

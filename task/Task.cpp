@@ -53,7 +53,7 @@ Mox::Ptr<Task> taskFactory(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriorit
 Task::Task(Mox::Ptr<TaskScheduler> const& scheduler, TaskPriority priority, Mox::String8 const& name)
     : taskScheduler_(scheduler.ptr()),
       record_(TaskRecord::TaskRecordIs(name, priority, scheduler ? scheduler->nameRecord() : nullptr)) {
-    record_->taskQuantumIs(Mox::toNanoseconds(taskQuantumDefault));
+    record_->taskQuantumIs(TaskTimeDuration(static_cast<Mox::S64>(taskQuantumDefault * 1e9)));
     handleInitialized();
     taskQuantumIs(taskQuantumDefault);
 }
@@ -240,7 +240,7 @@ void Task::taskRunFromTest() {
     if (taskRunQueueLink_.isLinked())
         taskScheduler_->runQueue(taskPriority()).leave(*this, now, Leaving::removed);
     TaskTimeStamp end{};
-    taskDoRun(now, &end);
+    taskDoRunHeld(now, &end);
 }
 
 inline void Task::measureRun(TaskTimeDuration runTime) {
@@ -263,10 +263,11 @@ inline void Task::tellRunning(bool running) {
 /// A run may be nested in another one of the same task, which is told by the runs under way: the attribute
 /// can be set by anybody. The outer run goes on as what is running when the inner one is over.
 ///
-/// The pass holds the task over the run. Whoever has it run without holding it may lose it in a callback: the
-/// record, which is held here, tells that before the task is touched again.
-inline void Task::tellRun(TaskTimeStamp const& start) {
-    Mox::Ptr<TaskRecord> const record = record_;
+/// Whoever has the task run without holding it may lose it in a callback: the record, which is held here
+/// then, tells that before the task is touched again.
+template <bool isHeld> inline void Task::tellRun(TaskTimeStamp const& start) {
+    Mox::Ptr<TaskRecord> const held = isHeld ? nullptr : record_;
+    TaskRecord const* const record = record_.ptr();
     bool const isNested = std::exchange(isInRun_, true);
     TaskTimeStamp const outerStart = std::exchange(taskLastRunTimeStamp_, start);
     tellRunning(true);
@@ -283,12 +284,12 @@ inline void Task::tellRun(TaskTimeStamp const& start) {
         taskLastRunTimeStamp_ = outerStart;
 }
 
-void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
+template <bool isHeld> inline void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
     record(EventType::runStart, start);
     KELTASK_TASK_PROBE(run_start, this, taskLastSchedulingLatency_.count());
     MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
     MOX_TRACE_AT(taskSchedulerTrace, 8, "Running " << this);
-    tellRun(start);
+    tellRun<isHeld>(start);
     TaskTimeStamp const now = Mox::SteadyClock::now();
     *end = now;
     measureRun(elapsed(start, now));
@@ -296,6 +297,9 @@ void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
     KELTASK_TASK_PROBE(run_end, this, elapsed(start, now).count());
     updateTaskBusy();
 }
+
+void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) { taskDoRun<false>(start, end); }
+void Task::taskDoRunHeld(TaskTimeStamp const& start, TaskTimeStamp* end) { taskDoRun<true>(start, end); }
 
 void Task::countViolation(TaskTimeDuration runTime) {
     TaskTimeDuration const quantum = record_->taskQuantum();
@@ -341,8 +345,13 @@ TaskStat::TaskStatus Task::taskStatus() const {
 }
 
 TaskStat Task::getStats() const {
-    TaskStat stat;
+    TaskStat stat = getStatsUnnamed();
     stat.taskNameIs(taskName());
+    return stat;
+}
+
+TaskStat Task::getStatsUnnamed() const {
+    TaskStat stat;
     stat.taskKeyIs(taskKey());
     stat.taskPriorityIs(taskPriority());
     stat.taskRunIs(taskRun_);

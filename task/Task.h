@@ -98,9 +98,13 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     bool taskShouldYield() const;
     /// The same at a reading of the clock that was taken since the run began.
     bool taskShouldYieldAt(TaskTimeStamp const& now) const;
-    /// Runs the task once; the run pass calls it, with the task off its queue. `end` gets the end of the run.
+    /// Runs the task once, off its queue. `end` gets the end of the run.
     void taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end);
+    /// The same for who holds the task over the run, as the run pass does.
+    void taskDoRunHeld(TaskTimeStamp const& start, TaskTimeStamp* end);
     TaskStat getStats() const;
+    /// The same without the name, which takes memory.
+    TaskStat getStatsUnnamed() const;
 
     // What stands in the way of an operation that would end in an assertion.
 
@@ -180,7 +184,8 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
 
     bool wakeScheduler();
     Mox::Problem problemOfWaking() const;
-    void tellRun(TaskTimeStamp const& start);
+    template <bool isHeld> void taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end);
+    template <bool isHeld> void tellRun(TaskTimeStamp const& start);
     void record(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
     template <Mox::U32 notification> void notify() const;
     template <Mox::U32 notification, class T> void change(T& attribute, T value);

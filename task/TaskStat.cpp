@@ -36,7 +36,7 @@ constexpr std::array mergeRules{
     Merge::latest,  // taskStatus
 };
 
-template <Merge rule, class T> void merge(T& left, [[maybe_unused]] T const& right) {
+template <Merge rule, class T> void mergeField(T& left, [[maybe_unused]] T const& right) {
     if constexpr (rule == Merge::sum)
         left += right;
     else if constexpr (rule == Merge::greater)
@@ -102,18 +102,18 @@ TaskStat::TaskStat(Mox::String::IteratorConst& position, Mox::String::IteratorCo
 
 TaskStat::TaskStat(Mox::NboAttrLog::In* in) { readFields(in, this); }
 
-TaskStat& TaskStat::operator+=(TaskStat const& rhs) {
+TaskStat& TaskStat::merge(TaskStat const& rhs, std::string_view name) {
     if (taskName_.empty()) {
-        taskName_ = rhs.taskName_;
+        taskName_ = name;
         taskPriority_ = rhs.taskPriority_;
     }
-    MOX_ASSERT_AS("taskName() == rhs.taskName()", taskName() == rhs.taskName());
+    MOX_ASSERT_AS("taskName() == rhs.taskName()", taskName_ == name);
 
     using Fields = Mox::FieldsOf<TaskStat>;
     static_assert(boost::mp11::mp_size<Fields>::value == mergeRules.size());
     boost::mp11::mp_for_each<boost::mp11::mp_iota_c<mergeRules.size()>>([&](auto i) {
         constexpr auto field = boost::mp11::mp_at_c<Fields, i>::pointer;
-        merge<mergeRules[i]>(this->*field, rhs.*field);
+        mergeField<mergeRules[i]>(this->*field, rhs.*field);
     });
     return *this;
 }

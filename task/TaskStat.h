@@ -7,6 +7,8 @@
 #include <task/TaskPriority.h>
 
 #include <iosfwd>
+#include <string_view>
+#include <utility>
 
 namespace Kel {
 
@@ -77,7 +79,7 @@ class MOX_EXPORT TaskStat {
     explicit TaskStat(Mox::NboAttrLog::In* in);
 
     Mox::String const& taskName() const { return taskName_; }
-    void taskNameIs(Mox::String const& name) { taskName_ = name; }
+    void taskNameIs(Mox::String name) { taskName_ = std::move(name); }
     TaskKey const& taskKey() const { return taskKey_; }
     void taskKeyIs(TaskKey const& key) { taskKey_ = key; }
     TaskPriority taskPriority() const { return taskPriority_; }
@@ -123,7 +125,9 @@ class MOX_EXPORT TaskStat {
 
     /// Merges the record of a task that died, which counts as exactly one death. An empty name takes the
     /// other's name and priority (not its key). Requires: otherwise the names are equal.
-    TaskStat& operator+=(TaskStat const& rhs);
+    TaskStat& operator+=(TaskStat const& rhs) { return merge(rhs, rhs.taskName_); }
+    /// The same for the record of a task of that name which does not have the name itself.
+    TaskStat& merge(TaskStat const& rhs, std::string_view name);
     TaskStat operator+(TaskStat const& rhs) const { return TaskStat(*this) += rhs; }
 
     friend bool operator==(TaskStat const& a, TaskStat const& b) { return Mox::allFieldsEqual(a, b); }

@@ -5,7 +5,9 @@
 #include <mox/String.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
+#include <concepts>
 #include <cstdlib>
 #include <functional>
 #include <iterator>
@@ -35,8 +37,7 @@ template <class K> U32 hash(K const& key) {
 /// A key's place in map order: its hash bit-reversed, then spread, since addresses are multiples of 16 and
 /// would leave most buckets unused. The spread is the 32-bit finalizer of MurmurHash3 (Austin Appleby), a
 /// bijection: keys of different hash keep different codes.
-template <class K> U32 hashOrder(K const& key) {
-    U32 code = hash(key);
+constexpr U32 hashOrderOf(U32 code) {
     code = (code >> 1 & 0x55555555u) | (code & 0x55555555u) << 1;
     code = (code >> 2 & 0x33333333u) | (code & 0x33333333u) << 2;
     code = (code >> 4 & 0x0f0f0f0fu) | (code & 0x0f0f0f0fu) << 4;
@@ -44,6 +45,16 @@ template <class K> U32 hashOrder(K const& key) {
     code = (code ^ code >> 16) * 0x85ebca6bu;
     code = (code ^ code >> 13) * 0xc2b2ae35u;
     return code ^ code >> 16;
+}
+template <class K> U32 hashOrder(K const& key) {
+    constexpr auto fewest = [] { // priorities among them, which each task that comes or goes counts
+        std::array<U32, 8> codes{};
+        for (U32 i = 0; i < codes.size(); ++i)
+            codes[i] = hashOrderOf(i);
+        return codes;
+    }();
+    U32 const code = hash(key);
+    return code < fewest.size() ? fewest[code] : hashOrderOf(code);
 }
 
 /// Whether a is before b in map order.
@@ -75,23 +86,31 @@ template <class Traits> class HashTable {
     std::size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
 
-    Node* find(Key const& key) const {
+    /// By a key, or by a view of one, which has the same hash.
+    template <class Sought> Node* find(Sought const& key) const {
         Node* const node = lowerBound(key);
         return node && Traits::key(*node) == key ? node : nullptr;
     }
 
     /// Requires: no node of that key is there.
     void insert(Node* node) {
+        bool const isNew = insertNew(node);
+        MOX_ASSERT_IN("HashMap", "no node of that key is there", isNew);
+    }
+
+    /// False when a node of that key is there; nothing happens then.
+    bool insertNew(Node* node) {
         if (size_ == buckets_.size())
             grow();
         for (int i = 0; i < dealtPerInsertion && isGrowing(); ++i)
             dealOne();
         Node** const place = placeOf(Traits::code(*node), Traits::key(*node));
-        MOX_ASSERT_IN("HashMap", "no node of that key is there",
-                      !*place || !(Traits::key(**place) == Traits::key(*node)));
+        if (*place && Traits::key(**place) == Traits::key(*node))
+            return false;
         Traits::next(*node) = *place;
         *place = node;
         ++size_;
+        return true;
     }
 
     /// The node of that key, taken out; null when there is none.
@@ -182,18 +201,21 @@ template <class Traits> class HashTable {
     }
 
     /// Within the key's bucket only.
-    Node* lowerBound(Key const& key) const {
+    template <class Sought> Node* lowerBound(Sought const& key) const {
         return buckets_.size() == 0 ? nullptr : *placeOf(hashOrder(key), key);
     }
 
     /// The link that points, or would point, at the first node of the bucket not before (code, key).
-    Node** placeOf(U32 code, Key const& key) const {
+    template <class Sought> Node** placeOf(U32 code, Sought const& key) const {
         Node** place = &headOf(bucketOf(code));
         while (*place && before(**place, code, key))
             place = &Traits::next(**place);
         return place;
     }
-    static bool before(Node& node, U32 code, Key const& key) {
+    template <class Sought> static bool before(Node& node, U32 code, Sought const& key) {
+        if constexpr (std::is_trivially_copyable_v<Key>)
+            if (Traits::key(node) == key)
+                return false; // told sooner than by its code
         U32 const own = Traits::code(node);
         return own != code ? own < code : Traits::key(node) < key;
     }
@@ -304,6 +326,12 @@ template <class K, class V> class HashMap {
 
     V const* find(K const& key) const { return const_cast<HashMap*>(this)->find(key); }
     V* find(K const& key) {
+        Node* const node = table_.find(key);
+        return node ? &node->entry.second : nullptr;
+    }
+
+    /// The same for a name that is not at hand as a string.
+    template <std::same_as<std::string_view> View> V* find(View key) {
         Node* const node = table_.find(key);
         return node ? &node->entry.second : nullptr;
     }
