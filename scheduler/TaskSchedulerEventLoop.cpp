@@ -88,7 +88,7 @@ void TaskSchedulerEventLoop::keepEventLoopAlive() {
         keepAliveClock_->notifier()->timeMinIs(keepAlive);
 }
 
-/// Passes follow each other here for as long as nobody else wants the loop's next turn: the road through the
+/// Passes follow each other here for as long as the loop's next turn begins with them: the road through the
 /// loop and the event is longer than a short run. Holds itself, since a run may let the root go.
 void TaskSchedulerEventLoop::MoxClock::onClock() {
     Mox::Ptr<MoxClock> const self = this;

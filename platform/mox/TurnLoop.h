@@ -147,9 +147,8 @@ class MOX_EXPORT TurnLoop {
 // What a busy scheduler asks of its loop in each run stands here, to cost no calls.
 
 inline bool TurnLoop::begins(Wakeup& wakeup) {
-    bool const isOnly =
-        !immediate_.empty() && &immediate_.front() == &wakeup && &immediate_.back() == &wakeup;
-    if (!isOnly || !turnsFollow_ || stopped_ || budget_.isSpent(SteadyClock::latest()))
+    bool const isFirst = !immediate_.empty() && &immediate_.front() == &wakeup;
+    if (!isFirst || !turnsFollow_ || stopped_ || budget_.isSpent(SteadyClock::latest()))
         return false;
     ++turn_;
     ++budget_.calls;

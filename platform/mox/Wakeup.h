@@ -36,9 +36,9 @@ class MOX_EXPORT Wakeup {
     void cancel();
 
     bool pending() const;
-    /// Turns that are one wakeup's alone need not leave its call: whether the call is its loop's, and nobody
-    /// has asked yet; and whether the next turn would come at once and be this wakeup's alone. That has begun
-    /// then, and what the caller does in place of another `onWakeup()` is its work.
+    /// Turns that begin with the same wakeup need not leave its call: whether the call is its loop's, and
+    /// nobody has asked yet; and whether the next turn would come at once and begin with this wakeup. It has
+    /// begun then, and what the caller does in place of another `onWakeup()` is its work.
     bool isCalled();
     bool takesNextTurn();
 

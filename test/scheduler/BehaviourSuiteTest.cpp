@@ -4,7 +4,9 @@
 #include <scheduler/TaskSchedulerEventLoop.h>
 #include <scheduler/TaskSchedulerMoxActivity.h>
 
+#include <support/Calls.h>
 #include <support/ManualClock.h>
+#include <support/Random.h>
 #include <support/TaskReactors.h>
 #include <support/VirtualTime.h>
 
@@ -12,6 +14,9 @@
 #include <boost/asio/post.hpp>
 #include <gmock/gmock.h>
 
+#include <map>
+#include <memory>
+#include <random>
 #include <sstream>
 
 // What an application may expect of a scheduler, wherever it stands: the same tests run over each driver of a
@@ -336,6 +341,82 @@ TEST_F(TaskSchedulerEventLoopTest, WithoutItsClockARequestIsDropped) {
     root->clockIs(TimerEvent::TimerEventIs(loop));
     EXPECT_EQ(1u, loop->runOnce());
     EXPECT_EQ(1u, t->taskRun());
+}
+
+/// What happens in which order when tasks that schedule themselves run on a real clock, and do all sorts of
+/// things meanwhile. With another reactor on the root's timer event each pass is a call of the loop.
+std::string orderOf(std::uint64_t seed, bool eachIsCalled, int runs) {
+    ManualClock steady;
+    std::mt19937_64 random(seed);
+    std::uint64_t const seldom = 1 + random() % 300;
+    Ptr<EventLoop> const loop = EventLoop::EventLoopIs();
+    auto const root = TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", loop);
+    std::string order;
+    int left = runs, deep = 0, told = 0;
+    std::vector<std::unique_ptr<EventCall>> calls;
+    Ptr<EventCall::Reactor> other;
+    auto const newEvent = [&] {
+        root->clockIs(TimerEvent::TimerEventIs(loop));
+        if (eachIsCalled)
+            other = new EventCall::Reactor(root->clock()->notifier(), 0, [&] { ++told; });
+    };
+    auto const post = [&](char const* what, std::function<void()> call) {
+        boost::asio::post(loop->ioContext(), [&order, what, call] { order += what, call(); });
+    };
+    auto const silenceUntilPosted = [&](std::function<void(bool)> const& isOn) {
+        isOn(false);
+        post("on", [&, isOn] { isOn(true), root->requestSchedulerRun(); });
+    };
+    auto const something = [&] {
+        switch (random() % 16) {
+        case 0: return post("p", [] {});
+        case 1:
+            calls.push_back(std::make_unique<EventCall>(loop, [&] { order += "c"; }));
+            return calls.back()->in(0.0);
+        case 2: return void(order += "o" + std::to_string(loop->runOnce()));
+        case 3: return root->clock()->onClock();
+        case 4: return root->handleSchedulerRun();
+        case 5: return newEvent();
+        case 6: return silenceUntilPosted([&](bool on) { root->clock()->hasNotificationActiveIs(on); });
+        case 7: return steady.perReadingIs(ManualClock::Duration(random() % 2 * (random() % 2000)));
+        case 8: return steady.advance(ManualClock::Duration(-1));
+        case 9: return silenceUntilPosted([&](bool on) { root->clock()->notificationActiveIs(0, on); });
+        case 10: return silenceUntilPosted([&](bool on) { root->suspendedIs(!on); });
+        case 11:
+            return silenceUntilPosted(
+                [&](bool on) { root->clock()->notifier()->hasNotificationActiveIs(on); });
+        case 12: return loop->stop();
+        default: return;
+        }
+    };
+    newEvent();
+    std::vector<Ptr<OnRun>> tasks;
+    for (auto const& [name, priority] : std::map<std::string, U32>{{"H", 1}, {"N", 2}, {"L", 3}}) {
+        auto const task = Task::TaskIs(root, TaskPriority::PriorityEnumInstance(priority), name);
+        tasks.push_back(new OnRun(task, [&, name = name, task = task.ptr()] {
+            order += name;
+            task->scheduleTask();
+            ++deep;
+            if (--left <= 0)
+                loop->stop();
+            for (auto n = deep < 3 && random() % seldom == 0 ? random() % 4 : 0; n > 0; --n)
+                something();
+            --deep;
+        }));
+        task->scheduleTask();
+    }
+    while (left > 0)
+        random() % 2 == 0 ? loop->run() : void(order += std::to_string(loop->runOnce()));
+    return order + (!eachIsCalled || told > runs / 2 ? "" : " not called each time") + " " +
+           std::to_string(steady.readings());
+}
+
+TEST(TaskSchedulerEventLoopTurns, ComeInTheSameOrderWhetherTheyLeaveTheirCallOrNot) {
+    Random random;
+    for (std::size_t i = 0; i < operations(200); ++i) {
+        std::uint64_t const seed = random.word();
+        ASSERT_EQ(orderOf(seed, true, 1000), orderOf(seed, false, 1000)) << seed;
+    }
 }
 
 TEST(TaskSchedulerEventLoopDeathTest, RootInAGlobalVariableDiesAfterTheThreadsLocals) {
