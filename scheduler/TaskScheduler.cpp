@@ -226,7 +226,7 @@ void TaskScheduler::handleSchedulerHasRunnableTasks() {
 /// The scheduler holds itself, since its last task may die in the run and take it along; the task is held,
 /// since its last owner may let go of it in the run. The next pass is asked for even if no task is left: that
 /// pass finds the queues empty and turns the flag off, in one place.
-void TaskScheduler::runPass(TaskTimeStamp const& now) {
+[[gnu::always_inline]] inline void TaskScheduler::pass(TaskTimeStamp const& now) {
     Mox::Ptr<TaskScheduler> const self = this;
     if (root_->suspended()) {
         MOX_TRACE_OF("handleSchedulerRun", taskSchedulerTrace, 8, this << " Suspended");
@@ -252,8 +252,10 @@ void TaskScheduler::runPass(TaskTimeStamp const& now) {
 
 void TaskScheduler::handleSchedulerRun() {
     MOX_ASSERT_AS("__null != root_", root_);
-    runPass(Mox::SteadyClock::now());
+    pass(Mox::SteadyClock::now());
 }
+
+void TaskScheduler::runPass(TaskTimeStamp const& now) { pass(now); }
 
 Task* TaskScheduler::pickOneTask(TaskTimeStamp const& now, TaskPriority from) {
     return runQueues_.pick(now, from);

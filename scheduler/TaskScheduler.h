@@ -258,6 +258,7 @@ class MOX_EXPORT TaskScheduler : public Mox::PtrInterface {
 
   private:
     void fileStats(Task const& task);
+    void pass(TaskTimeStamp const& now);
 
     // Fixed at construction
     Mox::Ptr<SchedulerName const> const name_;

@@ -225,7 +225,7 @@ template <U32 notification> void Task::notify() const {
         reactors_.notify<notification>();
 }
 
-template <U32 notification, class T> void Task::change(T& attribute, T value) {
+template <U32 notification, class T> [[gnu::always_inline]] inline void Task::change(T& attribute, T value) {
     if (attribute == value)
         return;
     attribute = value;
@@ -270,13 +270,17 @@ template <bool isHeld> inline void Task::tellRun(TaskTimeStamp const& start) {
     TaskRecord const* const record = record_.ptr();
     bool const isNested = std::exchange(isInRun_, true);
     TaskTimeStamp const outerStart = std::exchange(taskLastRunTimeStamp_, start);
+    auto const requireThere = [&] {
+        if constexpr (!isHeld)
+            requireAlive(*record);
+    };
     tellRunning(true);
-    requireAlive(*record);
+    requireThere();
     if (stepsAreOwn_) [[likely]]
         change<NotifieeConst::taskRunChanged>(taskRun_, taskRun_ + 1);
     else
         taskRunInc(1);
-    requireAlive(*record);
+    requireThere();
     isInRun_ = isNested;
     tellRunning(isNested);
     requireAlive(*record);
@@ -287,7 +291,8 @@ template <bool isHeld> inline void Task::tellRun(TaskTimeStamp const& start) {
 template <bool isHeld> inline void Task::taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end) {
     record(EventType::runStart, start);
     KELTASK_TASK_PROBE(run_start, this, taskLastSchedulingLatency_.count());
-    MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
+    if constexpr (!isHeld)
+        MOX_ASSERT_AS("!taskRunQueueLink_.isLinked()", !taskRunQueueLink_.isLinked());
     MOX_TRACE_AT(taskSchedulerTrace, 8, "Running " << this);
     tellRun<isHeld>(start);
     TaskTimeStamp const now = Mox::SteadyClock::now();

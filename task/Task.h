@@ -100,11 +100,7 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     bool taskShouldYieldAt(TaskTimeStamp const& now) const;
     /// Runs the task once, off its queue. `end` gets the end of the run.
     void taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end);
-    /// The same for who holds the task over the run, as the run pass does.
-    void taskDoRunHeld(TaskTimeStamp const& start, TaskTimeStamp* end);
     TaskStat getStats() const;
-    /// The same without the name, which takes memory.
-    TaskStat getStatsUnnamed() const;
 
     // What stands in the way of an operation that would end in an assertion.
 
@@ -172,6 +168,7 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     }
 
   private:
+    friend class TaskScheduler;                  // the run pass
     friend class TaskRunQueue;                   // the task's place in it
     friend struct TaskRegistryTraits;            // its link in the registry
     template <class> friend class OwnTaskAccess; // which makes it a scheduler's own
@@ -182,8 +179,12 @@ class MOX_EXPORT Task : public Mox::PtrInterface {
     void handleTaskSuspendedForTest();
     void handleTaskForceYieldInTest();
 
+    /// getStats() without the name, which takes memory.
+    TaskStat getStatsUnnamed() const;
     bool wakeScheduler();
     Mox::Problem problemOfWaking() const;
+    /// taskDoRun() for who has just taken the task off its queue, and holds it over the run.
+    void taskDoRunHeld(TaskTimeStamp const& start, TaskTimeStamp* end);
     template <bool isHeld> void taskDoRun(TaskTimeStamp const& start, TaskTimeStamp* end);
     template <bool isHeld> void tellRun(TaskTimeStamp const& start);
     void record(TaskSchedulerEventType eventType, TaskTimeStamp const& stamp) const;
