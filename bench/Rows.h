@@ -89,4 +89,11 @@ inline void figure(std::string_view name, std::uint64_t n, double ours, std::opt
         row.figure("floor", *floor);
 }
 
+/// Rows with these words in their names are not to be had here, for that reason.
+inline void leftOut(std::string_view words, std::string const& why) {
+    std::printf(R"({"left out": "%.*s", "why": "%s"})"
+                "\n",
+                static_cast<int>(words.size()), words.data(), why.c_str());
+}
+
 } // namespace Bench

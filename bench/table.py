@@ -81,7 +81,7 @@ def print_rows(title, rows, width):
 
 
 def read(lines):
-    measured, failed = {}, []
+    measured, failed, left_out = {}, [], {}
     for line in lines:
         try:
             row = json.loads(line)
@@ -90,9 +90,11 @@ def read(lines):
             continue
         if "failed" in row:
             failed.append(row["failed"])
+        elif "left out" in row:
+            left_out[row["left out"]] = row["why"]
         else:
             measured[row["name"], row["n"]] = row
-    return measured, failed
+    return measured, failed, left_out
 
 
 def main():
@@ -101,8 +103,9 @@ def main():
     parser.add_argument("--json", metavar="FILE", help="also write the rows there")
     options = parser.parse_args()
 
-    measured, failed = read(sys.stdin)
-    goals = {(goal["name"], n): goal for goal in GOALS if not (options.quick and goal.get("full")) for n in goal["n"]}
+    measured, failed, left_out = read(sys.stdin)
+    goals = {(goal["name"], n): goal for goal in GOALS if not (options.quick and goal.get("full")) for n in goal["n"]
+             if not any(words in goal["name"] for words in left_out)}
     judged = [Row(measured[key], goal) for key, goal in goals.items() if key in measured]
     others = [Row(row) for key, row in measured.items() if key not in goals]
 
@@ -117,6 +120,8 @@ def main():
     missing = [f"{name} ({n})" for name, n in goals if (name, n) not in measured]
     missed = sum(row.holds is False for row in judged)
     print(f"{sum(row.holds is True for row in judged)} goals hold, {missed} are missed.")
+    for words, why in left_out.items():
+        print(f"LEFT OUT, all of {words}: {why}")
     for problem in failed:
         print("FAILED:", problem)
     for problem in missing:

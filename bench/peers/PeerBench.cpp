@@ -104,7 +104,7 @@ int main(int argc, char** argv) {
     // behind.
     using Mox::SteadyClock;
     if (Mox::Problem const problem = SteadyClock::sourceIs(SteadyClock::Source::counter); !problem.empty())
-        std::fprintf(stderr, "no fast clock: %s\n", problem.c_str());
+        Bench::leftOut("fast clock", problem);
     else
         for (unsigned const n : {1u, 16u, 1000u, 1'000'000u})
             sameWork(options, "same work in two priorities, fast clock, ns", n, true);
