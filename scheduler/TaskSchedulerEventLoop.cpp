@@ -89,14 +89,16 @@ void TaskSchedulerEventLoop::keepEventLoopAlive() {
 }
 
 /// Passes follow each other here for as long as the loop's next turn begins with them: the road through the
-/// loop and the event is longer than a short run. Holds itself, since a run may let the root go.
+/// loop and the event is longer than a short run. A run may let the root go, or give it another event, which
+/// may be another loop's.
 void TaskSchedulerEventLoop::MoxClock::onClock() {
     Mox::Ptr<MoxClock> const self = this;
-    bool const isFired = rawEvent() && rawEvent()->fires();
+    Mox::Ptr<TimerEvent> const event = rawEvent();
+    bool const isFired = event && event->fires();
     do
         if (owner())
             owner()->handleSchedulerRun();
-    while (isFired && rawEvent() && rawEvent()->firesAgainFor(*this));
+    while (isFired && event == rawEvent() && event->firesAgainFor(*this));
 }
 
 void TaskSchedulerEventLoop::MoxEventLoopKeepAliveClock::onClock() {

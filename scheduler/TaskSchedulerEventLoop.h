@@ -7,8 +7,9 @@
 namespace Kel {
 
 /// The root for a process whose loop is a Kel::EventLoop: each request arms a timer event for the next turn,
-/// whose expiry runs one pass. It makes the tree's timer wheel on the same loop, and, on a loop whose `run()`
-/// would return when nothing is pending, keeps one long timer armed.
+/// whose expiry runs one pass; turns that would be the root's alone follow each other there. It makes the
+/// tree's timer wheel on the same loop, and, on a loop whose `run()` would return when nothing is pending,
+/// keeps one long timer armed.
 ///
 /// Thread rule: made on the loop's thread, which becomes the scheduler thread. Lifetime: it holds the loop,
 /// the loop does not hold it; once it is released no call reaches it any more.

@@ -69,3 +69,5 @@ class MOX_EXPORT Wakeup {
 };
 
 } // namespace Mox
+
+#include <mox/TurnLoop.h> // what is inline above is defined there
