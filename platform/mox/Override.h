@@ -17,6 +17,12 @@ namespace Mox {
 /// one R for each function among them, the answer is yes, which costs a call of a function that does nothing.
 template <class R, auto function> class Override {
   public:
+#if defined(__GXX_ABI_VERSION) && (defined(__x86_64__) || defined(__i386__))
+    static constexpr bool isKnown = std::is_default_constructible_v<R>;
+#else
+    static constexpr bool isKnown = false;
+#endif
+
     static bool isIn([[maybe_unused]] R const* object) {
         if constexpr (isKnown)
             return entryOf(object) != plain_;
@@ -25,12 +31,6 @@ template <class R, auto function> class Override {
     }
 
   private:
-#if defined(__GXX_ABI_VERSION) && (defined(__x86_64__) || defined(__i386__))
-    static constexpr bool isKnown = std::is_default_constructible_v<R>;
-#else
-    static constexpr bool isKnown = false;
-#endif
-
     /// Of a pointer to a virtual member function: 1 + the entry's offset in bytes, and an adjustment of
     /// `this` that is not used here.
     struct Representation {

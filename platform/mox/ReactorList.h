@@ -83,7 +83,8 @@ class MOX_EXPORT ReactorChain {
 };
 
 /// The list that a notifying type keeps, with R its NotifieeConst. R numbers its notifications and names
-/// their callbacks by a static constexpr function `callback(number)`.
+/// their callbacks by a static constexpr function `callback(number)`. Its own callbacks are empty: what no
+/// class overrides need not be called.
 ///
 /// A walk tells a snapshot: a reactor that was removed, destroyed, muted or made a zombie meanwhile is not
 /// called any more; one that joined or came back is not called yet. Walks nest. The notifier itself may be

@@ -5,7 +5,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -23,6 +22,10 @@ constinit thread_local SteadyClock::Thread SteadyClock::thread_;
 namespace {
 
 constexpr U32 unsureMost = 1000; // bindings in a row
+constexpr U64 withinUsually = CounterScale::withinMost / 10;
+
+/// Why the counter was given up; set before the mode tells that it was.
+constinit std::atomic<char const*> departure{nullptr};
 
 void trace(std::string_view text) noexcept {
     try {
@@ -74,30 +77,41 @@ Problem SteadyClock::sourceIs(Source source) {
         mode_.compare_exchange_strong(counter, Mode::posixAgain);
         return {};
     }
-    Problem problem =
-        mode_ == Mode::departed ? "the time-stamp counter was given up before" : problemOfCounter();
+    Problem problem = problemOfCounter();
     if (problem.empty() && readBoth().within > CounterScale::withinMost)
         problem = "reading the POSIX clock takes too long";
-    if (problem.empty())
-        mode_ = Mode::counter;
+    for (Mode mode = mode_; problem.empty() && mode != Mode::counter;)
+        if (mode == Mode::departing || mode == Mode::departed)
+            problem = "the time-stamp counter was given up before";
+        else
+            mode_.compare_exchange_weak(mode, Mode::counter);
     return problem;
 }
 
 void SteadyClock::giveUp(char const* reason) noexcept {
-    if (mode_.exchange(Mode::departed) != Mode::departed)
-        trace(reason);
+    char const* none = nullptr;
+    if (departure.compare_exchange_strong(none, reason))
+        mode_ = Mode::departing;
 }
 
-/// Of some tries the one in which the least time passed, as the thread may be stopped within one.
+void SteadyClock::tellDeparted() noexcept {
+    Mode departing = Mode::departing;
+    if (mode_.compare_exchange_strong(departing, Mode::departed))
+        trace(departure.load());
+}
+
+/// Of some tries the first in which no more time passed than usually, or the best: the thread may be stopped
+/// within one.
 CounterScale::Pair SteadyClock::readBoth() noexcept {
-    std::array<CounterScale::Pair, 3> pairs;
-    for (CounterScale::Pair& pair : pairs) {
+    CounterScale::Pair best{0, 0, ~U64{0}};
+    for (int tries = 0; tries < 3 && best.within > withinUsually; ++tries) {
         U64 const before = counterNow();
         S64 const time = posixNow();
         U64 const within = counterNow() - before;
-        pair = {before + within / 2, time, within};
+        if (within < best.within)
+            best = {before + within / 2, time, within};
     }
-    return *std::ranges::min_element(pairs, {}, &CounterScale::Pair::within);
+    return best;
 }
 
 /// Where the thread's latest reading was ahead, that one.

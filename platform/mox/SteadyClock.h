@@ -21,11 +21,16 @@ namespace Mox {
 ///
 /// It is the ordinary monotonic POSIX clock: a program that interposes `clock_gettime` moves it. When that is
 /// asked for, by `sourceIs()` or by KELTASK_CLOCK=fast in the environment, the processor's time-stamp counter
-/// tells the same time in half the time of a call. Each thread binds the counter to the POSIX clock anew at
-/// its first reading in a millisecond, and when a loop of its own has slept (CounterScale), so that its
-/// readings are within some microseconds of that clock, and comparable with other threads' and programs';
-/// they never go back. A counter that departs is given up for good, with a line on the trace handle "Mox" at
-/// level 0.
+/// tells the same time in half the time of a call. Each thread binds the counter to the POSIX clock anew, at
+/// the price of a reading of both, at its first reading after a loop of its own has asked the kernel for
+/// anything or slept, at its first one in a millisecond, and at each one in its first ten milliseconds. So
+/// its readings are comparable with other threads' and programs'; they never go back.
+///
+/// How far they may depart: by 10 microseconds and a thousandth of the time since the last binding
+/// (CounterScale). At a binding that finds more the counter is given up, for good, with a line on the trace
+/// handle "Mox" at level 0 when a loop next asks the kernel. Until that binding a counter that jumps is
+/// believed for a millisecond ahead at most, and one that stands still for as long as nothing is bound: a
+/// loop's budget of turns.
 class SteadyClock {
   public:
     using TimePoint = boost::chrono::steady_clock::time_point;
@@ -57,19 +62,27 @@ class SteadyClock {
         return TimePoint(Nanoseconds(thread.latest));
     }
 
-    /// The calling thread may sleep now: whatever happens to the counter meanwhile, its next reading goes by
-    /// the POSIX clock.
-    static void sleeps() noexcept { thread_.scale.end(); }
+    /// The calling thread asks the kernel, or may sleep: whatever happens to the counter meanwhile, its next
+    /// reading goes by the POSIX clock. Traces that the counter was given up, which a reading has no place
+    /// for: a sink is foreign code.
+    static void bindAnew() noexcept {
+        thread_.scale.end();
+        if (mode_.load(std::memory_order_relaxed) == Mode::departing) [[unlikely]]
+            tellDeparted();
+    }
 
     /// The calling thread's latest reading; the epoch when there was none.
     static TimePoint latest() noexcept { return TimePoint(Nanoseconds(thread_.latest)); }
 
   private:
+    friend struct SteadyClockGivesUp; // in a test
+
     enum class Mode : U8 {
         posix,
         counter,
         posixAgain, ///< the counter was in use: where it was ahead the POSIX clock has to catch up
-        departed    ///< the same, for good
+        departing,  ///< the same, for good
+        departed    ///< and that was told
     };
     struct Thread {
         S64 latest = 0;
@@ -89,6 +102,7 @@ class SteadyClock {
     MOX_EXPORT static S64 bound() noexcept;
     static CounterScale::Pair readBoth() noexcept;
     static void giveUp(char const* reason) noexcept;
+    MOX_EXPORT static void tellDeparted() noexcept;
 
     MOX_EXPORT static constinit std::atomic<Mode> mode_;
     MOX_EXPORT static constinit thread_local Thread thread_ MOX_FAST_TLS;

@@ -260,6 +260,7 @@ void TurnLoop::serveVirtualTimers() {
 /// An io_context that once found nothing pending stays stopped, and has to be restarted before it serves what
 /// came since. The loop's own handlers are no callbacks of anybody, and are left out of the count.
 U64 TurnLoop::pollDescriptors() {
+    SteadyClock::bindAnew();
     if (io_->context.stopped())
         io_->context.restart();
     U64 const ownBefore = io_->ownHandlers;
@@ -294,7 +295,7 @@ bool TurnLoop::wait(Seconds limit, bool waitsWhenIdle) {
         if (*loop)
             ++(*loop)->io_->ownHandlers;
     });
-    SteadyClock::sleeps();
+    SteadyClock::bindAnew();
     io_->context.run_one();
     io_->timer.cancel();
     return true;
@@ -335,7 +336,7 @@ Seconds TurnLoop::dueOn(Clock const& clock, Seconds limit) const {
 /// Without the guard the io_context returns at once when no descriptor is waited for, which is how a run
 /// ends; with it, it waits until another thread posts something.
 bool TurnLoop::waitForDescriptors(bool waitsWhenIdle) {
-    SteadyClock::sleeps();
+    SteadyClock::bindAnew();
     if (!waitsWhenIdle)
         return io_->context.run_one() > 0;
     auto const guard = boost::asio::make_work_guard(io_->context);
