@@ -63,6 +63,45 @@ TEST_F(TaskSchedulerTest, ItsOwnTaskIsMadeOnceOrphanedWhenItIsDroppedAndKeepsNot
     }
 }
 
+/// What an application's own classes override is called, whatever the library's own do instead.
+struct Overriding : TaskSchedulerRoot {
+    Overriding() : TaskSchedulerRoot("overriding") {}
+    void requestSchedulerRun() override {}
+    void tasksRegisteredIs(Task* task) override { note("is"), TaskSchedulerRoot::tasksRegisteredIs(task); }
+    Task* tasksRegisteredDel(TaskKey const& key) override {
+        return note("del"), TaskSchedulerRoot::tasksRegisteredDel(key);
+    }
+    using TaskSchedulerRoot::tasksRegisteredDel;
+    TaskStat deadTaskStatsInc(String8 name, TaskStat const& stat) override {
+        return note("dead"), TaskSchedulerRoot::deadTaskStatsInc(name, stat);
+    }
+    void note(std::string const& what) { notes += what + " "; }
+
+    struct Own : Task {
+        Own(Overriding& all) : Task(&all, TaskPriority::normal, "own"), told(all) {}
+        void taskLastAddedToRunQueueTimeStampIs(TaskTimeStamp const& stamp) override {
+            told.note("added"), Task::taskLastAddedToRunQueueTimeStampIs(stamp);
+        }
+        void taskCurrentlyRunningIs(bool running) override {
+            told.note(running ? "running" : "idle"), Task::taskCurrentlyRunningIs(running);
+        }
+        void taskRunInc(U32 runs) override { told.note("run"), Task::taskRunInc(runs); }
+        Overriding& told;
+    };
+    std::string notes;
+};
+
+TEST(TaskSchedulerOverrides, AreCalled) {
+    Ptr<Overriding> const root = new Overriding;
+    Ptr<Task> task = new Overriding::Own(*root);
+    task->scheduleTask();
+    root->handleSchedulerRun();
+    EXPECT_EQ(1u, task->taskRun());
+    task = nullptr;
+    EXPECT_EQ("is added running run idle dead del ", root->notes);
+    EXPECT_EQ(1u, root->deadTaskStats("own")->taskRun());
+}
+
 /// Notes which entries of its collections change.
 struct Noting : TaskSchedulerRoot {
     Noting() : TaskSchedulerRoot("noting") { trimHistoryEnabledIs(false); }

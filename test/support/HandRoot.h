@@ -23,6 +23,7 @@ class HandRoot : public TaskSchedulerRoot {
   public:
     static Ptr<HandRoot> HandRootIs(String8 const& name = "root") {
         Ptr<HandRoot> root = new HandRoot(name);
+        root->stepsAreOwn(); // the library's roads, that is
         root->hasNotificationActiveIs(true);
         return root;
     }
