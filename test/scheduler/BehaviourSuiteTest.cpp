@@ -353,7 +353,7 @@ std::string orderOf(std::uint64_t seed, bool eachIsCalled, int runs) {
     auto const root = TaskSchedulerEventLoop::TaskSchedulerEventLoopIs("root", loop);
     std::string order;
     int left = runs, deep = 0, told = 0;
-    std::vector<std::unique_ptr<EventCall>> calls;
+    EventCall soon(loop, [&] { order += "c"; });
     Ptr<EventCall::Reactor> other;
     auto const newEvent = [&] {
         root->clockIs(TimerEvent::TimerEventIs(loop));
@@ -370,9 +370,7 @@ std::string orderOf(std::uint64_t seed, bool eachIsCalled, int runs) {
     auto const something = [&] {
         switch (random() % 16) {
         case 0: return post("p", [] {});
-        case 1:
-            calls.push_back(std::make_unique<EventCall>(loop, [&] { order += "c"; }));
-            return calls.back()->in(0.0);
+        case 1: return soon.in(0.0);
         case 2: return void(order += "o" + std::to_string(loop->runOnce()));
         case 3: return root->clock()->onClock();
         case 4: return root->handleSchedulerRun();

@@ -63,45 +63,6 @@ TEST_F(TaskSchedulerTest, ItsOwnTaskIsMadeOnceOrphanedWhenItIsDroppedAndKeepsNot
     }
 }
 
-/// What an application's own classes override is called, whatever the library's own do instead.
-struct Overriding : TaskSchedulerRoot {
-    Overriding() : TaskSchedulerRoot("overriding") {}
-    void requestSchedulerRun() override {}
-    void tasksRegisteredIs(Task* task) override { note("is"), TaskSchedulerRoot::tasksRegisteredIs(task); }
-    Task* tasksRegisteredDel(TaskKey const& key) override {
-        return note("del"), TaskSchedulerRoot::tasksRegisteredDel(key);
-    }
-    using TaskSchedulerRoot::tasksRegisteredDel;
-    TaskStat deadTaskStatsInc(String8 name, TaskStat const& stat) override {
-        return note("dead"), TaskSchedulerRoot::deadTaskStatsInc(name, stat);
-    }
-    void note(std::string const& what) { notes += what + " "; }
-
-    struct Own : Task {
-        Own(Overriding& all) : Task(&all, TaskPriority::normal, "own"), told(all) {}
-        void taskLastAddedToRunQueueTimeStampIs(TaskTimeStamp const& stamp) override {
-            told.note("added"), Task::taskLastAddedToRunQueueTimeStampIs(stamp);
-        }
-        void taskCurrentlyRunningIs(bool running) override {
-            told.note(running ? "running" : "idle"), Task::taskCurrentlyRunningIs(running);
-        }
-        void taskRunInc(U32 runs) override { told.note("run"), Task::taskRunInc(runs); }
-        Overriding& told;
-    };
-    std::string notes;
-};
-
-TEST(TaskSchedulerOverrides, AreCalled) {
-    Ptr<Overriding> const root = new Overriding;
-    Ptr<Task> task = new Overriding::Own(*root);
-    task->scheduleTask();
-    root->handleSchedulerRun();
-    EXPECT_EQ(1u, task->taskRun());
-    task = nullptr;
-    EXPECT_EQ("is added running run idle dead del ", root->notes);
-    EXPECT_EQ(1u, root->deadTaskStats("own")->taskRun());
-}
-
 /// Notes which entries of its collections change.
 struct Noting : TaskSchedulerRoot {
     Noting() : TaskSchedulerRoot("noting") { trimHistoryEnabledIs(false); }
@@ -119,6 +80,15 @@ struct Noting : TaskSchedulerRoot {
     std::string notes;
 };
 
+/// Notes the steps of a run that its class overrides.
+struct NotingTask : Task {
+    explicit NotingTask(Noting& all) : Task(&all, TaskPriority::normal, "own"), told(all) {}
+    void taskLastAddedToRunQueueTimeStampIs(TaskTimeStamp const&) override { told.note("added"); }
+    void taskCurrentlyRunningIs(bool running) override { told.note(running ? "runs" : "ran"); }
+    void taskRunInc(U32) override { told.note("run"); }
+    Noting& told;
+};
+
 TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLoseAndNotifyOfWhatChanges) {
     Ptr<Noting> const r = new Noting;
     auto const a = Task::TaskIs(r, high, "a"), b = Task::TaskIs(r, low, "b");
@@ -131,6 +101,7 @@ TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLoseAndNotifyOfWhatChanges)
     auto dead = r->deadTaskStats().begin();
     auto walk = r->tasksRegisteredIterator();
     auto const drop = [&](Task* task) { return task ? 1u : 0u; };
+    Ptr<Task> own;
     struct {
         std::function<U64()> act;
         U64 result;
@@ -160,6 +131,9 @@ TEST_F(TaskSchedulerTest, CollectionsGiveBackWhatTheyLoseAndNotifyOfWhatChanges)
         {[&] { return r->taskSchedulerIs(r.ptr(), true), r->taskSchedulerDel(r.ptr()); }, 1, "scheduler"},
         {[&] { return r->registerScheduler(r.ptr()), r->taskSchedulerDel(r.ptr()); }, 1,
          "scheduler, scheduler"},
+        {[&] { return own = new NotingTask(*r), own->scheduleTask(), r->handleSchedulerRun(), 0; }, 0,
+         "task, normal, added, runs, run, ran"},
+        {[&] { return own = nullptr, 0; }, 0, "0, task, normal, dead normal"},
     };
     for (auto const& row : rows) {
         r->notes.clear();
