@@ -45,7 +45,7 @@ template <class R, auto function> class Override {
         if (representation.entry % 2 == 0 || representation.adjustment != 0)
             return object; // not virtual, or of another base: no entry of this table
         char const* table = nullptr;
-        std::memcpy(&table, object, sizeof table);
+        std::memcpy(&table, static_cast<void const*>(object), sizeof table);
         void const* entry = nullptr;
         std::memcpy(&entry, table + representation.entry - 1, sizeof entry);
         return entry;
