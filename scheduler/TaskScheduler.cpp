@@ -226,6 +226,8 @@ void TaskScheduler::handleSchedulerHasRunnableTasks() {
 /// The scheduler holds itself, since its last task may die in the run and take it along; the task is held,
 /// since its last owner may let go of it in the run. The next pass is asked for even if no task is left: that
 /// pass finds the queues empty and turns the flag off, in one place.
+///
+/// In line twice, since drivers and groups each come here in every run.
 [[gnu::always_inline]] inline void TaskScheduler::pass(TaskTimeStamp const& now) {
     Mox::Ptr<TaskScheduler> const self = this;
     if (root_->suspended()) {

@@ -133,10 +133,10 @@ class MOX_EXPORT TurnLoop {
     bool const isAttached_;
     U32 driven_ = 0; // run functions under way
 
-    Budget budget_;            // of the turns under way
-    bool turnsFollow_ = false; // with nothing to be looked at in between
-    Wakeup const* called_ = nullptr;
-    Nanoseconds turnsTook_{}; // the latest ones
+    Budget budget_;                  // of the turns under way
+    bool turnsFollow_ = false;       // with nothing to be looked at in between
+    Wakeup const* called_ = nullptr; // whose call has begun; null once it has asked
+    Nanoseconds turnsTook_{};        // the latest ones
     bool handlersLeft_ = false;
 
     std::vector<std::unique_ptr<TimerQueue>> queues_; // the thread's clock first
